@@ -1,0 +1,133 @@
+/*
+ * dlna_dms.h - public interface of libdlnadms, a DLNA Digital Media Server.
+ *
+ * Rules of this interface
+ * -----------------------
+ * Ownership.  The host owns the dmsConfig and dmsDeviceInfo records and every
+ *   string they point to; dlna_dmsCreate copies both records whole, and reads
+ *   the shared-path strings only during the call (and during
+ *   dlna_dmsAddSharedPath).  dlna_dmsCreate allocates the dmsHandle with
+ *   calloc(); after dlna_dmsDestroy the host releases it with free().  The
+ *   content list returned by dlna_dmsGetContentList belongs to the handle and
+ *   lives until dlna_dmsDestroy.
+ * NULL.  No pointer argument may be NULL unless stated: a NULL handle, record
+ *   or path is refused with DMS_ERR_INVALID_PARAM.  deviceInfo may be NULL
+ *   (empty identity strings are published).
+ * Threads.  All dlna_dms* calls are made from one host thread, in the order
+ *   Init, Create, Start, (Stop, Start)*, Stop, Destroy, Deinit.  The library
+ *   runs its own threads (the SDK's workers, an advertiser, a file monitor);
+ *   none of them calls back into the host.  dmsClmLockContentList and
+ *   dmsClmUnlockContentList may be called from any host thread.
+ * Results.  Every function returns 0 (DMS_SUCCESS) or one of the negative
+ *   DMS_ERR_* codes below; results come back through out-parameters.  The
+ *   library writes diagnostics to standard output, filtered by the
+ *   hexadecimal level mask in the environment variable DMS_TRACE_LEVEL.
+ * Files.  The server reads its description documents and icons from the
+ *   process's working directory at dlna_dmsCreate: enter the directory that
+ *   holds them (the www/ folder of this package) before creating a server.
+ */
+#ifndef DLNA_DMS_H
+#define DLNA_DMS_H
+
+#include <stdint.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+#if defined(DMS_BUILDING_LIBRARY)
+#define DMS_EXPORT __attribute__((visibility("default")))
+#else
+#define DMS_EXPORT
+#endif
+
+/* Status codes. */
+#define DMS_SUCCESS                          0
+#define DMS_ERR_FAILURE                    (-40)
+#define DMS_ERR_MUTEX_FAILURE              (-49)
+#define DMS_ERR_THREAD_FAILURE             (-50)
+#define DMS_ERR_NOT_FOUND                  (-69)
+#define DMS_ERR_UPNP_FAILURE               (-70)
+#define DMS_ERR_NO_SUCH_OBJECT             (-76)
+#define DMS_ERR_UNSUPPORTED_CLASS          (-77)
+#define DMS_ERR_UNSUPPORTED_STATE_VARIABLE (-78)
+#define DMS_ERR_UNSUPPORTED_ACTION         (-79)
+#define DMS_ERR_WRONG_SERVICE              (-80)
+#define DMS_ERR_NOT_STARTED                (-94)
+#define DMS_ERR_SYNC                       (-95)
+#define DMS_ERR_NO_MEMORY                  (-97)
+#define DMS_ERR_INVALID_BROWSE_FLAG        (-98)
+#define DMS_ERR_INVALID_PARAM              (-100)
+
+/* Server configuration, filled by the host and copied by dlna_dmsCreate. */
+typedef struct dmsConfig {
+  char friendlyName[512];  /* at most 256 characters; ": DMS" is appended */
+  char ipAddress[264];     /* dotted IPv4 address to serve on */
+  int32_t port;            /* in: wanted port; out: the port actually bound */
+  int32_t configBaseUrl;   /* not read by the server */
+  char **sharedPaths;      /* array of numSharedPaths folder paths */
+  int32_t numSharedPaths;
+  int32_t maxContent;      /* capacity of the content list, in entries */
+} dmsConfig;
+
+/* Device identity published in the device description. */
+typedef struct dmsDeviceInfo {
+  char manufacturer[256];
+  char manufacturerUrl[256];
+  char modelName[256];
+  char modelDescription[256];
+  char modelNumber[256];
+  char modelUrl[256];
+  char serialNumber[256];
+} dmsDeviceInfo;
+
+/* One server instance. */
+typedef struct dmsHandle dmsHandle;
+/* The server's content list (the shared folders and their media files). */
+typedef struct dmsContentListInfo dmsContentListInfo;
+
+/* Library set-up: call once before anything else; reads DMS_TRACE_LEVEL. */
+DMS_EXPORT int32_t dlna_dmsInit(void);
+/* Library tear-down: call once after the last server was destroyed. */
+DMS_EXPORT int32_t dlna_dmsDeinit(void);
+
+/* Creates a server: brings up the UPnP SDK on config->ipAddress:port, scans
+ * the shared folders and prepares the services.  On success *out is set and
+ * config->port holds the bound port.  Only one server per process. */
+DMS_EXPORT int32_t dlna_dmsCreate(dmsHandle **out, dmsConfig *config,
+                                  const dmsDeviceInfo *deviceInfo);
+/* Registers and announces the device; starts the advertiser thread. */
+DMS_EXPORT int32_t dlna_dmsStart(dmsHandle *handle);
+/* Stops announcing and unregisters the device. */
+DMS_EXPORT int32_t dlna_dmsStop(dmsHandle *handle);
+/* Stops (when started) and releases everything but the handle record. */
+DMS_EXPORT int32_t dlna_dmsDestroy(dmsHandle *handle);
+
+/* Re-registers a started server (DMS_ERR_NOT_STARTED otherwise). */
+DMS_EXPORT int32_t dlna_dmsRestart(dmsHandle *handle);
+/* Publishes a new friendly name (at most 256 characters) and restarts. */
+DMS_EXPORT int32_t dlna_dmsUpdateFriendlyName(dmsHandle *handle,
+                                              const char *friendlyName);
+/* Shares one more folder and restarts. */
+DMS_EXPORT int32_t dlna_dmsAddSharedPath(dmsHandle *handle, char *newSharedPath);
+/* Stops sharing a folder and restarts. */
+DMS_EXPORT int32_t dlna_dmsDeleteSharedPath(dmsHandle *handle,
+                                            const char *sharedPath);
+
+/* The server's content list, for the two lock calls below (NULL for NULL). */
+DMS_EXPORT dmsContentListInfo *dlna_dmsGetContentList(dmsHandle *handle);
+/* A mutex offered to the host for its own use around the content list; the
+ * server's own readers and writers do not take it.  DMS_ERR_SYNC on failure. */
+DMS_EXPORT int32_t dmsClmLockContentList(dmsContentListInfo *list);
+DMS_EXPORT int32_t dmsClmUnlockContentList(dmsContentListInfo *list);
+
+/* Defined by the host program: non-zero switches on the scan's name filter
+ * (only well-known media extensions are offered to detection) and exempts
+ * folders from the entry budget.  The library supplies a weak default of 0. */
+extern int KVSUPPORT_XR_VAL;
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif /* DLNA_DMS_H */
