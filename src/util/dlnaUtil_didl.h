@@ -1,0 +1,95 @@
+// DIDL-Lite writer: turns the objects of a ContentDirectory answer into one
+// line of DIDL-Lite XML in a dlnaUtilBuffer.
+//
+// Calling order for one answer: dlnaUtil_DIDLAddHeader, any number of items
+// and containers, dlnaUtil_DIDLAddFooter.  Every function returns 0 or a
+// DLNA_UTIL_ERR_* code, and fails with DLNA_UTIL_ERR_NULL_BUFFER before
+// looking at anything else when the buffer or its block is NULL.  Each write
+// is one formatted append; the first failing append ends the operation with
+// its code and leaves what was written so far in the buffer (callers discard
+// the whole answer on error).
+//
+// Every text and string attribute value is written XML-escaped (& < > " '
+// become &amp; &lt; &gt; &quot; &apos;), so names taken from the file system
+// always give a well-formed document.  A NULL text is written as "(null)".
+// Text fields are borrowed from the caller for the duration of the call.
+#ifndef DMS_UTIL_DLNAUTIL_DIDL_H
+#define DMS_UTIL_DLNAUTIL_DIDL_H
+
+#include <cstdint>
+
+#include "util/dlnaUtil_buffer.h"
+
+// One media object, written as an `item` element.
+struct dlnaUtilDidlItem {
+  int32_t id;                // object id
+  int32_t parentID;          // parent's id, -1 when there is none
+  uint32_t restricted;       // 0 or 1
+  const char *upnpClass;     // e.g. "object.item.audioItem.musicTrack"
+  const char *title;
+  const char *protocolInfo;  // NULL: the item has no `res` element
+  int64_t size;              // file size in bytes; written when > 0
+  const char *serverAddress; // dotted IP address of the web server
+  int32_t serverPort;        // web server port
+  const char *resourceName;  // last path component of the media URL
+  const char *filter;        // the request's Filter; not read by the writer
+  const char *album;         // NULL: absent
+  char resolution[16];       // "<width>x<height>"; empty: absent
+  char date[24];             // empty: absent
+  int32_t duration;          // whole seconds; written when > 0
+  int32_t bitrate;           // written when > 0
+  const char *creator;       // NULL: absent
+  const char *genre;         // NULL: absent
+};
+
+// One folder, written as a `container` element.
+struct dlnaUtilDidlContainer {
+  int32_t id;
+  int32_t parentID;     // -1 for the root
+  int32_t childCount;   // negative: attribute not written
+  uint32_t restricted;  // 0 or 1
+  uint32_t searchable;  // 0 or 1; 2 or more (callers use -1): not written
+  const char *title;
+  const char *upnpClass;
+};
+
+// Appends ` name="value"` with the value escaped.  NULL name:
+// DLNA_UTIL_ERR_INVALID_PARAM.
+int32_t dlnaUtil_DIDLAddStringAttribute(dlnaUtilBuffer *buffer, const char *name,
+                                        const char *value);
+
+// Appends ` name="value"` with the decimal value.  NULL name:
+// DLNA_UTIL_ERR_INVALID_PARAM.
+int32_t dlnaUtil_DIDLAddIntegerAttribute(dlnaUtilBuffer *buffer, const char *name,
+                                         int32_t value);
+
+// Appends `<name>text</name>` with the text escaped.  NULL name:
+// DLNA_UTIL_ERR_INVALID_PARAM.
+int32_t dlnaUtil_DIDLAddElement(dlnaUtilBuffer *buffer, const char *name, const char *text);
+
+// Appends the opening DIDL-Lite tag with its DIDL-Lite, dc and upnp
+// namespace declarations.
+int32_t dlnaUtil_DIDLAddHeader(dlnaUtilBuffer *buffer);
+
+// Appends the closing DIDL-Lite tag.
+int32_t dlnaUtil_DIDLAddFooter(dlnaUtilBuffer *buffer);
+
+// Appends one `item`: attributes id, parentID, restricted; elements
+// upnp:album (if set), upnp:class, dc:title, upnp:genre, dc:creator and
+// dc:date (each if set); then, when protocolInfo is set, `res` with
+// protocolInfo, size, duration (H:MM:SS.000), resolution and bitrate (each
+// when present) around the URL "http://<address>:<port>/web/<resourceName>".
+// The item is refused (DLNA_UTIL_ERR_INVALID_PARAM) only when every one of
+// id, parentID, restricted, upnpClass and title is bad; one good field lets it
+// through.  NULL item: DLNA_UTIL_ERR_INVALID_PARAM.
+int32_t dlnaUtil_DIDLAddItem(dlnaUtilBuffer *buffer, const dlnaUtilDidlItem *item);
+
+// Appends one `container`: attributes id, parentID, childCount (if >= 0),
+// restricted, searchable (if 0 or 1); elements upnp:class and dc:title.
+// Refused with DLNA_UTIL_ERR_INVALID_PARAM when any one of these holds: id
+// negative, parentID below -1, restricted 2 or more, title or upnpClass NULL,
+// or the record itself NULL.
+int32_t dlnaUtil_DIDLAddContainer(dlnaUtilBuffer *buffer,
+                                  const dlnaUtilDidlContainer *container);
+
+#endif  // DMS_UTIL_DLNAUTIL_DIDL_H
