@@ -1,0 +1,22 @@
+#!/usr/bin/env bash
+# Installs what a fresh Debian 12 machine lacks to build and test the server.
+# Usage: scripts/deps.sh [build|test]   (test also brings the test tools)
+set -euo pipefail
+
+want=(build-essential cmake pkg-config libupnp-dev)
+if [ "${1:-build}" = test ]; then
+  want+=(libgtest-dev libgmock-dev iproute2 util-linux gupnp-tools curl python3)
+fi
+
+missing=()
+for package in "${want[@]}"; do
+  dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q 'install ok installed' ||
+    missing+=("$package")
+done
+[ ${#missing[@]} -eq 0 ] && exit 0
+
+sudo=""
+[ "$(id -u)" -eq 0 ] || sudo="sudo"
+echo "Installing: ${missing[*]}"
+$sudo apt-get update -qq
+DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null

@@ -1,0 +1,42 @@
+#!/usr/bin/env bash
+# Builds the library and runs the whole test suite: a plain build, then the
+# AddressSanitizer+UndefinedBehaviorSanitizer build, then the threaded tests
+# under ThreadSanitizer.  Every test runs inside a private network namespace
+# with loopback only, so that the server's SSDP announcements never leave the
+# machine.
+set -euo pipefail
+top=$(cd "$(dirname "$0")/.." && pwd)
+cd "$top"
+scripts/deps.sh test
+
+jobs=$(nproc)
+configure_and_build() {  # dir, cmake options...
+  local dir=$1; shift
+  cmake -S . -B "$dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo "$@" >/dev/null
+  cmake --build "$dir" -j "$jobs" >/dev/null
+}
+
+# ctest inside a fresh network namespace (root: unshare -n; otherwise a user
+# namespace maps us to root inside it).
+isolated_ctest() {  # dir, ctest options...
+  local dir=$1; shift
+  local ns=(unshare -n)
+  [ "$(id -u)" -eq 0 ] || ns=(unshare -rn)
+  "${ns[@]}" sh -c 'ip link set lo up &&
+    ip route add 224.0.0.0/4 dev lo src 127.0.0.1 2>/dev/null;
+    cd "$0" && exec ctest --output-on-failure --timeout 300 "$@"' "$dir" "$@"
+}
+
+echo "== plain build"
+configure_and_build build
+isolated_ctest build
+
+echo "== AddressSanitizer + UndefinedBehaviorSanitizer"
+configure_and_build build-asan -DDMS_SANITIZE_ADDRESS=ON -DDMS_BUILD_BENCH=OFF
+ASAN_OPTIONS=detect_leaks=1 isolated_ctest build-asan
+
+if [ -n "$(cd build && ctest -N -L threads 2>/dev/null | grep -E '^ +Test +#')" ]; then
+  echo "== ThreadSanitizer (threaded tests)"
+  configure_and_build build-tsan -DDMS_SANITIZE_THREAD=ON -DDMS_BUILD_BENCH=OFF
+  TSAN_OPTIONS=halt_on_error=1 isolated_ctest build-tsan -L threads
+fi
