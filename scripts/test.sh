@@ -33,7 +33,8 @@ isolated_ctest build
 
 echo "== AddressSanitizer + UndefinedBehaviorSanitizer"
 configure_and_build build-asan -DDMS_SANITIZE_ADDRESS=ON -DDMS_BUILD_BENCH=OFF
-ASAN_OPTIONS=detect_leaks=1 isolated_ctest build-asan
+ASAN_OPTIONS=detect_leaks=1 LSAN_OPTIONS=suppressions="$top/tests/lsan.supp" \
+  isolated_ctest build-asan
 
 if [ -n "$(cd build && ctest -N -L threads 2>/dev/null | grep -E '^ +Test +#')" ]; then
   echo "== ThreadSanitizer (threaded tests)"

@@ -1,0 +1,299 @@
+// The server's lifecycle: create, start, stop, destroy.
+//
+// Every exported function checks its arguments, runs the C++ body and turns
+// any escaping exception into a status code in one place; no exception leaves
+// the library.
+#include "api/dlna_dmsApi.h"
+
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <memory>
+#include <string>
+
+#include "http/dmsAvtHttpHandler.h"
+#include "services/dmsCmsApi.h"
+#include "services/dmsDeviceEventMgr.h"
+#include "services/dmsMsMrsApi.h"
+#include "util/dlnaUtil_uuid.h"
+#include "util/osal_trace.h"
+
+namespace {
+
+constexpr char kTraceFile[] = "dlna_dmsApi.c";
+constexpr size_t kMaxContentLength = 65536;
+constexpr char kWebDirectory[] = "/web";
+
+struct FreeDeleter {
+  void operator()(void *pointer) const { std::free(pointer); }
+};
+using HandleOwner = std::unique_ptr<dmsHandle, FreeDeleter>;
+
+int32_t traceSdkFailure(int result, const char *callee, int32_t code) {
+  DMS_TRACE(OSAL_TRACE_ERR, "Error [%d] in %s()\n", result, callee);
+  return code;
+}
+
+// Releases, in reverse order of creation, whatever part of a server exists.
+// Used by destroy and by a create that fails half-way, so that a later create
+// in the same process starts from a clean SDK.
+void tearDownServer(dmsHandle *handle) {
+  // Finish the SDK first: it joins its worker threads, so no callback can
+  // still be running when the services and the content list go away.
+  if (handle->sdkReady) {
+    UpnpEnableWebserver(0);
+    int result = UpnpFinish();
+    if (result != UPNP_E_SUCCESS) DMS_TRACE(OSAL_TRACE_ERR, "Error [%d] in %s()\n", result, "UpnpFinish");
+    handle->sdkReady = 0;
+  }
+  dmsAvtHttp_deinit();
+  if (handle->msMrsContext != nullptr) {
+    int32_t result = dmsMsMrsDeInit(handle->msMrsContext);
+    if (result != 0) DMS_TRACE(OSAL_TRACE_ERR, "Error [%d] in %s()\n", result, "dmsMsMrsDeInit");
+    handle->msMrsContext = nullptr;
+  }
+  if (handle->cmsContext != nullptr) {
+    int32_t result = dmsCmsDeInit(handle->cmsContext);
+    if (result != 0) DMS_TRACE(OSAL_TRACE_ERR, "Error [%d] in %s()\n", result, "dmsCmsMgrDeInit");
+    handle->cmsContext = nullptr;
+  }
+  if (handle->eventMgr != nullptr) {
+    int32_t result = dmsDevEventMgrDeInit(handle->eventMgr);
+    if (result != 0) DMS_TRACE(OSAL_TRACE_ERR, "Error [%d] in %s()\n", result, "dmsDevEventMgrDeInit");
+    handle->eventMgr = nullptr;
+  }
+  if (handle->mutexReady) {
+    pthread_cond_destroy(&handle->wake);
+    pthread_mutex_destroy(&handle->mutex);
+    handle->mutexReady = 0;
+  }
+  std::free(handle->description);
+  handle->description = nullptr;
+}
+
+// Undoes a partly created server unless the creation was committed.
+class CreationGuard {
+ public:
+  explicit CreationGuard(dmsHandle *handle) : handle_(handle) {}
+  CreationGuard(const CreationGuard &) = delete;
+  CreationGuard &operator=(const CreationGuard &) = delete;
+  ~CreationGuard() {
+    if (!committed_) tearDownServer(handle_);
+  }
+  void commit() { committed_ = true; }
+
+ private:
+  dmsHandle *handle_;
+  bool committed_ = false;
+};
+
+// Brings up the SDK, its web server and the "/web" directory.
+int32_t startSdk(dmsHandle *handle, dmsConfig *config) {
+  std::string address(config->ipAddress, strnlen(config->ipAddress, sizeof config->ipAddress));
+  int result = UpnpInit(address.c_str(), static_cast<unsigned short>(config->port & 0xFFFF));
+  if (result != UPNP_E_SUCCESS) return traceSdkFailure(result, "UpnpInit", DMS_ERR_INVALID_PARAM);
+  handle->sdkReady = 1;
+  result = UpnpSetMaxContentLength(kMaxContentLength);
+  if (result != UPNP_E_SUCCESS) return traceSdkFailure(result, "UpnpSetMaxContentLength", DMS_ERR_INVALID_PARAM);
+  config->port = UpnpGetServerPort();
+  DMS_TRACE(OSAL_TRACE_INFO, "IP: [%s], Port: [%d]\n", address.c_str(), static_cast<int>(config->port));
+  result = UpnpEnableWebserver(1);
+  if (result != UPNP_E_SUCCESS) return traceSdkFailure(result, "UpnpEnableWebserver", DMS_ERR_INVALID_PARAM);
+  result = dmsAvtHttp_setCallbacks();
+  if (result != UPNP_E_SUCCESS) return traceSdkFailure(result, "UpnpSetVirtualDirCallbacks", DMS_ERR_INVALID_PARAM);
+  result = UpnpAddVirtualDir(kWebDirectory, nullptr, nullptr);
+  if (result != UPNP_E_SUCCESS) return traceSdkFailure(result, "UpnpAddVirtualDir", DMS_ERR_INVALID_PARAM);
+  return DMS_SUCCESS;
+}
+
+// Registers the description once, to prove it and to set the subscription
+// time-out, then unregisters it again: start registers for good.
+int32_t proveDescription(dmsHandle *handle) {
+  int result = UpnpRegisterRootDevice2(UPNPREG_BUF_DESC, handle->description, 0, 1,
+                                       dmsDeviceEventHandlerCbf, nullptr, &handle->deviceHandle);
+  if (result != UPNP_E_SUCCESS) return traceSdkFailure(result, "UpnpRegisterRootDevice2", DMS_ERR_INVALID_PARAM);
+  result = UpnpSetMaxSubscriptionTimeOut(handle->deviceHandle, DMS_ADVERTISEMENT_MAX_AGE);
+  int unregister = UpnpUnRegisterRootDevice(handle->deviceHandle);
+  if (result != UPNP_E_SUCCESS) return traceSdkFailure(result, "UpnpSetMaxSubscriptionTimeOut", DMS_ERR_INVALID_PARAM);
+  if (unregister != UPNP_E_SUCCESS) return traceSdkFailure(unregister, "UpnpUnRegisterRootDevice", DMS_ERR_INVALID_PARAM);
+  return DMS_SUCCESS;
+}
+
+int32_t createServices(dmsHandle *handle) {
+  int32_t result = dmsDevEventMgrInit(&handle->eventMgr, handle->deviceHandle, handle->uuid);
+  if (result != 0) return traceSdkFailure(result, "dmsDevEventMgrInit", result);
+  result = dmsAvtHttp_init(".", handle->contentList);
+  if (result != 0) return traceSdkFailure(result, "dmsAvtHttp_init", DMS_ERR_FAILURE);
+  result = dmsCmsInit(&handle->cmsContext, handle->eventMgr);
+  if (result != 0) return traceSdkFailure(result, "dmsCdsMgrInit", result);
+  result = dmsMsMrsInit(&handle->msMrsContext, handle->eventMgr);
+  if (result != 0) return traceSdkFailure(result, "dmsCdsMgrInit", result);
+  return DMS_SUCCESS;
+}
+
+// The handle's mutex and the advertiser's wake-up (on the monotonic clock, so
+// that a change of the wall clock cannot stretch the wait).
+bool initLocking(dmsHandle *handle) {
+  if (pthread_mutex_init(&handle->mutex, nullptr) != 0) return false;
+  pthread_condattr_t attributes;
+  pthread_condattr_init(&attributes);
+  pthread_condattr_setclock(&attributes, CLOCK_MONOTONIC);
+  int result = pthread_cond_init(&handle->wake, &attributes);
+  pthread_condattr_destroy(&attributes);
+  if (result != 0) {
+    pthread_mutex_destroy(&handle->mutex);
+    return false;
+  }
+  handle->mutexReady = 1;
+  return true;
+}
+
+int32_t createServer(dmsHandle **out, dmsConfig *config, const dmsDeviceInfo *deviceInfo) {
+  HandleOwner owner(static_cast<dmsHandle *>(std::calloc(1, sizeof(dmsHandle))));
+  if (!owner) {
+    DMS_TRACE(OSAL_TRACE_ERR, "Error in Memory Allocation");
+    return DMS_ERR_NO_MEMORY;
+  }
+  dmsHandle *handle = owner.get();
+  CreationGuard guard(handle);
+  int32_t result = startSdk(handle, config);
+  if (result != DMS_SUCCESS) return result;
+  if (dlnaUtil_getUuid(handle->uuid) != 0) return traceSdkFailure(-1, "dlnaUtil_getUuid", DMS_ERR_INVALID_PARAM);
+  handle->config = *config;
+  if (deviceInfo != nullptr) handle->deviceInfo = *deviceInfo;
+  result = dmsFormatDeviceDescription(handle, &handle->description);
+  if (result != DMS_SUCCESS) {
+    DMS_TRACE(OSAL_TRACE_ERR, "Error in Memory Allocation");
+    return result;
+  }
+  if ((result = proveDescription(handle)) != DMS_SUCCESS) return result;
+  if ((result = createServices(handle)) != DMS_SUCCESS) return result;
+  if (!initLocking(handle)) {
+    return traceSdkFailure(DMS_ERR_MUTEX_FAILURE, "osal_pthread_mutex_init", DMS_ERR_MUTEX_FAILURE);
+  }
+  handle->advertisementPeriod = DMS_ADVERTISEMENT_PERIOD;
+  handle->lastAdvertisement = 0;
+  handle->hasAdvertiserThread = 0;
+  handle->state = DMS_STATE_CREATED;
+  guard.commit();
+  *out = owner.release();
+  return DMS_SUCCESS;
+}
+
+int32_t setState(dmsHandle *handle, int32_t state, bool stampAdvertisement, const char *lockName) {
+  if (pthread_mutex_lock(&handle->mutex) != 0) {
+    return traceSdkFailure(DMS_ERR_MUTEX_FAILURE, lockName, DMS_ERR_MUTEX_FAILURE);
+  }
+  handle->state = state;
+  pthread_cond_broadcast(&handle->wake);
+  if (stampAdvertisement) handle->lastAdvertisement = static_cast<int64_t>(std::time(nullptr));
+  pthread_mutex_unlock(&handle->mutex);
+  return DMS_SUCCESS;
+}
+
+int32_t startServer(dmsHandle *handle) {
+  int result = UpnpRegisterRootDevice2(UPNPREG_BUF_DESC, handle->description, 0, 1,
+                                       dmsDeviceEventHandlerCbf, handle->eventMgr,
+                                       &handle->deviceHandle);
+  if (result != UPNP_E_SUCCESS) return traceSdkFailure(result, "UpnpRegisterRootDevice2", DMS_ERR_INVALID_PARAM);
+  // Events and subscriptions must go out under the handle of this
+  // registration, not the one create used to prove the description.
+  handle->eventMgr->deviceHandle = handle->deviceHandle;
+  for (int round = 0; round < 2; ++round) {
+    result = UpnpSendAdvertisement(handle->deviceHandle, DMS_ADVERTISEMENT_MAX_AGE);
+    if (result != UPNP_E_SUCCESS) return traceSdkFailure(result, "UpnpSendAdvertisement", DMS_ERR_UPNP_FAILURE);
+  }
+  int32_t status = setState(handle, DMS_STATE_STARTED, true, "osal_pthread_mutex_lock");
+  if (status != DMS_SUCCESS) return status;
+  // A second start without a stop re-registers the device but keeps the one
+  // advertiser that is already running.
+  if (handle->hasAdvertiserThread) return DMS_SUCCESS;
+  if (pthread_create(&handle->advertiserThread, nullptr, dmsDeviceAdvertiser, handle) != 0) {
+    return traceSdkFailure(DMS_ERR_THREAD_FAILURE, "osal_pthread_create", DMS_ERR_THREAD_FAILURE);
+  }
+  handle->hasAdvertiserThread = 1;
+  return DMS_SUCCESS;
+}
+
+int32_t stopServer(dmsHandle *handle) {
+  int32_t status = setState(handle, DMS_STATE_STOPPED, false, "osal_pthread_mutex_init");
+  if (status != DMS_SUCCESS) return status;
+  if (handle->hasAdvertiserThread) {
+    pthread_join(handle->advertiserThread, nullptr);
+    handle->hasAdvertiserThread = 0;
+  }
+  int result = UpnpUnRegisterRootDevice(handle->deviceHandle);
+  if (result != UPNP_E_SUCCESS) return traceSdkFailure(result, "UpnpUnRegisterRootDevice", DMS_ERR_INVALID_PARAM);
+  return DMS_SUCCESS;
+}
+
+int32_t destroyServer(dmsHandle *handle) {
+  if (handle->state != DMS_STATE_STOPPED) {
+    int32_t result = stopServer(handle);
+    if (result != DMS_SUCCESS) DMS_TRACE(OSAL_TRACE_ERR, "Error [%d] in %s()\n", result, "dlna_dmsStop");
+  }
+  tearDownServer(handle);
+  return DMS_SUCCESS;
+}
+
+// Runs `body` and turns anything it throws into DMS_ERR_FAILURE.
+template <typename Body>
+int32_t guarded(const char *name, Body body) {
+  try {
+    return body();
+  } catch (...) {
+    DMS_TRACE(OSAL_TRACE_ERR, "Error [%d] in %s()\n", DMS_ERR_FAILURE, name);
+    return DMS_ERR_FAILURE;
+  }
+}
+
+}  // namespace
+
+extern "C" DMS_EXPORT int32_t dlna_dmsCreate(dmsHandle **out, dmsConfig *config,
+                                             const dmsDeviceInfo *deviceInfo) {
+  if (out == nullptr || config == nullptr) {
+    DMS_TRACE(OSAL_TRACE_ERR, "Error in Input Parameters\n");
+    return DMS_ERR_INVALID_PARAM;
+  }
+  return guarded("dlna_dmsCreate", [&] { return createServer(out, config, deviceInfo); });
+}
+
+extern "C" DMS_EXPORT int32_t dlna_dmsStart(dmsHandle *handle) {
+  if (handle == nullptr) {
+    DMS_TRACE(OSAL_TRACE_ERR, "Error in Input Parameters\n");
+    return DMS_ERR_INVALID_PARAM;
+  }
+  return guarded("dlna_dmsStart", [&] { return startServer(handle); });
+}
+
+extern "C" DMS_EXPORT int32_t dlna_dmsStop(dmsHandle *handle) {
+  if (handle == nullptr) {
+    DMS_TRACE(OSAL_TRACE_ERR, "Error in Input Parameters\n");
+    return DMS_ERR_INVALID_PARAM;
+  }
+  return guarded("dlna_dmsStop", [&] { return stopServer(handle); });
+}
+
+extern "C" DMS_EXPORT int32_t dlna_dmsDestroy(dmsHandle *handle) {
+  if (handle == nullptr) {
+    DMS_TRACE(OSAL_TRACE_ERR, "Error in Input Parameters\n");
+    return DMS_ERR_INVALID_PARAM;
+  }
+  return guarded("dlna_dmsDestroy", [&] { return destroyServer(handle); });
+}
+
+extern "C" DMS_EXPORT dmsContentListInfo *dlna_dmsGetContentList(dmsHandle *handle) {
+  return handle == nullptr ? nullptr : handle->contentList;
+}
+
+int dmsDeviceEventHandlerCbf(Upnp_EventType eventType, const void *event, void *cookie) {
+  // While create proves the description there is no event manager yet.
+  if (cookie == nullptr) return 0;
+  try {
+    int32_t result = dmsDevEventMgrEventProcess(static_cast<dmsDevEventMgr *>(cookie), eventType, event);
+    if (result != 0) DMS_TRACE(OSAL_TRACE_ERR, "Error [%d] in %s()\n", result, "dmsDevEventMgrEventProcess");
+  } catch (...) {
+    DMS_TRACE(OSAL_TRACE_ERR, "Error [%d] in %s()\n", DMS_ERR_FAILURE, "dmsDevEventMgrEventProcess");
+  }
+  return 0;
+}

@@ -1,0 +1,70 @@
+// The server instance record and the pieces of the server API that other
+// units of the API share (description formatting, advertiser, device
+// callback).
+#ifndef DMS_API_DLNA_DMS_API_H
+#define DMS_API_DLNA_DMS_API_H
+
+#include <pthread.h>
+#include <upnp.h>
+
+#include <cstdint>
+#include <ctime>
+
+#include "dlna_dms.h"
+
+struct dmsDevEventMgr;
+struct dmsCmsInstance;
+struct dmsMsMrsInstance;
+
+// Server states.
+inline constexpr int32_t DMS_STATE_CREATED = 0;
+inline constexpr int32_t DMS_STATE_STARTED = 1;
+inline constexpr int32_t DMS_STATE_STOPPED = 2;
+
+inline constexpr int32_t DMS_ADVERTISEMENT_PERIOD = 810;  // seconds
+inline constexpr int32_t DMS_ADVERTISEMENT_MAX_AGE = 1800;
+
+// One server.  Allocated with calloc by dlna_dmsCreate and released by the
+// host with free() after dlna_dmsDestroy, so it holds only plain C members;
+// everything it points to is owned by it and released by destroy.
+//
+// Locking: `mutex` guards `state` and `lastAdvertisement` (and `wake` waits on it), which the host
+// thread (start, stop) and the advertiser thread share.  Every other field is
+// written by the host thread only while no SDK callback can reach the server
+// (create, destroy, or between stop and start).
+struct dmsHandle {
+  UpnpDevice_Handle deviceHandle;
+  dmsContentListInfo *contentList;
+  dmsDevEventMgr *eventMgr;
+  void *cdsContext;
+  dmsCmsInstance *cmsContext;
+  dmsMsMrsInstance *msMrsContext;
+  char uuid[48];
+  dmsConfig config;
+  dmsDeviceInfo deviceInfo;
+  pthread_t advertiserThread;
+  int32_t hasAdvertiserThread;  // advertiserThread is joinable
+  int64_t lastAdvertisement;    // seconds since the epoch
+  int32_t advertisementPeriod;
+  pthread_mutex_t mutex;
+  pthread_cond_t wake;  // signalled when state changes, so the advertiser ends at once
+  int32_t mutexReady;   // mutex and wake are initialised
+  int32_t state;
+  char *description;     // the device description, malloc'ed
+  int32_t sdkReady;      // UpnpInit succeeded and UpnpFinish is still due
+};
+
+// Formats the device description from the handle's configuration, device
+// information and UUID into a newly malloc'ed text (*out).  Argument values
+// are XML-escaped.  0, or DMS_ERR_NO_MEMORY.
+int32_t dmsFormatDeviceDescription(const dmsHandle *handle, char **out);
+
+// Advertiser thread body; `arg` is the dmsHandle, which outlives the thread
+// (dlna_dmsStop joins it).
+void *dmsDeviceAdvertiser(void *arg);
+
+// The device callback registered with the SDK; `cookie` is the server's
+// dmsDevEventMgr (or NULL while the device is registered at create only).
+int dmsDeviceEventHandlerCbf(Upnp_EventType eventType, const void *event, void *cookie);
+
+#endif  // DMS_API_DLNA_DMS_API_H

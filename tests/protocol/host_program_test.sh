@@ -1,0 +1,53 @@
+#!/usr/bin/env bash
+# Runs dlna-dms as a user would: --help, a bad folder, a run on a folder that
+# a control point finds over SSDP on loopback, stopped with SIGTERM.
+# Runs inside the test runner's private network namespace.
+set -u
+program=$1
+www=$2
+port=49320
+failures=0
+passes=0
+check() {  # description, command...
+  local what=$1; shift
+  if "$@"; then echo "ok: $what"; passes=$((passes + 1)); else echo "FAILED: $what"; failures=$((failures + 1)); fi
+}
+
+check "--help exits 0 and shows usage" sh -c "'$program' --help | grep -q 'usage: dlna-dms'"
+check "--version exits 0" "$program" --version
+check "no folder is a usage error" sh -c "! '$program' >/dev/null 2>&1"
+check "a missing folder gives one clear line" \
+  sh -c "out=\$('$program' --address 127.0.0.1 /no/such/folder 2>&1); [ \$? -ne 0 ] && [ \$(printf '%s\n' \"\$out\" | wc -l) -eq 1 ] && printf '%s' \"\$out\" | grep -q 'is not a folder'"
+check "a www folder without the files gives one clear line" \
+  sh -c "out=\$('$program' --address 127.0.0.1 --www /tmp /tmp 2>&1); [ \$? -ne 0 ] && printf '%s' \"\$out\" | grep -q 'missing server file'"
+
+folder=$(mktemp -d)
+log=$(mktemp)
+"$program" --name "Host Test" --address 127.0.0.1 --port $port --www "$www" "$folder" >"$log" 2>&1 &
+pid=$!
+for _ in $(seq 50); do
+  grep -q 'description.xml' "$log" && break
+  sleep 0.1
+done
+check "prints the description URL" grep -q "http://127.0.0.1:$port/description.xml" "$log"
+
+busy=$("$program" --address 127.0.0.1 --port $port --www "$www" "$folder" 2>&1)
+check "a busy port gives one clear line" sh -c "printf '%s' '$busy' | grep -q 'is busy'"
+
+if command -v gssdp-discover >/dev/null; then
+  found=$(timeout 10 gssdp-discover -i lo -n 3 -t urn:schemas-upnp-org:device:MediaServer:1 2>&1)
+  check "gssdp-discover finds the device on lo" \
+    sh -c "printf '%s' \"\$0\" | grep -q '127.0.0.1:$port/description.xml'" "$found"
+else
+  echo "skipped: gssdp-discover is not installed"
+fi
+
+kill -TERM $pid
+status=0
+for _ in $(seq 100); do kill -0 $pid 2>/dev/null || break; sleep 0.1; done
+if kill -0 $pid 2>/dev/null; then kill -KILL $pid; status=99; else wait $pid; status=$?; fi
+check "SIGTERM stops it with exit 0" test "$status" -eq 0
+rm -rf "$folder" "$log"
+
+echo "$passes passed, $failures failed"
+[ "$failures" -eq 0 ]
