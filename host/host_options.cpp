@@ -20,8 +20,11 @@ bool parseNumber(const char *text, int low, int high, int &value) {
 void printHostUsage(FILE *out) {
   std::fprintf(out,
                "usage: dlna-dms [options] FOLDER...\n"
+               "       dlna-dms probe FILE...\n"
                "Shares the FOLDERs with DLNA players (TVs, phones, media players) on the\n"
                "local network until interrupted (Ctrl-C or SIGTERM).\n"
+               "The probe command detects each FILE as the server would and prints what\n"
+               "it found as one JSON object per line.\n"
                "\n"
                "  --name NAME         friendly name shown by players (\": DMS\" is appended)\n"
                "  --address ADDR      IPv4 address to serve on (default: the first network\n"

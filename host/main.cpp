@@ -17,6 +17,7 @@
 
 #include "dlna_dms.h"
 #include "host_options.h"
+#include "probe.h"
 
 // The scan's name filter switch read by the library; --filter sets it.
 extern "C" {
@@ -162,6 +163,7 @@ int serve(HostOptions &options) {
 }  // namespace
 
 int main(int argc, char **argv) {
+  if (argc >= 2 && std::strcmp(argv[1], "probe") == 0) return runProbe(argc - 2, argv + 2);
   HostOptions options;
   std::string error;
   switch (parseHostOptions(argc, argv, options, error)) {

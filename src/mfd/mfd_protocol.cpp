@@ -1,0 +1,288 @@
+// Protocol info mapping: the MIME type, the DLNA profile field and the full
+// protocolInfo that the server publishes for a detected file.  Every string
+// is a constant; the choice depends only on the detected properties.
+#include <cstdint>
+#include <iterator>
+
+#include "mfd/mfd_api.h"
+#include "util/osal_trace.h"
+
+static constexpr char kTraceFile[] = "mfd_protocol.c";
+
+namespace {
+
+struct ProtocolStrings {
+  const char *mimeType;
+  const char *profileName;
+  const char *protocolInfo;
+};
+
+constexpr ProtocolStrings kNoMapping = {"", "", ""};
+
+#define DMS_DLNA_PROFILE(name) "DLNA.ORG_PN=" name ";DLNA.ORG_OP=01;DLNA.ORG_CI=0"
+#define DMS_DLNA_ROW(mime, name) \
+  {mime, DMS_DLNA_PROFILE(name), "http-get:*:" mime ":" DMS_DLNA_PROFILE(name)}
+#define DMS_GENERIC_ROW(mime) {mime, "", "http-get:*:" mime ":*"}
+
+// The LPCM rows of a plain pcm file carry no DLNA.ORG_CI parameter, unlike
+// every other row (the WAV ones included).
+#define DMS_PCM_ROW(mime) \
+  {mime, "DLNA.ORG_PN=LPCM;DLNA.ORG_OP=01", "http-get:*:" mime ":DLNA.ORG_PN=LPCM;DLNA.ORG_OP=01"}
+
+constexpr ProtocolStrings kAtrac = DMS_DLNA_ROW("audio/x-sony-oma", "ATRAC3plus");
+constexpr ProtocolStrings kAc3 = DMS_GENERIC_ROW("audio/x-ac3");
+constexpr ProtocolStrings kMpegAudio = DMS_GENERIC_ROW("audio/mpeg");
+constexpr ProtocolStrings kMp3 = DMS_DLNA_ROW("audio/mpeg", "MP3");
+constexpr ProtocolStrings kAac = DMS_DLNA_ROW("audio/vnd.dlna.adts", "AAC_ADTS_320");
+constexpr ProtocolStrings kMpegVideo = DMS_GENERIC_ROW("video/mpeg");
+constexpr ProtocolStrings kMpeg4Video = DMS_GENERIC_ROW("video/mp4v-es");
+// A stand-alone WMV id is published without a fourth field: the string ends
+// with the colon.
+constexpr ProtocolStrings kWmv = {"video/x-ms-wmv", "", "http-get:*:video/x-ms-wmv:"};
+constexpr ProtocolStrings kTiff = DMS_GENERIC_ROW("image/tiff");
+constexpr ProtocolStrings kGifLarge = DMS_DLNA_ROW("image/gif", "GIF_LRG");
+constexpr ProtocolStrings kGif = DMS_GENERIC_ROW("image/gif");
+constexpr ProtocolStrings kWavOther = DMS_GENERIC_ROW("audio/x-wav");
+
+// LPCM by the profile code of a pcm file's name.
+constexpr ProtocolStrings kPcmRows[] = {
+    // profileCode 1..4
+    DMS_PCM_ROW("audio/L16;rate=44100;channels=1"),
+    DMS_PCM_ROW("audio/L16;rate=44100;channels=2"),
+    DMS_PCM_ROW("audio/L16;rate=48000;channels=1"),
+    DMS_PCM_ROW("audio/L16;rate=48000;channels=2"),
+};
+constexpr ProtocolStrings kPcmOther = DMS_GENERIC_ROW("audio/wav");
+
+// 16-bit integer WAV samples at the DLNA LPCM rates.
+struct WavRow {
+  int32_t sampleRate;
+  int32_t channels;
+  ProtocolStrings strings;
+};
+
+#define DMS_L16(rate, channels) "audio/L16;rate=" #rate ";channels=" #channels
+#define DMS_WAV_ROW(rate, channels, profile) \
+  {rate, channels, DMS_DLNA_ROW(DMS_L16(rate, channels), profile)}
+
+constexpr WavRow kWavRows[] = {
+    //          rate   ch  profile
+    DMS_WAV_ROW(8000,  1,  "LPCM_low"),
+    DMS_WAV_ROW(8000,  2,  "LPCM_low"),
+    DMS_WAV_ROW(11025, 1,  "LPCM_low"),
+    DMS_WAV_ROW(11025, 2,  "LPCM_low"),
+    DMS_WAV_ROW(12000, 1,  "LPCM_low"),
+    DMS_WAV_ROW(12000, 2,  "LPCM_low"),
+    DMS_WAV_ROW(16000, 1,  "LPCM_low"),
+    DMS_WAV_ROW(16000, 2,  "LPCM_low"),
+    DMS_WAV_ROW(22050, 1,  "LPCM_low"),
+    DMS_WAV_ROW(22050, 2,  "LPCM_low"),
+    DMS_WAV_ROW(24000, 1,  "LPCM_low"),
+    DMS_WAV_ROW(24000, 2,  "LPCM_low"),
+    DMS_WAV_ROW(32000, 1,  "LPCM_low"),
+    DMS_WAV_ROW(32000, 2,  "LPCM_low"),
+    DMS_WAV_ROW(44100, 1,  "LPCM"),
+    DMS_WAV_ROW(44100, 2,  "LPCM"),
+    DMS_WAV_ROW(48000, 1,  "LPCM"),
+    DMS_WAV_ROW(48000, 2,  "LPCM"),
+};
+
+// Image profiles by size.  The first row whose width limit admits the image
+// starts the cascade; from there the first row whose height limit admits it
+// decides.  So a tall narrow image falls through to the larger profiles.
+struct ImageRow {
+  int32_t maxWidth;
+  int32_t maxHeight;
+  ProtocolStrings strings;
+};
+
+constexpr ProtocolStrings kJpeg = DMS_GENERIC_ROW("image/jpeg");
+constexpr ImageRow kJpegRows[] = {
+    // W <=  H <=
+    {48,     48,    DMS_DLNA_ROW("image/jpeg", "JPEG_SM_ICO")},
+    {120,    120,   DMS_DLNA_ROW("image/jpeg", "JPEG_LRG_ICO")},
+    {160,    160,   kJpeg},
+    {640,    480,   DMS_DLNA_ROW("image/jpeg", "JPEG_SM")},
+    {1024,   768,   DMS_DLNA_ROW("image/jpeg", "JPEG_MED")},
+    {4096,   4096,  DMS_DLNA_ROW("image/jpeg", "JPEG_LRG")},
+};
+
+constexpr ProtocolStrings kPng = DMS_GENERIC_ROW("image/png");
+constexpr ImageRow kPngRows[] = {
+    // W <=  H <=
+    {48,     48,    DMS_DLNA_ROW("image/png", "PNG_SM_ICO")},
+    {120,    120,   DMS_DLNA_ROW("image/png", "PNG_LRG_ICO")},
+    {160,    160,   kPng},
+    {4096,   4096,  DMS_DLNA_ROW("image/png", "PNG_LRG")},
+};
+
+// MPEG program stream by profile code 1 (NTSC) and 2 (PAL).
+constexpr ProtocolStrings kMpegPsNtsc = DMS_DLNA_ROW("video/mpeg", "MPEG_PS_NTSC");
+constexpr ProtocolStrings kMpegPsPal = DMS_DLNA_ROW("video/mpeg", "MPEG_PS_PAL");
+
+// MP4 by presence of video and profile code.
+constexpr ProtocolStrings kMp4AudioIso = DMS_DLNA_ROW("audio/mp4", "AAC_ISO_320");
+constexpr ProtocolStrings kMp4Audio3gpp = DMS_DLNA_ROW("audio/3gpp", "AAC_ISO_320");
+constexpr ProtocolStrings kMp4Audio = DMS_GENERIC_ROW("audio/mp4");
+constexpr ProtocolStrings kMp4VideoCif = DMS_DLNA_ROW("video/mp4", "AVC_MP4_BL_CIF15_AAC_520");
+constexpr ProtocolStrings kMp4Video = DMS_GENERIC_ROW("video/mp4");
+
+// ASF by codec and profile code (index = profile code; null: generic).
+constexpr ProtocolStrings kAsfWmvRows[] = {
+    kNoMapping,
+    DMS_DLNA_ROW("video/x-ms-wmv", "WMVHIGH_FULL"),  // 1
+    DMS_DLNA_ROW("video/x-ms-wmv", "WMVHIGH_PRO"),   // 2
+    kNoMapping,                                      // 3
+    DMS_DLNA_ROW("video/x-ms-wmv", "WMVMED_FULL"),   // 4
+    DMS_DLNA_ROW("video/x-ms-wmv", "WMVMED_PRO"),    // 5
+    DMS_DLNA_ROW("video/x-ms-wmv", "WMVMED_BASE"),   // 6
+};
+constexpr ProtocolStrings kAsfWmv = DMS_GENERIC_ROW("video/x-ms-wmv");
+constexpr ProtocolStrings kAsfWmaRows[] = {
+    kNoMapping,
+    DMS_DLNA_ROW("audio/x-ms-wma", "WMAFULL"),  // 1
+    DMS_DLNA_ROW("audio/x-ms-wma", "WMAPRO"),   // 2
+    DMS_DLNA_ROW("audio/x-ms-wma", "WMABASE"),  // 3
+};
+constexpr ProtocolStrings kAsfWma = DMS_GENERIC_ROW("audio/x-ms-wma");
+constexpr ProtocolStrings kAsf = DMS_GENERIC_ROW("video/x-ms-asf");
+
+#undef DMS_WAV_ROW
+#undef DMS_L16
+#undef DMS_PCM_ROW
+#undef DMS_GENERIC_ROW
+#undef DMS_DLNA_ROW
+#undef DMS_DLNA_PROFILE
+
+template <size_t N>
+const ProtocolStrings &imageStrings(const ImageRow (&rows)[N], const ProtocolStrings &generic,
+                                    int32_t width, int32_t height) {
+  size_t start = 0;
+  while (start < N && width > rows[start].maxWidth) ++start;
+  for (size_t row = start; row < N; ++row) {
+    if (height <= rows[row].maxHeight) return rows[row].strings;
+  }
+  return generic;
+}
+
+// Looks up a row by profile code; rows without strings and codes beyond the
+// table give the generic row.
+template <size_t N>
+const ProtocolStrings &byProfileCode(const ProtocolStrings (&rows)[N],
+                                     const ProtocolStrings &generic, uint32_t profileCode) {
+  if (profileCode < N && rows[profileCode].protocolInfo[0] != '\0') return rows[profileCode];
+  return generic;
+}
+
+// Only 16-bit integer samples at a DLNA rate, mono or stereo, are LPCM;
+// every other WAV file is published as audio/x-wav.
+const ProtocolStrings &getWavProtocolDetails(const mfdMediaInfo &info) {
+  DMS_TRACE(OSAL_TRACE_INFO, "SampleWidth:[%d] SampleFreq:[%d] BitRate:[%d] NCH:[%d]\n",
+            info.bitsPerSample, info.sampleRate, info.bitrate, info.channels);
+  if (info.bitsPerSample != 16 || info.sampleFormat != 1) return kWavOther;
+  for (const WavRow &row : kWavRows) {
+    if (row.sampleRate == info.sampleRate && row.channels == info.channels) return row.strings;
+  }
+  return kWavOther;
+}
+
+const ProtocolStrings &mpegPsStrings(uint32_t profileCode) {
+  if (profileCode == 1) {
+    DMS_TRACE(OSAL_TRACE_ERR, "E_MFD_MEDIA_FORMAT_SUBTYPE_MPEGPS_NTSC\n");
+    return kMpegPsNtsc;
+  }
+  if (profileCode == 2) {
+    DMS_TRACE(OSAL_TRACE_ERR, "E_MFD_MEDIA_FORMAT_SUBTYPE_MPEGPS_PAL\n");
+    return kMpegPsPal;
+  }
+  DMS_TRACE(OSAL_TRACE_ERR, "NOT Anything\n");
+  return kMpegVideo;
+}
+
+const ProtocolStrings &mp4Strings(const mfdMediaInfo &info) {
+  if (info.videoCodec == 0) {
+    if (info.profileCode == 1) return kMp4AudioIso;
+    if (info.profileCode == 2) return kMp4Audio3gpp;
+    return kMp4Audio;
+  }
+  return info.profileCode == 1 ? kMp4VideoCif : kMp4Video;
+}
+
+const ProtocolStrings &asfStrings(const mfdMediaInfo &info) {
+  if (info.videoCodec == MFD_FORMAT_WMV) {
+    return byProfileCode(kAsfWmvRows, kAsfWmv, info.profileCode);
+  }
+  if (info.videoCodec == 0 && info.audioCodec == MFD_FORMAT_WMA) {
+    return byProfileCode(kAsfWmaRows, kAsfWma, info.profileCode);
+  }
+  return kAsf;
+}
+
+const ProtocolStrings &protocolStrings(const mfdMediaInfo &info) {
+  switch (info.formatId) {
+    case MFD_FORMAT_ATRAC3:
+    case MFD_FORMAT_ATRAC3_PLUS:
+      return kAtrac;
+    case MFD_FORMAT_AC3:
+      return kAc3;
+    case MFD_FORMAT_MP1:
+    case MFD_FORMAT_MP2:
+      return kMpegAudio;
+    case MFD_FORMAT_MP3:
+      return kMp3;
+    case MFD_FORMAT_AAC:
+    case MFD_FORMAT_AAC2:
+      return kAac;
+    case MFD_FORMAT_WMA:
+      // No detector reports WMA by itself (ASF files come as id 23).
+      DMS_TRACE(OSAL_TRACE_ERR, "Format id %u is never reported by itself\n", info.formatId);
+      return kNoMapping;
+    case MFD_FORMAT_LPCM:
+      return info.profileCode >= 1 && info.profileCode <= 4 ? kPcmRows[info.profileCode - 1]
+                                                            : kPcmOther;
+    case MFD_FORMAT_WAV:
+      return getWavProtocolDetails(info);
+    case MFD_FORMAT_MPEG1_VIDEO:
+    case MFD_FORMAT_MPEG2_VIDEO:
+      DMS_TRACE(OSAL_TRACE_ERR, "E_MFD_MEDIA_FORMAT_ID_VIDEO_MPEG2_PART2\n");
+      return kMpegVideo;
+    case MFD_FORMAT_MPEG4_PART2:
+      return kMpeg4Video;
+    case MFD_FORMAT_WMV:
+      return kWmv;
+    case MFD_FORMAT_JPEG:
+    case MFD_FORMAT_JPEG2:
+      return imageStrings(kJpegRows, kJpeg, info.width, info.height);
+    case MFD_FORMAT_PNG:
+      return imageStrings(kPngRows, kPng, info.width, info.height);
+    case MFD_FORMAT_GIF:
+      return info.width <= 1600 && info.height <= 1200 ? kGifLarge : kGif;
+    case MFD_FORMAT_TIFF:
+      return kTiff;
+    case MFD_FORMAT_ASF:
+      return asfStrings(info);
+    case MFD_FORMAT_MPEG_PS:
+      return mpegPsStrings(info.profileCode);
+    case MFD_FORMAT_MPEG_TS:
+      return kMpegVideo;
+    case MFD_FORMAT_MP4:
+      return mp4Strings(info);
+    default:
+      return kNoMapping;
+  }
+}
+
+}  // namespace
+
+int32_t mfd_getMediaProtocolDetails(const mfdMediaInfo *info, const char **mimeType,
+                                    const char **profileName, const char **protocolInfo) {
+  if (info == nullptr || mimeType == nullptr || profileName == nullptr || protocolInfo == nullptr) {
+    DMS_TRACE(OSAL_TRACE_ERR, "Error in Input Parameters\n");
+    return MFD_ERR_INVALID_PARAM;
+  }
+  const ProtocolStrings &strings = protocolStrings(*info);
+  *mimeType = strings.mimeType;
+  *profileName = strings.profileName;
+  *protocolInfo = strings.protocolInfo;
+  return 0;
+}
