@@ -15,6 +15,7 @@
 #include <string>
 #include <vector>
 
+#include "content/dmsClmApi.h"
 #include "dlna_dms.h"
 #include "host_options.h"
 #include "probe.h"
@@ -146,9 +147,12 @@ int serve(HostOptions &options) {
   if (result != DMS_SUCCESS) {
     exitCode = fail("cannot start the server (error " + std::to_string(result) + ")");
   } else {
-    std::printf("Sharing %zu folder(s) as \"%s: DMS\" at http://%s:%d/description.xml\n",
-                folders.size(), options.name.c_str(), options.address.c_str(),
-                static_cast<int>(config.port));
+    int32_t containers = 0;
+    int32_t items = 0;
+    dmsClmGetCounts(dlna_dmsGetContentList(server), &containers, &items);
+    std::printf("Sharing %d folder(s) and %d item(s) as \"%s: DMS\" at http://%s:%d/description.xml\n",
+                static_cast<int>(containers), static_cast<int>(items), options.name.c_str(),
+                options.address.c_str(), static_cast<int>(config.port));
     std::fflush(stdout);
     int signal = 0;
     sigwait(&stopSignals, &signal);

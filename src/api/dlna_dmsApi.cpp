@@ -11,6 +11,7 @@
 #include <memory>
 #include <string>
 
+#include "content/dmsClmApi.h"
 #include "http/dmsAvtHttpHandler.h"
 #include "services/dmsCmsApi.h"
 #include "services/dmsDeviceEventMgr.h"
@@ -36,8 +37,9 @@ int32_t traceSdkFailure(int result, const char *callee, int32_t code) {
 
 // Releases, in reverse order of creation, whatever part of a server exists.
 // Used by destroy and by a create that fails half-way, so that a later create
-// in the same process starts from a clean SDK.
-void tearDownServer(dmsHandle *handle) {
+// in the same process starts from a clean SDK.  Returns the result of freeing
+// the content list (0 when there was none).
+int32_t tearDownServer(dmsHandle *handle) {
   // Finish the SDK first: it joins its worker threads, so no callback can
   // still be running when the services and the content list go away.
   if (handle->sdkReady) {
@@ -62,6 +64,12 @@ void tearDownServer(dmsHandle *handle) {
     if (result != 0) DMS_TRACE(OSAL_TRACE_ERR, "Error [%d] in %s()\n", result, "dmsDevEventMgrDeInit");
     handle->eventMgr = nullptr;
   }
+  int32_t listResult = DMS_SUCCESS;
+  if (handle->contentList != nullptr) {
+    listResult = dmsClmFreeContentList(handle->contentList);
+    if (listResult != 0) DMS_TRACE(OSAL_TRACE_ERR, "Error [%d] in %s()\n", listResult, "dmsClmFreeContentList");
+    handle->contentList = nullptr;
+  }
   if (handle->mutexReady) {
     pthread_cond_destroy(&handle->wake);
     pthread_mutex_destroy(&handle->mutex);
@@ -69,6 +77,7 @@ void tearDownServer(dmsHandle *handle) {
   }
   std::free(handle->description);
   handle->description = nullptr;
+  return listResult;
 }
 
 // Undoes a partly created server unless the creation was committed.
@@ -166,6 +175,9 @@ int32_t createServer(dmsHandle **out, dmsConfig *config, const dmsDeviceInfo *de
     DMS_TRACE(OSAL_TRACE_ERR, "Error in Memory Allocation");
     return result;
   }
+  result = dmsClmCreateContentList(&handle->contentList, config->sharedPaths,
+                                   config->numSharedPaths, config->maxContent);
+  if (result != DMS_SUCCESS) return traceSdkFailure(result, "dmsClmCreateContentList", result);
   if ((result = proveDescription(handle)) != DMS_SUCCESS) return result;
   if ((result = createServices(handle)) != DMS_SUCCESS) return result;
   if (!initLocking(handle)) {
@@ -232,8 +244,7 @@ int32_t destroyServer(dmsHandle *handle) {
     int32_t result = stopServer(handle);
     if (result != DMS_SUCCESS) DMS_TRACE(OSAL_TRACE_ERR, "Error [%d] in %s()\n", result, "dlna_dmsStop");
   }
-  tearDownServer(handle);
-  return DMS_SUCCESS;
+  return tearDownServer(handle);
 }
 
 // Runs `body` and turns anything it throws into DMS_ERR_FAILURE.

@@ -1,0 +1,389 @@
+#include "content/dmsClmApi.h"
+
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <new>
+#include <system_error>
+
+#include "content/dmsClmScan.h"
+#include "content/dmsFsmApi.h"
+#include "util/osal_trace.h"
+
+static constexpr char kTraceFile[] = "dmsClmApi";
+
+namespace {
+
+int32_t compareIds(const void *a, const void *b) {
+  if (a == nullptr || b == nullptr) return -1;
+  uint32_t left = static_cast<const dmsContentEntry *>(a)->id;
+  uint32_t right = static_cast<const dmsContentEntry *>(b)->id;
+  return left < right ? -1 : (left > right ? 1 : 0);
+}
+
+int32_t compareWatchDescriptors(const void *a, const void *b) {
+  if (a == nullptr || b == nullptr) return -1;
+  int32_t left = static_cast<const dmsContentEntry *>(a)->watchDescriptor;
+  int32_t right = static_cast<const dmsContentEntry *>(b)->watchDescriptor;
+  return left < right ? -1 : (left > right ? 1 : 0);
+}
+
+// How an entry leaves the list: one shared folder (or a sub-tree) leaves the
+// trees and its parent; the whole list just drops everything, because the
+// trees are destroyed and the inotify instance closed right after.
+enum class FreeMode { Detach, WholeList };
+
+// Releases `entry` and everything below it.  Exclusive lock held.
+void freeEntry(dmsContentListInfo *list, dmsContentEntry *entry, FreeMode mode) {
+  std::unique_ptr<dmsContentEntry> owned(entry);
+  if (entry->type != DMS_CLM_TYPE_ITEM) {
+    if (mode == FreeMode::Detach && list->monitor != nullptr) {
+      dmsFsmRemoveFromMointor(list->monitor, entry);
+    }
+    for (dmsContentEntry *child : entry->children) {
+      child->parent = nullptr;  // the parent drops its whole array below
+      freeEntry(list, child, mode);
+    }
+    entry->children.clear();
+  }
+  if (mode == FreeMode::Detach) {
+    void *removed = nullptr;
+    cel_rbTreeDelete(&list->entriesById, entry, &removed);
+    if (removed != entry) DMS_TRACE(OSAL_TRACE_ERR, "Error in Deleting Node from the Tree\n");
+    if (dmsContentEntry *parent = entry->parent) {
+      auto &siblings = parent->children;
+      auto found = std::find(siblings.begin(), siblings.end(), entry);
+      if (found != siblings.end()) {
+        DMS_TRACE(OSAL_TRACE_INFO, "Remove Child-%d of [%d] childrencount with Path [%s] from the list\n",
+                  static_cast<int>(found - siblings.begin()), static_cast<int>(siblings.size()),
+                  entry->path.c_str());
+        siblings.erase(found);
+      }
+    }
+  }
+  if (entry == list->root) list->root = nullptr;
+  if (entry->type != DMS_CLM_TYPE_ROOT) --list->entryCount;
+}
+
+// One shared path as given.
+struct SharedPath {
+  std::string path;
+  uint32_t type;
+  int64_t size;
+};
+
+// Scans the shared paths (without the lock), then attaches them under the
+// root: first one entry per shared path, in the order given (1001, 1002, ...),
+// then the contents of each, depth first.
+void addSharedPaths(dmsContentListInfo *list, const std::vector<SharedPath> &paths) {
+  dmsScanBudget budget;
+  {
+    auto reading = dmsClmReadLock(list);
+    budget = {list->entryCount, list->maxContent};
+  }
+  dmsPendingEntry top;  // stands for the root
+  for (const SharedPath &shared : paths) {
+    dmsPendingEntry pending;
+    if (dmsClmPrepareTopEntry(list, shared.path, shared.type, shared.size, budget, pending)) {
+      top.children.push_back(std::move(pending));
+    }
+  }
+  for (dmsPendingEntry &pending : top.children) {
+    if (pending.type == DMS_CLM_TYPE_CONTAINER) scanDirAndAddToList(list, pending, budget);
+  }
+  std::unique_lock writing(list->rwLock);
+  std::vector<dmsContentEntry *> made;
+  for (dmsPendingEntry &pending : top.children) {
+    dmsContentEntry *entry = createEntryAndAddToList(list, pending, list->root);
+    made.push_back(entry);
+    if (entry != nullptr) list->root->children.push_back(entry);
+  }
+  for (size_t i = 0; i < made.size(); ++i) {
+    if (made[i] != nullptr && made[i]->type == DMS_CLM_TYPE_CONTAINER) {
+      dmsClmAttachChildren(list, made[i], top.children[i]);
+    }
+  }
+}
+
+void removeFormatsAndDestroyMfd(dmsContentListInfo *list) {
+  if (list->detector == nullptr) {
+    DMS_TRACE(OSAL_TRACE_ERR, "Input Param Error\n");
+    return;
+  }
+  for (uint32_t formatId : ga_u32_mfdServerFormatIds) {
+    int32_t result = mfd_unregisterFormat(list->detector, formatId);
+    if (result != 0) {
+      DMS_TRACE(OSAL_TRACE_ERR, "Error [%d] in %s() for Format [%d]\n", result, "mfd_unregisterFormat",
+                static_cast<int>(formatId));
+    }
+  }
+  int32_t result = mfd_closeInstance(list->detector);
+  if (result != 0) DMS_TRACE(OSAL_TRACE_ERR, "Error [%d] in %s()... Ignore this!\n", result, "mfd_closeInstance");
+  list->detector = nullptr;
+}
+
+// Detector, trees, monitor and root of a new list.  0 or -100.
+int32_t prepareList(dmsContentListInfo *list, int32_t maxContent) {
+  int32_t result = mfd_openInstance(&list->detector);
+  if (result != 0) DMS_TRACE(OSAL_TRACE_ERR, "Error [%d] in %s()\n", result, "mfd_openInstance");
+  if (list->detector == nullptr) return DMS_ERR_INVALID_PARAM;
+  for (uint32_t formatId : ga_u32_mfdServerFormatIds) {
+    result = mfd_registerFormat(list->detector, formatId);
+    if (result != 0) {
+      DMS_TRACE(OSAL_TRACE_ERR, "Error [%d] in %s() for Format [%d]\n", result, "mfd_registerFormat",
+                static_cast<int>(formatId));
+    }
+  }
+  if ((result = cel_rbTreeCreate(&list->entriesById, compareIds)) != 0 ||
+      (result = cel_rbTreeCreate(&list->entriesByWd, compareWatchDescriptors)) != 0) {
+    DMS_TRACE(OSAL_TRACE_ERR, "Error [%d] in %s()\n", result, "cel_rbTreeCreate");
+    return DMS_ERR_INVALID_PARAM;
+  }
+  result = dmsFsmInit(&list->monitor, list);
+  if (result != 0) DMS_TRACE(OSAL_TRACE_ERR, "Error [%d] in %s()... Ignore this!\n", result, "dmsFsmInit");
+  list->maxContent = maxContent;
+  list->entryCount = 0;
+  auto root = std::make_unique<dmsContentEntry>();
+  root->id = 0;
+  root->type = DMS_CLM_TYPE_ROOT;
+  root->path = "root";
+  list->root = root.release();  // owned by the list; freed with it
+  result = cel_rbTreeInsert(&list->entriesById, list->root);
+  if (result != 0) DMS_TRACE(OSAL_TRACE_ERR, "Error [%d] in %s()\n", result, "cel_rbTreeInsert");
+  list->nextId = DMS_CLM_FIRST_ID;
+  return DMS_SUCCESS;
+}
+
+// Releases everything the list holds, then the list.  0 or the last error.
+int32_t releaseList(dmsContentListInfo *list) {
+  std::unique_ptr<dmsContentListInfo> owned(list);
+  int32_t lastError = DMS_SUCCESS;
+  if (list->monitor != nullptr) dmsFsmStopMonitor(list->monitor);
+  {
+    std::unique_lock writing(list->rwLock);
+    list->containerUpdatePairs.clear();
+    if (list->root != nullptr) freeEntry(list, list->root, FreeMode::WholeList);
+  }
+  if (list->monitor != nullptr) {
+    int32_t result = dmsFsmDeinit(list->monitor);
+    if (result != 0) DMS_TRACE(OSAL_TRACE_ERR, "Error [%d] in %s()... Ignore this!\n", result, "dmsFsmDeinit");
+    list->monitor = nullptr;
+  }
+  if (list->detector != nullptr) removeFormatsAndDestroyMfd(list);
+  if (cel_rbTreeDestroy(&list->entriesByWd) != 0 || cel_rbTreeDestroy(&list->entriesById) != 0) {
+    DMS_TRACE(OSAL_TRACE_ERR, "Error [%d] in %s()\n", DMS_ERR_INVALID_PARAM, "cel_rbTreeDestroy");
+    lastError = DMS_ERR_INVALID_PARAM;
+  }
+  return lastError;
+}
+
+int32_t createList(dmsContentListInfo **out, char **sharedPaths, int32_t numSharedPaths,
+                   int32_t maxContent) {
+  auto list = std::make_unique<dmsContentListInfo>();
+  int32_t result = prepareList(list.get(), maxContent);
+  if (result != DMS_SUCCESS) {
+    releaseList(list.release());
+    return result;
+  }
+  std::vector<SharedPath> paths;
+  for (int32_t i = 0; i < numSharedPaths; ++i) {
+    if (sharedPaths[i] == nullptr) continue;
+    struct stat status {};
+    if (::stat(sharedPaths[i], &status) != 0) {
+      DMS_TRACE(OSAL_TRACE_ERR, "Error in osal_stat()\n");
+      std::perror("osal_stat():  ");
+      continue;
+    }
+    uint32_t type = S_ISDIR(status.st_mode) ? DMS_CLM_TYPE_CONTAINER : DMS_CLM_TYPE_ITEM;
+    paths.push_back({sharedPaths[i], type, static_cast<int64_t>(status.st_size)});
+  }
+  addSharedPaths(list.get(), paths);
+  result = dmsFsmStartMonitor(list->monitor, list->root, nullptr);
+  if (result != 0) DMS_TRACE(OSAL_TRACE_ERR, "Error [%d] in %s()... Ignore this!\n", result, "dmsFsmStartMonitor");
+  *out = list.release();
+  return DMS_SUCCESS;
+}
+
+}  // namespace
+
+std::shared_lock<dmsRwLock> dmsClmReadLock(const dmsContentListInfo *list) {
+  return std::shared_lock<dmsRwLock>(list->rwLock);
+}
+
+int32_t dmsClmCreateContentList(dmsContentListInfo **out, char **sharedPaths,
+                                int32_t numSharedPaths, int32_t maxContent) {
+  if (out == nullptr || sharedPaths == nullptr || numSharedPaths < 1 || maxContent < 1) {
+    DMS_TRACE(OSAL_TRACE_ERR, "Invalid input parameter\n");
+    DMS_TRACE(OSAL_TRACE_ERR,
+              "pp_s_contentListInfo: [%p], pp_ch_sharedPaths: [%p], s32_numSharedPaths: [%d] "
+              "s32_maxConent: [%d]\n",
+              static_cast<void *>(out), static_cast<void *>(sharedPaths), numSharedPaths, maxContent);
+    if (out != nullptr) *out = nullptr;
+    return DMS_ERR_INVALID_PARAM;
+  }
+  *out = nullptr;
+  try {
+    return createList(out, sharedPaths, numSharedPaths, maxContent);
+  } catch (const std::bad_alloc &) {
+    DMS_TRACE(OSAL_TRACE_ERR, "Error in Memory Allocation\n");
+    return DMS_ERR_NO_MEMORY;
+  } catch (...) {
+    return DMS_ERR_FAILURE;
+  }
+}
+
+int32_t dmsClmFreeContentList(dmsContentListInfo *list) {
+  if (list == nullptr) {
+    DMS_TRACE(OSAL_TRACE_WARN, "Invalid Input Param. p_s_contentListInfo: [%p]\n", static_cast<void *>(list));
+    return DMS_ERR_INVALID_PARAM;
+  }
+  return releaseList(list);
+}
+
+int32_t dmsClmAddToContentList(dmsContentListInfo *list, const char *sharedPath) {
+  if (list == nullptr) {
+    DMS_TRACE(OSAL_TRACE_ERR, "Invalid Input Param. p_s_contentListInfo: [%p]\n", static_cast<void *>(list));
+    return DMS_ERR_INVALID_PARAM;
+  }
+  if (sharedPath == nullptr) {
+    DMS_TRACE(OSAL_TRACE_ERR, "Invalid Input Param. p_ch_sharedPath: [%p]\n", static_cast<const void *>(sharedPath));
+    return DMS_ERR_INVALID_PARAM;
+  }
+  struct stat status {};
+  if (::stat(sharedPath, &status) != 0 || !S_ISDIR(status.st_mode)) {
+    DMS_TRACE(OSAL_TRACE_ERR, "Can't add path [%s], since its a file\n", sharedPath);
+    return DMS_ERR_INVALID_PARAM;
+  }
+  try {
+    addSharedPaths(list, {{sharedPath, DMS_CLM_TYPE_CONTAINER, static_cast<int64_t>(status.st_size)}});
+    return DMS_SUCCESS;
+  } catch (const std::bad_alloc &) {
+    DMS_TRACE(OSAL_TRACE_ERR, "Memory Allocation Failed. Requested Size %d \n", 0);
+    return DMS_ERR_NO_MEMORY;
+  } catch (...) {
+    return DMS_ERR_FAILURE;
+  }
+}
+
+int32_t dmsClmRemoveFromContentList(dmsContentListInfo *list, const char *sharedPath) {
+  if (list == nullptr || sharedPath == nullptr) {
+    DMS_TRACE(OSAL_TRACE_ERR, "Invalid Input Param.[%d] : param: [%s]\n", DMS_ERR_INVALID_PARAM,
+              list == nullptr ? "p_s_contentListInfo" : "p_ch_sharedPath");
+    return DMS_ERR_INVALID_PARAM;
+  }
+  std::unique_lock writing(list->rwLock);
+  auto &shared = list->root->children;
+  for (size_t i = 0; i < shared.size(); ++i) {
+    if (shared[i]->path == sharedPath) {
+      DMS_TRACE(OSAL_TRACE_INFO, "Remove Child-%d with path [%s] from the list\n", static_cast<int>(i), sharedPath);
+      freeEntry(list, shared[i], FreeMode::Detach);
+      return DMS_SUCCESS;
+    }
+  }
+  DMS_TRACE(OSAL_TRACE_WARN, "File [%s] was not in the list to delete. Ignore this Delete Event\n", sharedPath);
+  return DMS_SUCCESS;
+}
+
+extern "C" DMS_EXPORT int32_t dmsClmLockContentList(dmsContentListInfo *list) {
+  if (list == nullptr) return DMS_ERR_INVALID_PARAM;
+  try {
+    list->hostLock.lock();
+    return DMS_SUCCESS;
+  } catch (const std::system_error &error) {
+    DMS_TRACE(OSAL_TRACE_ERR, "Error in osal_pthread_mutex_destroy(): %s\n", error.what());
+    return DMS_ERR_SYNC;
+  }
+}
+
+extern "C" DMS_EXPORT int32_t dmsClmUnlockContentList(dmsContentListInfo *list) {
+  if (list == nullptr) return DMS_ERR_INVALID_PARAM;
+  list->hostLock.unlock();
+  return DMS_SUCCESS;
+}
+
+int32_t dmsClmGetContentEntryById(dmsContentListInfo *list, dmsContentEntry **out, uint32_t id) {
+  if (list == nullptr || out == nullptr) {
+    DMS_TRACE(OSAL_TRACE_ERR, "Error in Input Param\n");
+    return DMS_ERR_INVALID_PARAM;
+  }
+  dmsContentEntry key;
+  key.id = id;
+  void *found = nullptr;
+  cel_rbTreeLookup(&list->entriesById, &key, &found);
+  *out = static_cast<dmsContentEntry *>(found);
+  return DMS_SUCCESS;
+}
+
+int32_t dmsClmGetContentEntryByFsmWd(dmsContentListInfo *list, dmsContentEntry **out, int32_t wd) {
+  if (list == nullptr || out == nullptr) {
+    DMS_TRACE(OSAL_TRACE_ERR, "Error in Input Param\n");
+    return DMS_ERR_INVALID_PARAM;
+  }
+  dmsContentEntry key;
+  key.watchDescriptor = wd;
+  void *found = nullptr;
+  cel_rbTreeLookup(&list->entriesByWd, &key, &found);
+  *out = static_cast<dmsContentEntry *>(found);
+  return DMS_SUCCESS;
+}
+
+int32_t dmsClmGetTypeForEntry(const dmsContentEntry *entry, uint32_t *type, uint32_t *id) {
+  if (entry == nullptr) {
+    DMS_TRACE(OSAL_TRACE_ERR, "Error in Input Param\n");
+    return DMS_ERR_INVALID_PARAM;
+  }
+  if (type != nullptr) *type = entry->type;
+  if (id != nullptr) *id = entry->id;
+  return DMS_SUCCESS;
+}
+
+int32_t dmsClmGetMediaInfoForEntry(dmsContentEntry *entry, uint32_t *id, mfdMediaInfo **media,
+                                   dmsContentEntry **parent, uint32_t *reserved) {
+  if (entry == nullptr) {
+    DMS_TRACE(OSAL_TRACE_ERR, "Error in Input Param\n");
+    return DMS_ERR_INVALID_PARAM;
+  }
+  if (id != nullptr) *id = entry->id;
+  if (media != nullptr) *media = entry->mediaInfo.get();
+  if (parent != nullptr) *parent = entry->parent;
+  if (reserved != nullptr) *reserved = 0;
+  return DMS_SUCCESS;
+}
+
+int32_t dmsClmGetContainerInfoForEntry(dmsContentEntry *entry, uint32_t *id,
+                                       dmsContentEntry **parent, int32_t *childCount,
+                                       dmsContentEntry ***children, uint32_t *reserved) {
+  if (entry == nullptr) {
+    DMS_TRACE(OSAL_TRACE_ERR, "Error in Input Param\n");
+    return DMS_ERR_INVALID_PARAM;
+  }
+  if (id != nullptr) *id = entry->id;
+  if (parent != nullptr) *parent = entry->parent;
+  if (childCount != nullptr) *childCount = static_cast<int32_t>(entry->children.size());
+  if (children != nullptr) *children = entry->children.empty() ? nullptr : entry->children.data();
+  if (reserved != nullptr) *reserved = 0;
+  return DMS_SUCCESS;
+}
+
+int32_t dmsClmGetCounts(dmsContentListInfo *list, int32_t *containers, int32_t *items) {
+  if (list == nullptr || containers == nullptr || items == nullptr) return DMS_ERR_INVALID_PARAM;
+  auto reading = dmsClmReadLock(list);
+  *containers = 0;
+  *items = 0;
+  if (list->root == nullptr) return DMS_SUCCESS;
+  std::vector<const dmsContentEntry *> pending(list->root->children.begin(), list->root->children.end());
+  while (!pending.empty()) {
+    const dmsContentEntry *entry = pending.back();
+    pending.pop_back();
+    if (entry->type == DMS_CLM_TYPE_ITEM) {
+      ++*items;
+    } else {
+      ++*containers;
+      pending.insert(pending.end(), entry->children.begin(), entry->children.end());
+    }
+  }
+  return DMS_SUCCESS;
+}

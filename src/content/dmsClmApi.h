@@ -1,0 +1,127 @@
+// The content list: the server's in-memory picture of its shared folders.
+//
+// A tree of entries: the root (id 0), one container per shared folder, then
+// sub-folders as containers and recognised media files as items.  Ids are
+// handed out from 1001 upward, depth first in byte-wise sorted name order, and
+// never reused.  Two red-black trees find entries by id and by the inotify
+// watch descriptor of a container.
+//
+// Lock discipline (one owner, one lock):
+//   * `rwLock` guards every entry and every field below it.  Readers (the
+//     ContentDirectory answers, the HTTP file server) hold it shared for as
+//     long as they look at entries: take it with dmsClmReadLock.  Every
+//     change (adding or removing a shared folder, the monitor thread's
+//     changes) holds it exclusively, and only for the attach or detach
+//     itself: folder walks and format detection run before, without it, so
+//     readers never wait on file I/O.  A waiting writer goes before new
+//     readers; a thread takes the shared hold once, not twice.
+//   * `hostLock` is the mutex offered to the host through
+//     dmsClmLockContentList/dmsClmUnlockContentList.  No server operation
+//     takes it.
+//   * The getters below take no lock: the caller holds `rwLock` (shared or
+//     exclusive) for as long as it uses what they return.
+#ifndef DMS_CONTENT_DMS_CLM_API_H
+#define DMS_CONTENT_DMS_CLM_API_H
+
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <shared_mutex>
+#include <string>
+#include <vector>
+
+#include "dlna_dms.h"
+#include "content/dmsRwLock.h"
+#include "mfd/mfd_api.h"
+#include "util/cel_rbTree.h"
+
+struct dmsFsmMonitor;
+
+// Entry types.
+inline constexpr uint32_t DMS_CLM_TYPE_ROOT = 0;
+inline constexpr uint32_t DMS_CLM_TYPE_CONTAINER = 1;
+inline constexpr uint32_t DMS_CLM_TYPE_ITEM = 2;
+
+inline constexpr uint32_t DMS_CLM_FIRST_ID = 1001;
+
+// One file or folder.  Owned by the list: created while attaching a scan,
+// released by freeing its parent, its shared folder or the list.
+struct dmsContentEntry {
+  uint32_t id = 0;
+  uint32_t updateCount = 0;  // a container's changes, published in ContainerUpdateIDs
+  std::string path;          // full path; "root" for the root
+  uint32_t type = DMS_CLM_TYPE_ITEM;
+  dmsContentEntry *parent = nullptr;
+  std::vector<dmsContentEntry *> children;   // containers: in the order added; owned
+  int64_t fileSize = 0;                      // items: size when the entry was made
+  std::unique_ptr<mfdMediaInfo> mediaInfo;   // items: what detection found
+  int32_t watchDescriptor = -1;              // containers: inotify watch, -1 none
+
+  dmsContentEntry() = default;
+  dmsContentEntry(const dmsContentEntry &) = delete;
+  dmsContentEntry &operator=(const dmsContentEntry &) = delete;
+};
+
+struct dmsContentListInfo {
+  dmsContentListInfo() = default;
+  dmsContentListInfo(const dmsContentListInfo &) = delete;
+  dmsContentListInfo &operator=(const dmsContentListInfo &) = delete;
+
+  mutable dmsRwLock rwLock;  // see the lock discipline above; writers go first
+  std::mutex hostLock;               // the host's facility only
+
+  cel_rbTree entriesById{};  // all entries, by id
+  cel_rbTree entriesByWd{};  // watched containers, by watch descriptor
+  dmsContentEntry *root = nullptr;
+  dmsFsmMonitor *monitor = nullptr;
+  uint32_t nextId = DMS_CLM_FIRST_ID;
+  mfdInstance *detector = nullptr;
+  void *cdsContext = nullptr;  // the ContentDirectory, told of changes
+
+  // Update record handed to the ContentDirectory on every change.
+  std::vector<uint32_t> containerUpdatePairs;  // (container id, update count) pairs
+  uint32_t systemUpdateId = 0;
+  const char *containerVariableName = "ContainerUpdateIDs";
+  const char *systemVariableName = "SystemUpdateID";
+
+  int32_t maxContent = 0;  // entry budget (raised by one per folder when filtering)
+  int32_t entryCount = 0;  // entries made, the root not counted
+};
+
+// Creates the list and scans `sharedPaths` (each under its own container; a
+// missing path is skipped with a trace).  0 and *out, or a DMS_ERR_* code with
+// *out NULL.  The strings are read during the call only.
+int32_t dmsClmCreateContentList(dmsContentListInfo **out, char **sharedPaths,
+                                int32_t numSharedPaths, int32_t maxContent);
+// Stops the monitor and releases every entry and the list.  0 or the last
+// error met (the list is released in any case).
+int32_t dmsClmFreeContentList(dmsContentListInfo *list);
+
+// Shares one more folder at run time (scanned before it is attached).
+// -100 for NULL arguments or a path that is not a folder.
+int32_t dmsClmAddToContentList(dmsContentListInfo *list, const char *sharedPath);
+// Stops sharing the shared folder whose path equals `sharedPath`; 0 also when
+// there is none.
+int32_t dmsClmRemoveFromContentList(dmsContentListInfo *list, const char *sharedPath);
+
+// Shared hold of the list's lock, for readers of entries.
+[[nodiscard]] std::shared_lock<dmsRwLock> dmsClmReadLock(const dmsContentListInfo *list);
+
+// Lookups: 0 with *out the entry or NULL; -100 for a NULL list or out.
+int32_t dmsClmGetContentEntryById(dmsContentListInfo *list, dmsContentEntry **out, uint32_t id);
+int32_t dmsClmGetContentEntryByFsmWd(dmsContentListInfo *list, dmsContentEntry **out, int32_t wd);
+
+// Getters of one entry; result pointers may be NULL (skipped).  -100 for a
+// NULL entry.  *reserved is always 0.
+int32_t dmsClmGetTypeForEntry(const dmsContentEntry *entry, uint32_t *type, uint32_t *id);
+int32_t dmsClmGetMediaInfoForEntry(dmsContentEntry *entry, uint32_t *id, mfdMediaInfo **media,
+                                   dmsContentEntry **parent, uint32_t *reserved);
+int32_t dmsClmGetContainerInfoForEntry(dmsContentEntry *entry, uint32_t *id,
+                                       dmsContentEntry **parent, int32_t *childCount,
+                                       dmsContentEntry ***children, uint32_t *reserved);
+
+// Numbers of containers (shared folders included) and items; takes the read
+// lock itself.  -100 for NULL arguments.
+int32_t dmsClmGetCounts(dmsContentListInfo *list, int32_t *containers, int32_t *items);
+
+#endif  // DMS_CONTENT_DMS_CLM_API_H

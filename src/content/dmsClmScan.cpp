@@ -1,0 +1,239 @@
+#include "content/dmsClmScan.h"
+
+#include <dirent.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <array>
+#include <cctype>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <new>
+#include <utility>
+
+#include "content/dmsFsmApi.h"
+#include "util/osal_trace.h"
+
+static constexpr char kTraceFile[] = "dmsClmApi";
+
+namespace {
+
+// Names kept by the filter, compared after lower-casing.
+constexpr std::array<const char *, 16> kMediaExtensions{
+    ".jpg", ".png", ".gif", ".wav", ".mp3", ".pcm", ".aac", ".wma",
+    ".mpeg", ".mpg", ".mp4", ".wmv", ".avi", ".asf", ".vob", ".dat"};
+constexpr std::array<const char *, 3> kSkippedFolders{
+    "$recycle.bin", "recycler", "system volume information"};
+
+std::string lowerCase(const char *text) {
+  std::string lowered(text);
+  for (char &c : lowered) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  return lowered;
+}
+
+bool filterOn() { return KVSUPPORT_XR_VAL != 0; }
+
+// Folders on the way from the shared folder down to the one being walked,
+// by device and inode: a symbolic link back to one of them is not entered.
+using FolderIdentity = std::pair<dev_t, ino_t>;
+
+struct DirectoryName {
+  std::string name;
+  bool isDirectory;  // from the directory entry's type; unknown types are stat'ed
+};
+
+// The names of `path`, byte-wise sorted, filtered while the host flag is set.
+// A negative errno when the folder cannot be read.
+int readNames(const std::string &path, std::vector<DirectoryName> &names) {
+  DIR *directory = ::opendir(path.c_str());
+  if (directory == nullptr) return -errno;
+  bool filtering = filterOn();
+  while (dirent *entry = ::readdir(directory)) {
+    if (std::strcmp(entry->d_name, ".") == 0 || std::strcmp(entry->d_name, "..") == 0) continue;
+    bool isDirectory = entry->d_type == DT_DIR;
+    if (entry->d_type == DT_UNKNOWN || entry->d_type == DT_LNK) {
+      struct stat status {};
+      std::string full = path + "/" + entry->d_name;
+      isDirectory = ::stat(full.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
+    }
+    if (filtering && !dmsClmScanFilterKeeps(entry->d_name, isDirectory)) continue;
+    names.push_back({entry->d_name, isDirectory});
+  }
+  ::closedir(directory);
+  std::sort(names.begin(), names.end(),
+            [](const DirectoryName &a, const DirectoryName &b) { return a.name < b.name; });
+  return 0;
+}
+
+std::string joinPath(const std::string &folder, const std::string &name) {
+  if (!folder.empty() && folder.back() == '/') return folder + name;
+  return folder + "/" + name;
+}
+
+// Takes one entry from the budget; false when it is spent.
+bool takeFromBudget(dmsScanBudget &budget, uint32_t type) {
+  if (budget.count >= budget.max) {
+    DMS_TRACE(OSAL_TRACE_INFO, "Number of Content Support exceeding: MaxContent [%d]\n", budget.max);
+    return false;
+  }
+  ++budget.count;
+  // While filtering, folders do not use the budget up.
+  if (type == DMS_CLM_TYPE_CONTAINER && filterOn()) ++budget.max;
+  return true;
+}
+
+// Runs detection; true (with the record) when the file is media.
+bool detectMedia(dmsContentListInfo *list, const std::string &path,
+                 std::unique_ptr<mfdMediaInfo> &media) {
+  media = std::make_unique<mfdMediaInfo>();
+  int32_t result = mfd_detectMediaFormat(list->detector, path.c_str(), media.get());
+  if (result == MFD_ERR_UNSUPPORTED) return false;  // not media: dropped silently
+  if (result != 0) {
+    DMS_TRACE(result == MFD_ERR_FILE ? OSAL_TRACE_WARN : OSAL_TRACE_INFO,
+              "Error [%d] in %s() for file [%s]\n", result, "mfd_detectMediaFormat", path.c_str());
+    return false;
+  }
+  return media->mediaClass != MFD_CLASS_NONE && media->formatId != MFD_FORMAT_NONE;
+}
+
+int32_t walkFolder(dmsContentListInfo *list, dmsPendingEntry &folder, dmsScanBudget &budget,
+                   std::vector<FolderIdentity> &ancestors);
+
+bool prepareEntry(dmsContentListInfo *list, const std::string &path, uint32_t type,
+                  int64_t fileSize, dmsScanBudget &budget, dmsPendingEntry &out,
+                  std::vector<FolderIdentity> &ancestors) {
+  // The budget is taken before detection, so nothing is read for a file
+  // that could not be listed anyway; a file that is not media gives it back.
+  if (!takeFromBudget(budget, type)) return false;
+  out.path = path;
+  out.type = type;
+  out.fileSize = fileSize;
+  if (type == DMS_CLM_TYPE_ITEM) {
+    if (!detectMedia(list, path, out.mediaInfo)) {
+      --budget.count;
+      return false;
+    }
+    return true;
+  }
+  walkFolder(list, out, budget, ancestors);
+  return true;
+}
+
+int32_t walkFolder(dmsContentListInfo *list, dmsPendingEntry &folder, dmsScanBudget &budget,
+                   std::vector<FolderIdentity> &ancestors) {
+  struct stat self {};
+  if (::stat(folder.path.c_str(), &self) != 0) return -errno;
+  FolderIdentity identity{self.st_dev, self.st_ino};
+  std::vector<DirectoryName> names;
+  int result = readNames(folder.path, names);
+  if (result < 0) {
+    DMS_TRACE(OSAL_TRACE_ERR, "Error [%d] in scandir() for path [%s]\n", result, folder.path.c_str());
+    return result;
+  }
+  ancestors.push_back(identity);
+  folder.children.reserve(names.size());
+  for (const DirectoryName &name : names) {
+    // Once the budget is spent nothing more can be listed (only a listed
+    // folder raises it): the rest of the walk is skipped.
+    if (budget.count >= budget.max) {
+      takeFromBudget(budget, DMS_CLM_TYPE_ITEM);
+      break;
+    }
+    std::string path = joinPath(folder.path, name.name);
+    struct stat status {};
+    if (::stat(path.c_str(), &status) != 0) {
+      DMS_TRACE(OSAL_TRACE_ERR, "Error in osal_stat()\n");
+      std::perror("osal_stat():  ");
+      continue;
+    }
+    uint32_t type = S_ISDIR(status.st_mode) ? DMS_CLM_TYPE_CONTAINER : DMS_CLM_TYPE_ITEM;
+    if (type == DMS_CLM_TYPE_CONTAINER &&
+        std::find(ancestors.begin(), ancestors.end(), FolderIdentity{status.st_dev, status.st_ino}) !=
+            ancestors.end()) {
+      DMS_TRACE(OSAL_TRACE_INFO, "Folder [%s] links back to a folder above it: not listed\n", path.c_str());
+      continue;
+    }
+    dmsPendingEntry child;
+    if (prepareEntry(list, path, type, status.st_size, budget, child, ancestors)) {
+      folder.children.push_back(std::move(child));
+    }
+  }
+  ancestors.pop_back();
+  return 0;
+}
+
+}  // namespace
+
+bool dmsClmScanFilterKeeps(const char *name, bool isDirectory) {
+  if (name == nullptr || *name == '\0') return true;
+  if (isDirectory) {
+    std::string lowered = lowerCase(name);
+    return std::none_of(kSkippedFolders.begin(), kSkippedFolders.end(),
+                        [&](const char *skipped) { return lowered == skipped; });
+  }
+  const char *dot = std::strrchr(name, '.');
+  if (dot == nullptr) return false;
+  std::string extension = lowerCase(dot);
+  return std::any_of(kMediaExtensions.begin(), kMediaExtensions.end(),
+                     [&](const char *kept) { return extension == kept; });
+}
+
+bool dmsClmPrepareTopEntry(dmsContentListInfo *list, const std::string &path, uint32_t type,
+                           int64_t fileSize, dmsScanBudget &budget, dmsPendingEntry &out) {
+  if (!takeFromBudget(budget, type)) return false;
+  out.path = path;
+  out.type = type;
+  out.fileSize = fileSize;
+  if (type == DMS_CLM_TYPE_ITEM && !detectMedia(list, path, out.mediaInfo)) {
+    --budget.count;
+    return false;
+  }
+  return true;
+}
+
+int32_t scanDirAndAddToList(dmsContentListInfo *list, dmsPendingEntry &folder,
+                            dmsScanBudget &budget) {
+  std::vector<FolderIdentity> ancestors;
+  return walkFolder(list, folder, budget, ancestors);
+}
+
+dmsContentEntry *createEntryAndAddToList(dmsContentListInfo *list, dmsPendingEntry &pending,
+                                         dmsContentEntry *parent) {
+  if (list->entryCount >= list->maxContent) {
+    DMS_TRACE(OSAL_TRACE_INFO, "Number of Content Support exceeding: MaxContent [%d]\n",
+              list->maxContent);
+    return nullptr;
+  }
+  auto entry = std::make_unique<dmsContentEntry>();
+  entry->id = list->nextId++;
+  entry->path = std::move(pending.path);
+  entry->type = pending.type;
+  entry->parent = parent;
+  entry->fileSize = pending.fileSize;
+  entry->mediaInfo = std::move(pending.mediaInfo);
+  int32_t result = cel_rbTreeInsert(&list->entriesById, entry.get());
+  if (result != 0) {
+    DMS_TRACE(OSAL_TRACE_ERR, "Error [%d] in %s()\n", result, "cel_rbTreeInsert");
+    return nullptr;
+  }
+  ++list->entryCount;
+  dmsContentEntry *made = entry.release();  // owned by the list from here on
+  if (made->type != DMS_CLM_TYPE_CONTAINER) return made;
+  if (filterOn()) ++list->maxContent;
+  if (list->monitor != nullptr) dmsFsmAddToMointor(list->monitor, made);
+  return made;
+}
+
+void dmsClmAttachChildren(dmsContentListInfo *list, dmsContentEntry *container,
+                          dmsPendingEntry &pending) {
+  container->children.reserve(pending.children.size());
+  for (dmsPendingEntry &child : pending.children) {
+    dmsContentEntry *entry = createEntryAndAddToList(list, child, container);
+    if (entry == nullptr) continue;
+    // A folder takes its id before its contents do.
+    if (entry->type == DMS_CLM_TYPE_CONTAINER) dmsClmAttachChildren(list, entry, child);
+    container->children.push_back(entry);
+  }
+  pending.children.clear();
+}

@@ -1,0 +1,60 @@
+// File system monitor: one inotify instance per content list, a watch on
+// every container, and the watch-descriptor tree that maps events back to
+// entries.
+//
+// The monitor's records are changed under the content list's exclusive lock
+// (dmsFsmAddToMointor and dmsFsmRemoveFromMointor are called while a scan is
+// attached or an entry is freed).
+#ifndef DMS_CONTENT_DMS_FSM_API_H
+#define DMS_CONTENT_DMS_FSM_API_H
+
+#include <sys/inotify.h>
+
+#include <cstdint>
+
+struct dmsContentListInfo;
+struct dmsContentEntry;
+
+// Event kinds handed to the change handler.
+inline constexpr uint32_t FSM_EVENT_FILE_WRITTEN = 1;
+inline constexpr uint32_t FSM_EVENT_CHILD_DELETED = 2;
+inline constexpr uint32_t FSM_EVENT_FOLDER_CREATED = 4;
+inline constexpr uint32_t FSM_EVENT_FOLDER_GONE = 5;
+
+// Events every container is watched for.
+inline constexpr uint32_t DMS_FSM_WATCH_MASK = IN_CLOSE_WRITE | IN_MOVED_FROM | IN_MOVED_TO |
+                                               IN_CREATE | IN_DELETE | IN_DELETE_SELF |
+                                               IN_MOVE_SELF;
+
+// Change handler: (list, watched container, affected entry or NULL, name, kind).
+using dmsFsmNotificationHandler = int32_t (*)(dmsContentListInfo *list, dmsContentEntry *container,
+                                              dmsContentEntry *entry, const char *name,
+                                              uint32_t kind);
+
+struct dmsFsmMonitor {
+  int inotifyDescriptor = -1;
+  dmsFsmNotificationHandler handler = nullptr;
+  dmsContentEntry *root = nullptr;
+  dmsContentListInfo *owner = nullptr;  // borrowed: the list outlives its monitor
+
+  dmsFsmMonitor() = default;
+  dmsFsmMonitor(const dmsFsmMonitor &) = delete;
+  dmsFsmMonitor &operator=(const dmsFsmMonitor &) = delete;
+};
+
+// 0; -100 for a NULL out; -97 no memory; -96 when inotify is not available.
+int32_t dmsFsmInit(dmsFsmMonitor **out, dmsContentListInfo *owner);
+// Closes the inotify instance (every watch with it) and releases the record.
+int32_t dmsFsmDeinit(dmsFsmMonitor *monitor);
+// Remembers the root and the handler; -100 for a NULL monitor or root.
+int32_t dmsFsmStartMonitor(dmsFsmMonitor *monitor, dmsContentEntry *root,
+                           dmsFsmNotificationHandler handler);
+// Forgets them again; -100 for NULL.
+int32_t dmsFsmStopMonitor(dmsFsmMonitor *monitor);
+// Watches the container's folder and enters it in the owner's
+// watch-descriptor tree; 0 also when the watch cannot be added (traced).
+int32_t dmsFsmAddToMointor(dmsFsmMonitor *monitor, dmsContentEntry *container);
+// Removes the watch and the tree entry; the descriptor becomes -1.
+int32_t dmsFsmRemoveFromMointor(dmsFsmMonitor *monitor, dmsContentEntry *container);
+
+#endif  // DMS_CONTENT_DMS_FSM_API_H
