@@ -13,6 +13,7 @@
 
 #include "content/dmsClmApi.h"
 #include "http/dmsAvtHttpHandler.h"
+#include "services/dmsCdsMgrApi.h"
 #include "services/dmsCmsApi.h"
 #include "services/dmsDeviceEventMgr.h"
 #include "services/dmsMsMrsApi.h"
@@ -58,6 +59,12 @@ int32_t tearDownServer(dmsHandle *handle) {
     int32_t result = dmsCmsDeInit(handle->cmsContext);
     if (result != 0) DMS_TRACE(OSAL_TRACE_ERR, "Error [%d] in %s()\n", result, "dmsCmsMgrDeInit");
     handle->cmsContext = nullptr;
+  }
+  if (handle->cdsContext != nullptr) {
+    if (handle->contentList != nullptr) handle->contentList->cdsContext = nullptr;
+    int32_t result = dmsCdsMgrDeInit(handle->cdsContext);
+    if (result != 0) DMS_TRACE(OSAL_TRACE_ERR, "Error [%d] in %s()\n", result, "dmsCdsMgrDeInit");
+    handle->cdsContext = nullptr;
   }
   if (handle->eventMgr != nullptr) {
     int32_t result = dmsDevEventMgrDeInit(handle->eventMgr);
@@ -108,6 +115,10 @@ int32_t startSdk(dmsHandle *handle, dmsConfig *config) {
   DMS_TRACE(OSAL_TRACE_INFO, "IP: [%s], Port: [%d]\n", address.c_str(), static_cast<int>(config->port));
   result = UpnpEnableWebserver(1);
   if (result != UPNP_E_SUCCESS) return traceSdkFailure(result, "UpnpEnableWebserver", DMS_ERR_INVALID_PARAM);
+  // Paths outside "/web" are looked up under a root that cannot hold files,
+  // so that "/web/../etc/passwd" and the like answer 404.
+  result = UpnpSetWebServerRootDir("/dev/null");
+  if (result != UPNP_E_SUCCESS) return traceSdkFailure(result, "UpnpSetWebServerRootDir", DMS_ERR_INVALID_PARAM);
   result = dmsAvtHttp_setCallbacks();
   if (result != UPNP_E_SUCCESS) return traceSdkFailure(result, "UpnpSetVirtualDirCallbacks", DMS_ERR_INVALID_PARAM);
   result = UpnpAddVirtualDir(kWebDirectory, nullptr, nullptr);
@@ -131,6 +142,11 @@ int32_t proveDescription(dmsHandle *handle) {
 int32_t createServices(dmsHandle *handle) {
   int32_t result = dmsDevEventMgrInit(&handle->eventMgr, handle->deviceHandle, handle->uuid);
   if (result != 0) return traceSdkFailure(result, "dmsDevEventMgrInit", result);
+  result = dmsCdsMgrInit(&handle->cdsContext, handle->eventMgr, handle->contentList,
+                         handle->config.ipAddress, handle->config.port);
+  if (result != 0) return traceSdkFailure(result, "dmsCdsMgrInit", result);
+  // Content changes are evented through the ContentDirectory.
+  handle->contentList->cdsContext = handle->cdsContext;
   result = dmsAvtHttp_init(".", handle->contentList);
   if (result != 0) return traceSdkFailure(result, "dmsAvtHttp_init", DMS_ERR_FAILURE);
   result = dmsCmsInit(&handle->cmsContext, handle->eventMgr);

@@ -13,6 +13,7 @@
 #include "dlna_dms.h"
 
 struct dmsDevEventMgr;
+struct dmsCdsMgrHandle;
 struct dmsCmsInstance;
 struct dmsMsMrsInstance;
 
@@ -36,7 +37,7 @@ struct dmsHandle {
   UpnpDevice_Handle deviceHandle;
   dmsContentListInfo *contentList;
   dmsDevEventMgr *eventMgr;
-  void *cdsContext;
+  dmsCdsMgrHandle *cdsContext;
   dmsCmsInstance *cmsContext;
   dmsMsMrsInstance *msMrsContext;
   char uuid[48];

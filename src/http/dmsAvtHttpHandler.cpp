@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstring>
@@ -12,7 +13,9 @@
 #include <new>
 #include <shared_mutex>
 #include <string>
+#include <vector>
 
+#include "http/dmsAvtHttpMedia.h"
 #include "util/osal_trace.h"
 
 namespace {
@@ -83,6 +86,9 @@ struct FileHandle {
   std::string path;
   int64_t position = 0;
   int descriptor = -1;
+  int64_t dataOffset = 0;     // where the served bytes start (SEEK_SET is relative to it)
+  bool swapSamples = false;   // LPCM: 16-bit samples go out big-endian
+  std::vector<char> scratch;  // reused by the swapping read
 
   FileHandle() = default;
   FileHandle(const FileHandle &) = delete;
@@ -92,10 +98,50 @@ struct FileHandle {
   }
 };
 
-int getFixedInfo(const char *path, UpnpFileInfo *info) {
+dmsContentListInfo *contentList() {
+  ServedFiles &files = servedFiles();
+  std::shared_lock guard(files.lock);
+  return files.contentList;
+}
+
+int getMediaInfo(const char *path, UpnpFileInfo *info) {
+  uint32_t id = 0;
+  dmsAvtHttpMediaFile media;
+  if (!dmsAvtHttpParseMediaId(path, &id) || !dmsAvtHttpFindMedia(contentList(), id, media)) {
+    return -1;
+  }
+  struct stat status {};
+  if (::stat(media.path.c_str(), &status) != 0 || !S_ISREG(status.st_mode)) {
+    DMS_TRACE(OSAL_TRACE_INFO, "File [%s] cannot be accessed\n", media.path.c_str());
+    return -1;
+  }
+  int readable = 1;
+  if (::access(media.path.c_str(), R_OK) != 0) {
+    if (errno != EACCES) {
+      DMS_TRACE(OSAL_TRACE_INFO, "File [%s] is not readable\n", media.path.c_str());
+      return -1;
+    }
+    readable = 0;
+  }
+  // The SDK sends exactly this many bytes: what the file holds now from the
+  // payload start, no more than its header declares.
+  int64_t length = std::max<int64_t>(0, status.st_size - media.dataOffset);
+  if (media.declaredSize > 0) length = std::min(length, media.declaredSize);
+  UpnpFileInfo_set_FileLength(info, static_cast<off_t>(length));
+  UpnpFileInfo_set_LastModified(info, status.st_mtime);
+  UpnpFileInfo_set_IsDirectory(info, 0);
+  UpnpFileInfo_set_IsReadable(info, readable);
+  UpnpFileInfo_set_ContentType(info, media.mimeType.c_str());
+  UpnpFileInfo_set_ExtraHeaders(info, dmsAvtHttpMediaHeaders(media).c_str());
+  DMS_TRACE(OSAL_TRACE_INFO, "File Length: [%lld] Mime-Type: [%s] DLNA Profile: [%s]\n",
+            static_cast<long long>(length), media.mimeType.c_str(), media.contentFeatures.c_str());
+  return 0;
+}
+
+int getFileInfo(const char *path, UpnpFileInfo *info) {
   DMS_TRACE(OSAL_TRACE_INFO, "Logical File Path: [%s]\n", path);
   int index = fixedFileIndex(path);
-  if (index < 0) return -1;  // media files are not served yet
+  if (index < 0) return getMediaInfo(path, info);
   const FixedFile &file = kFixedFiles[index];
   DMS_TRACE(OSAL_TRACE_INFO, file.foundTrace, path);
   int64_t size;
@@ -117,14 +163,29 @@ int getFixedInfo(const char *path, UpnpFileInfo *info) {
   return 0;
 }
 
-UpnpWebFileHandle openFixedFile(const char *path) {
+// Fills `handle` for a media URL; false when it names no shared item.
+bool resolveMedia(const char *path, FileHandle &handle) {
+  uint32_t id = 0;
+  dmsAvtHttpMediaFile media;
+  if (!dmsAvtHttpParseMediaId(path, &id) || !dmsAvtHttpFindMedia(contentList(), id, media)) {
+    return false;
+  }
+  handle.path = std::move(media.path);
+  handle.dataOffset = media.dataOffset;
+  handle.position = media.dataOffset;
+  handle.swapSamples = media.swapSamples;
+  return true;
+}
+
+UpnpWebFileHandle openFile(const char *path) {
   int index = fixedFileIndex(path);
-  if (index < 0) return nullptr;  // media files are not served yet
   auto handle = std::make_unique<FileHandle>();
-  {
+  if (index >= 0) {
     ServedFiles &files = servedFiles();
     std::shared_lock guard(files.lock);
     handle->path = files.paths[index];
+  } else if (!resolveMedia(path, *handle)) {
+    return nullptr;
   }
   if (handle->path.empty()) return nullptr;
   handle->descriptor = ::open(handle->path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
@@ -132,6 +193,8 @@ UpnpWebFileHandle openFixedFile(const char *path) {
     DMS_TRACE(OSAL_TRACE_ERR, "Not able to Open the File => [%s]\n", handle->path.c_str());
     return nullptr;
   }
+  // A stream is read once: keep it from pushing other data out of the cache.
+  if (index < 0) ::posix_fadvise(handle->descriptor, 0, 0, POSIX_FADV_DONTNEED);
   return handle.release();
 }
 
@@ -188,7 +251,7 @@ int32_t dmsAvtHttp_setCallbacks() {
 int dmsAvtHttp_getInfo(const char *path, UpnpFileInfo *info, const void * /*cookie*/) {
   if (path == nullptr || info == nullptr) return -1;
   try {
-    return getFixedInfo(path, info);
+    return getFileInfo(path, info);
   } catch (...) {
     return -1;
   }
@@ -207,7 +270,7 @@ UpnpWebFileHandle dmsAvtHttp_open(const char *path, enum UpnpOpenFileMode mode,
     return nullptr;
   }
   try {
-    return openFixedFile(path);
+    return openFile(path);
   } catch (const std::bad_alloc &) {
     DMS_TRACE(OSAL_TRACE_ERR, "Unable to Allocate Memory \n");
     return nullptr;
@@ -225,7 +288,16 @@ int dmsAvtHttp_read(UpnpWebFileHandle fileHandle, char *buffer, size_t count,
   }
   if (buffer == nullptr || count == 0) return 0;
   auto *handle = static_cast<FileHandle *>(fileHandle);
-  ssize_t got = ::pread(handle->descriptor, buffer, count, handle->position);
+  ssize_t got;
+  try {
+    got = handle->swapSamples
+              ? static_cast<ssize_t>(dmsAvtHttpReadSwapped(handle->descriptor, buffer, count,
+                                                           handle->position, handle->dataOffset,
+                                                           handle->scratch))
+              : ::pread(handle->descriptor, buffer, count, handle->position);
+  } catch (...) {
+    return 0;
+  }
   if (got <= 0) return 0;
   handle->position += got;
   DMS_TRACE(OSAL_TRACE_INFO, "Read: [%d] Requested: [%d] Pos: [%lld]\n", static_cast<int>(got),
@@ -250,7 +322,7 @@ int dmsAvtHttp_seek(UpnpWebFileHandle fileHandle, off_t offset, int origin,
   auto *handle = static_cast<FileHandle *>(fileHandle);
   int64_t target;
   switch (origin) {
-    case SEEK_SET: target = offset; break;
+    case SEEK_SET: target = handle->dataOffset + offset; break;
     case SEEK_CUR: target = handle->position + offset; break;
     case SEEK_END: {
       struct stat status {};

@@ -62,6 +62,16 @@ enum mfdFormatId : uint32_t {
   MFD_FORMAT_END = 27,
 };
 
+// Codec ids for codecs without a format id of their own, used in the
+// videoCodec/audioCodec words next to the format ids.
+// H.264/AVC video: 16, an id that has no registry row, so no file is ever
+// reported as format 16 and the protocol mapping never sees it as a format.
+inline constexpr uint32_t MFD_CODEC_AVC = 16;
+// A stream that is present but whose codec has no id here (H.263, HEVC, VC-1
+// advanced, an unknown ASF audio tag ...): nonzero, so "video present" and
+// "audio present" still read right.
+inline constexpr uint32_t MFD_CODEC_OTHER = 255;
+
 // Tag string of each format id ("INVALID", "ATRAC3", ... "MP4", "0").
 extern const char *const gp_a_ch_mfdMediaStringTags[26];
 
@@ -101,6 +111,9 @@ struct mfdMediaInfo {
   int64_t dataOffset;        // first byte to serve
   int64_t modificationTime;  // seconds since the epoch
   uint32_t duration;         // playing time in milliseconds; 0 unknown
+  // Video: picture size in pixels where the stream tells it; 0 unknown.
+  int32_t videoWidth;
+  int32_t videoHeight;
 };
 
 // Detector: recognise (mode 2) or parse (mode 3) the file open on `fd`

@@ -65,10 +65,15 @@ int32_t writeInOrder(Writes &&...writes) {
   return status;
 }
 
-int32_t addDuration(dlnaUtilBuffer *buffer, int32_t seconds) {
-  char text[32];
-  std::snprintf(text, sizeof text, "%d:%02d:%02d%s", seconds / 3600, seconds % 3600 / 60,
-                seconds % 60, ".000");
+// Writes the playing time as H:MM:SS.mmm; hours are neither padded nor
+// limited to two digits.
+int32_t addDuration(dlnaUtilBuffer *buffer, int64_t milliseconds) {
+  const long long hours = milliseconds / 3600000;
+  const int minutes = static_cast<int>(milliseconds % 3600000 / 60000);
+  const int seconds = static_cast<int>(milliseconds % 60000 / 1000);
+  const int millis = static_cast<int>(milliseconds % 1000);
+  char text[48];
+  std::snprintf(text, sizeof text, "%lld:%02d:%02d.%03d", hours, minutes, seconds, millis);
   return dlnaUtil_DIDLAddStringAttribute(buffer, "duration", text);
 }
 

@@ -36,8 +36,8 @@ struct dlnaUtilDidlItem {
   const char *album;         // NULL: absent
   char resolution[16];       // "<width>x<height>"; empty: absent
   char date[24];             // empty: absent
-  int32_t duration;          // whole seconds; written when > 0
-  int32_t bitrate;           // written when > 0
+  int64_t duration;          // playing time in milliseconds; written when > 0
+  int32_t bitrate;           // bytes per second; written when > 0
   const char *creator;       // NULL: absent
   const char *genre;         // NULL: absent
 };
@@ -77,7 +77,7 @@ int32_t dlnaUtil_DIDLAddFooter(dlnaUtilBuffer *buffer);
 // Appends one `item`: attributes id, parentID, restricted; elements
 // upnp:album (if set), upnp:class, dc:title, upnp:genre, dc:creator and
 // dc:date (each if set); then, when protocolInfo is set, `res` with
-// protocolInfo, size, duration (H:MM:SS.000), resolution and bitrate (each
+// protocolInfo, size, duration (H:MM:SS.mmm), resolution and bitrate (each
 // when present) around the URL "http://<address>:<port>/web/<resourceName>".
 // The item is refused (DLNA_UTIL_ERR_INVALID_PARAM) only when every one of
 // id, parentID, restricted, upnpClass and title is bad; one good field lets it

@@ -105,8 +105,9 @@ int32_t dlnaUtil_xmlParserPrintXmlDocument(IXML_Document *document) {
     DMS_TRACE(OSAL_TRACE_ERR, "Input Parameter Error: Pointer NULL\n");
     return DLNA_UTIL_ERR_INVALID_PARAM;
   }
-  // Rendering alone is the point: a place to look at the document in a
-  // debugger.
+  // A place to look at the document in a debugger.  Rendering a large
+  // answer costs, so it is only done while debug tracing is on.
+  if ((g_u32_osalTraceLevel.load(std::memory_order_relaxed) & OSAL_TRACE_DBG) == 0) return 0;
   DOMString text = ixmlPrintDocument(document);
   ixmlFreeDOMString(text);
   return 0;

@@ -37,7 +37,7 @@ dlnaUtilDidlItem musicTrack() {
   item.serverAddress = "192.168.1.5";
   item.serverPort = 49152;
   item.resourceName = "1005.mp3";
-  item.duration = 3725;
+  item.duration = 3725000;  // milliseconds
   item.bitrate = 16000;
   return item;
 }
@@ -176,15 +176,31 @@ TEST(DidlWriter, ZeroSizeAndDurationWriteProtocolInfoOnly) {
   EXPECT_EQ(attribute(res, "protocolInfo"), "http-get:*:audio/mpeg:*");
 }
 
-TEST(DidlWriter, DurationHoursAreNeitherPaddedNorLimited) {
-  const std::pair<int32_t, const char *> cases[] = {
-      {59, "0:00:59.000"}, {3725, "1:02:05.000"}, {360000, "100:00:00.000"}};
-  for (const auto &[seconds, expected] : cases) {
+TEST(DidlWriter, DurationIsMillisecondsWithUnpaddedHours) {
+  const std::pair<int64_t, const char *> cases[] = {
+      {1, "0:00:00.001"},           {999, "0:00:00.999"},
+      {59000, "0:00:59.000"},       {61234, "0:01:01.234"},
+      {3725000, "1:02:05.000"},     {360000000, "100:00:00.000"},
+      {4294967295LL, "1193:02:47.295"}};
+  for (const auto &[milliseconds, expected] : cases) {
     dlnaUtilDidlItem item = musicTrack();
-    item.duration = seconds;
+    item.duration = milliseconds;
     DocumentPtr document;
-    EXPECT_EQ(attribute(child(itemNode(item, document), "res"), "duration"), expected);
+    EXPECT_EQ(attribute(child(itemNode(item, document), "res"), "duration"), expected)
+        << milliseconds;
   }
+}
+
+TEST(DidlWriter, NegativeDurationAndBitrateAreLeftOut) {
+  dlnaUtilDidlItem item = musicTrack();
+  item.duration = -1;
+  item.bitrate = -1;
+  DocumentPtr document;
+  IXML_Node *res = child(itemNode(item, document), "res");
+  ASSERT_NE(res, nullptr);
+  EXPECT_EQ(attribute(res, "duration"), "<absent>");
+  EXPECT_EQ(attribute(res, "bitrate"), "<absent>");
+  EXPECT_EQ(attribute(res, "size"), "5000000000");
 }
 
 TEST(DidlWriter, SpecialCharactersRoundTripThroughTheParser) {

@@ -1,0 +1,382 @@
+// ContentDirectory service: instance life cycle, the action and state
+// variable tables, the two callbacks the device event manager calls, and the
+// eventing of content changes.
+//
+// An action request runs its table row in order: analyse the arguments,
+// create the response, hand every response argument to the event manager.
+// Whatever happens after the row is found, the row's own release operation
+// frees the analysed arguments, then the response arguments and the text
+// buffer are released.
+#include "services/dmsCdsMgrApi.h"
+
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <new>
+#include <string>
+
+#include "dlna_dms.h"
+#include "util/dlnaUtil_xmlParser.h"
+#include "util/dmsErrors.h"
+#include "util/osal_trace.h"
+
+static constexpr char kTraceFile[] = "dmsCdsMgrApi";
+
+namespace {
+
+using dmsCdsMgrAnalyzeReqFn = int32_t (*)(dmsCdsMgrHandle *handle,
+                                          UpnpActionRequest *actionRequest, void *requestArgs);
+using dmsCdsMgrCreateRespFn = int32_t (*)(dmsCdsMgrHandle *handle, void *requestArgs,
+                                          dmsCdsRespArgs *respArgs, dlnaUtilBuffer *buffer);
+using dmsCdsMgrReleaseReqFn = int32_t (*)(void *requestArgs);
+
+// One action: its name and up to three operations (NULL: none).
+struct dmsCdsMgrAction {
+  const char *actionName;
+  dmsCdsMgrAnalyzeReqFn analyzeRequest;
+  dmsCdsMgrCreateRespFn createResponse;
+  dmsCdsMgrReleaseReqFn releaseRequest;
+};
+
+// The analysers and releasers take their own record type; the table holds
+// them behind these untyped adaptors.
+template <typename Args>
+int32_t callAnalyzer(int32_t (*analyze)(dmsCdsMgrHandle *, UpnpActionRequest *, Args *),
+                     dmsCdsMgrHandle *handle, UpnpActionRequest *actionRequest,
+                     void *requestArgs) {
+  return analyze(handle, actionRequest, static_cast<Args *>(requestArgs));
+}
+
+template <auto Analyze>
+int32_t untypedAnalyze(dmsCdsMgrHandle *handle, UpnpActionRequest *actionRequest,
+                       void *requestArgs) {
+  return callAnalyzer(Analyze, handle, actionRequest, requestArgs);
+}
+
+template <typename Args>
+int32_t callReleaser(int32_t (*release)(Args *), void *requestArgs) {
+  return release(static_cast<Args *>(requestArgs));
+}
+
+template <auto Release>
+int32_t untypedRelease(void *requestArgs) {
+  return callReleaser(Release, requestArgs);
+}
+
+}  // namespace
+
+static const dmsCdsMgrAction gsa_s_dmsCdsMgrActionList[] = {
+    // action name              analyse                                   create response                        release
+    {"GetSearchCapabilities",   nullptr,                                  dmsCdsCreateRespGetSearchCaps,         nullptr},
+    {"GetSortCapabilities",     nullptr,                                  dmsCdsCreateRespGetSortCaps,           nullptr},
+    {"GetFeatureList",          nullptr,                                  dmsCdsCreateRespGetFeatureList,        nullptr},
+    {"GetSystemUpdateID",       nullptr,                                  dmsCdsCreateRespGetSystemUpdateId,     nullptr},
+    {"GetServiceResetToken",    nullptr,                                  dmsCdsCreateRespGetServiceResetToken,  nullptr},
+    {"Browse",                  untypedAnalyze<dmsCdsAnalyzeReqBrowse>,   dmsCdsCreateRespBrowse,                untypedRelease<dmsCdsReleaseReqArgsBrowse>},
+    {"Search",                  untypedAnalyze<dmsCdsAnalyzeReqSearch>,   dmsCdsCreateRespSearch,                untypedRelease<dmsCdsReleaseReqArgsSearch>},
+};
+
+// Initial values for subscribers and answers to state variable queries.  The
+// values never change: content changes are evented, not stored here, so
+// SystemUpdateID always reads "0".  The last row ends the table.
+static const dmsStateVarPair gsa_s_dmsCdsMgrStateVarList[] = {
+    // name                    value
+    {"ContainerUpdateIDs",     ""},
+    {"TransferIDs",            ""},
+    {"SystemUpdateID",         "0"},
+    {nullptr,                  nullptr},
+};
+
+namespace {
+
+constexpr int32_t kMaxResponseArguments = 4;
+
+// The analysed arguments of one request.  Browse and Search fill their own
+// record; the fixed answers are handed the (unused) Browse record.
+struct dmsCdsMgrRequestArgs {
+  dmsCdsBrowseArgs browse;
+  dmsCdsSearchArgs search;
+};
+
+bool isAction(const dmsCdsMgrAction &action, const char *name) {
+  return std::strcmp(action.actionName, name) == 0;
+}
+
+// Browse and Search write DIDL-Lite into a text buffer of their own.
+bool needsBuffer(const dmsCdsMgrAction &action) {
+  return isAction(action, "Browse") || isAction(action, "Search");
+}
+
+void *requestArgsFor(const dmsCdsMgrAction &action, dmsCdsMgrRequestArgs &requestArgs) {
+  if (isAction(action, "Search")) return &requestArgs.search;
+  return &requestArgs.browse;
+}
+
+const dmsCdsMgrAction *findAction(const char *actionName) {
+  for (const dmsCdsMgrAction &action : gsa_s_dmsCdsMgrActionList) {
+    if (isAction(action, actionName)) return &action;
+  }
+  return nullptr;
+}
+
+// Runs at the end of every request, also when a step failed or threw: the
+// action's own release operation, then the response arguments.  (The buffer
+// is released by its owner, declared before this guard.)
+class RequestCleanup {
+ public:
+  RequestCleanup(const dmsCdsMgrAction &action, void *requestArgs, dmsCdsRespArgs &respArgs)
+      : action_(action), requestArgs_(requestArgs), respArgs_(respArgs) {}
+  ~RequestCleanup() {
+    if (action_.releaseRequest != nullptr) action_.releaseRequest(requestArgs_);
+    dmsCdsMgrReleaseRespArgs(&respArgs_);
+  }
+  RequestCleanup(const RequestCleanup &) = delete;
+  RequestCleanup &operator=(const RequestCleanup &) = delete;
+
+ private:
+  const dmsCdsMgrAction &action_;
+  void *requestArgs_;
+  dmsCdsRespArgs &respArgs_;
+};
+
+int32_t addResponseArguments(dmsCdsMgrHandle *handle, UpnpActionRequest *actionRequest,
+                             const dmsCdsRespArgs &respArgs) {
+  int32_t count = respArgs.count < kMaxResponseArguments ? respArgs.count : kMaxResponseArguments;
+  for (int32_t i = 0; i < count; ++i) {
+    int32_t result = dmsDevEventMgrAddActionResponse(handle->eventMgr, actionRequest,
+                                                     DMS_CDS_SERVICE_TYPE, respArgs.names[i],
+                                                     respArgs.values[i]);
+    if (result != DMS_SUCCESS) {
+      DMS_TRACE(OSAL_TRACE_ERR, "Function %s Failed with error = %d\n",
+                "dmsDevEventMgrAddActionResponse", result);
+      return result;
+    }
+  }
+  // Debugging hook: renders the finished answer and drops it.
+  dlnaUtil_xmlParserPrintXmlDocument(UpnpActionRequest_get_ActionResult(actionRequest));
+  return DMS_SUCCESS;
+}
+
+int32_t runAction(dmsCdsMgrHandle *handle, UpnpActionRequest *actionRequest,
+                  const dmsCdsMgrAction &action) {
+  dmsCdsMgrRequestArgs requestArgs;
+  void *actionArgs = requestArgsFor(action, requestArgs);
+  DlnaBufferPtr buffer;
+  dmsCdsRespArgs respArgs;
+  RequestCleanup cleanup(action, actionArgs, respArgs);
+
+  if (needsBuffer(action)) {
+    dlnaUtilBuffer *allocated = nullptr;
+    int32_t result = dmsUtilErrMapToDmsErr(dlnaUtil_allocateBuffer(&allocated));
+    if (result != DMS_SUCCESS) {
+      DMS_TRACE(OSAL_TRACE_ERR, "Function %s Failed with error = %d\n",
+                "dlnaUtil_allocateBuffer", result);
+      return result;
+    }
+    buffer.reset(allocated);
+  }
+  if (action.analyzeRequest != nullptr) {
+    int32_t result = action.analyzeRequest(handle, actionRequest, actionArgs);
+    if (result != DMS_SUCCESS) {
+      DMS_TRACE(OSAL_TRACE_ERR, "Function %s Failed with error = %d\n",
+                "p_f_cdsMgrActionAnalyzeReq", result);
+      return result;
+    }
+  }
+  if (action.createResponse == nullptr) {
+    DMS_TRACE(OSAL_TRACE_ERR, "Action Response Handling not supported\n");
+    return DMS_ERR_UNSUPPORTED_ACTION;
+  }
+  int32_t result = action.createResponse(handle, actionArgs, &respArgs, buffer.get());
+  if (result != DMS_SUCCESS) {
+    DMS_TRACE(OSAL_TRACE_ERR, "Function %s Failed with error = %d\n",
+              "p_f_cdsMgrActionCreateResp", result);
+    return result;
+  }
+  return addResponseArguments(handle, actionRequest, respArgs);
+}
+
+int32_t handleActionRequest(UpnpActionRequest *actionRequest, dmsCdsMgrHandle *handle) {
+  const char *serviceId = UpnpActionRequest_get_ServiceID_cstr(actionRequest);
+  if (serviceId == nullptr || std::strcmp(serviceId, DMS_CDS_SERVICE_ID) != 0) {
+    DMS_TRACE(OSAL_TRACE_ERR, "Action request is not for CDS service. ServiceID given = %s\n",
+              serviceId != nullptr ? serviceId : "");
+    return DMS_ERR_WRONG_SERVICE;
+  }
+  const char *actionName = UpnpActionRequest_get_ActionName_cstr(actionRequest);
+  const dmsCdsMgrAction *action = actionName != nullptr ? findAction(actionName) : nullptr;
+  if (action == nullptr) {
+    DMS_TRACE(OSAL_TRACE_ERR, "Requested Action %s is NOT supported\n",
+              actionName != nullptr ? actionName : "");
+    return DMS_ERR_UNSUPPORTED_ACTION;
+  }
+  return runAction(handle, actionRequest, *action);
+}
+
+int32_t answerStateVarQuery(UpnpStateVarRequest *stateVarRequest) {
+  const char *serviceId = UpnpStateVarRequest_get_ServiceID_cstr(stateVarRequest);
+  if (serviceId == nullptr || std::strcmp(serviceId, DMS_CDS_SERVICE_ID) != 0) {
+    DMS_TRACE(OSAL_TRACE_ERR,
+              "State Variable request is not for CDS service. ServiceID given = %s\n",
+              serviceId != nullptr ? serviceId : "");
+    return DMS_ERR_WRONG_SERVICE;
+  }
+  const char *name = UpnpStateVarRequest_get_StateVarName_cstr(stateVarRequest);
+  for (const dmsStateVarPair *row = gsa_s_dmsCdsMgrStateVarList;
+       name != nullptr && row->name != nullptr; ++row) {
+    if (std::strcmp(row->name, name) != 0) continue;
+    // The SDK keeps its own DOM string copy and frees it after the reply.
+    if (row->value != nullptr && UpnpStateVarRequest_set_CurrentVal(stateVarRequest,
+                                                                    row->value) == 0) {
+      DMS_TRACE(OSAL_TRACE_ERR, "Function %s Failed with error = %d\n", "ixmlCloneDOMString",
+                DMS_ERR_NO_MEMORY);
+      return DMS_ERR_NO_MEMORY;
+    }
+    return DMS_SUCCESS;
+  }
+  DMS_TRACE(OSAL_TRACE_ERR, "Requested State Variable %s is NOT supported\n",
+            name != nullptr ? name : "");
+  return DMS_ERR_UNSUPPORTED_STATE_VARIABLE;
+}
+
+}  // namespace
+
+const dmsStateVarPair *dmsCdsMgrGetStateVarListInfo() { return gsa_s_dmsCdsMgrStateVarList; }
+
+int32_t dmsCdsMgrInit(dmsCdsMgrHandle **handleOut, dmsDevEventMgr *eventMgr,
+                      dmsContentListInfo *contentList, const char *serverAddress,
+                      int32_t serverPort) {
+  if (handleOut == nullptr || eventMgr == nullptr || contentList == nullptr ||
+      serverAddress == nullptr) {
+    DMS_TRACE(OSAL_TRACE_ERR, "Input Parameter Error: Pointer NULL\n");
+    if (handleOut != nullptr) *handleOut = nullptr;
+    return DMS_ERR_INVALID_PARAM;
+  }
+  std::unique_ptr<dmsCdsMgrHandle> handle;
+  try {
+    handle = std::make_unique<dmsCdsMgrHandle>();
+  } catch (const std::bad_alloc &) {
+    DMS_TRACE(OSAL_TRACE_ERR, "Memory Allocation for size %d bytes Failed\n",
+              static_cast<int>(sizeof(dmsCdsMgrHandle)));
+    *handleOut = nullptr;
+    return DMS_ERR_NO_MEMORY;
+  }
+  // Filled before registering, so that no callback can see a half-made record.
+  handle->eventMgr = eventMgr;
+  handle->contentList = contentList;
+  std::strncpy(handle->serverAddress, serverAddress, sizeof(handle->serverAddress) - 1);
+  handle->serverPort = serverPort;
+  handle->notifyCount = 0;
+  int32_t result = dmsDevEventMgrRegisterCdsEventCallback(
+      eventMgr, handle.get(), dmsCdsMgrActionRequestCbf, dmsCdsMgrStateVariableRequestCbf);
+  if (result != DMS_SUCCESS) {
+    DMS_TRACE(OSAL_TRACE_ERR, "Function %s Failed with error = %d\n",
+              "dmsDevEventMgrRegisterCdsEventCallback", result);
+    *handleOut = nullptr;
+    return result;
+  }
+  *handleOut = handle.release();
+  return DMS_SUCCESS;
+}
+
+int32_t dmsCdsMgrDeInit(dmsCdsMgrHandle *handle) {
+  if (handle == nullptr) {
+    DMS_TRACE(OSAL_TRACE_ERR, "Input Parameter Error: Pointer NULL\n");
+    return DMS_ERR_INVALID_PARAM;
+  }
+  int32_t result = dmsDevEventMgrUnRegisterCdsEventCallback(handle->eventMgr);
+  if (result != DMS_SUCCESS) {
+    DMS_TRACE(OSAL_TRACE_ERR, "Function %s Failed with error = %d\n",
+              "dmsDevEventMgrUnRegisterCdsEventCallback", result);
+    return result;
+  }
+  std::unique_ptr<dmsCdsMgrHandle> owner(handle);
+  owner->eventMgr = nullptr;
+  owner->contentList = nullptr;
+  owner->serverAddress[0] = '\0';
+  owner->serverPort = 0;
+  owner->notifyCount = 0;
+  return DMS_SUCCESS;
+}
+
+int32_t dmsCdsMgrActionRequestCbf(void *actionRequest, void *handle) {
+  if (actionRequest == nullptr || handle == nullptr) {
+    DMS_TRACE(OSAL_TRACE_ERR, "Input Parameter Error: Pointer NULL\n");
+    return DMS_ERR_INVALID_PARAM;
+  }
+  // Called on the SDK's worker threads: nothing may escape into the C library.
+  try {
+    return handleActionRequest(static_cast<UpnpActionRequest *>(actionRequest),
+                               static_cast<dmsCdsMgrHandle *>(handle));
+  } catch (const std::bad_alloc &) {
+    DMS_TRACE(OSAL_TRACE_ERR, "Error [%d] in %s()\n", DMS_ERR_NO_MEMORY, "handleActionRequest");
+    return DMS_ERR_NO_MEMORY;
+  } catch (...) {
+    DMS_TRACE(OSAL_TRACE_ERR, "Error [%d] in %s()\n", DMS_ERR_FAILURE, "handleActionRequest");
+    return DMS_ERR_FAILURE;
+  }
+}
+
+int32_t dmsCdsMgrStateVariableRequestCbf(void *stateVarRequest, void *handle) {
+  // The event manager passes the ConnectionManager's context here: it is only
+  // checked, never used.
+  if (stateVarRequest == nullptr || handle == nullptr) {
+    DMS_TRACE(OSAL_TRACE_ERR, "Input Parameter Error: Pointer NULL\n");
+    return DMS_ERR_INVALID_PARAM;
+  }
+  try {
+    return answerStateVarQuery(static_cast<UpnpStateVarRequest *>(stateVarRequest));
+  } catch (...) {
+    DMS_TRACE(OSAL_TRACE_ERR, "Error [%d] in %s()\n", DMS_ERR_FAILURE, "answerStateVarQuery");
+    return DMS_ERR_FAILURE;
+  }
+}
+
+int32_t dmsCdsMgrReleaseRespArgs(dmsCdsRespArgs *respArgs) {
+  if (respArgs == nullptr) return DMS_SUCCESS;
+  int32_t count = respArgs->count < kMaxResponseArguments ? respArgs->count
+                                                           : kMaxResponseArguments;
+  for (int32_t i = 0; i < count; ++i) {
+    if (respArgs->names[i] == nullptr) continue;
+    // "Result" is the request buffer's text, released with the buffer.
+    if (std::strcmp(respArgs->names[i], "Result") != 0) std::free(respArgs->values[i]);
+    respArgs->values[i] = nullptr;
+    respArgs->names[i] = nullptr;
+  }
+  respArgs->count = 0;
+  return DMS_SUCCESS;
+}
+
+std::string dmsCdsFormatContainerUpdateIds(const dmsCdsContentChangeInfo &changeInfo) {
+  std::string text;
+  if (changeInfo.pairs == nullptr) return text;
+  for (int32_t pair = 0; pair < changeInfo.pairCount; ++pair) {
+    if (pair > 0) text += ',';
+    text += std::to_string(static_cast<int32_t>(changeInfo.pairs[2 * pair]));
+    text += ',';
+    text += std::to_string(static_cast<int32_t>(changeInfo.pairs[2 * pair + 1]));
+  }
+  return text;
+}
+
+int32_t dmsCdsMgrNotifyContentChange(dmsCdsMgrHandle *handle,
+                                     const dmsCdsContentChangeInfo *changeInfo) {
+  if (handle == nullptr || changeInfo == nullptr) {
+    DMS_TRACE(OSAL_TRACE_ERR, "Input Parameter Error: Pointer NULL\n");
+    return DMS_ERR_INVALID_PARAM;
+  }
+  ++handle->notifyCount;
+  try {
+    const std::string containerUpdateIds = dmsCdsFormatContainerUpdateIds(*changeInfo);
+    DMS_TRACE(OSAL_TRACE_INFO, "ContainterUpdateIDs %s\n", containerUpdateIds.c_str());
+    const std::string systemUpdateId = std::to_string(changeInfo->systemUpdateId);
+    const char *names[2] = {changeInfo->variableNames[0], changeInfo->variableNames[1]};
+    const char *values[2] = {containerUpdateIds.c_str(), systemUpdateId.c_str()};
+    // Every change is evented at once; there is no moderation.
+    return dmsDevEventMgrNotifyEvent(handle->eventMgr, DMS_CDS_SERVICE_ID, names, values);
+  } catch (...) {
+    DMS_TRACE(OSAL_TRACE_ERR, "Memory cannot allocate for Size [%d]\n",
+              static_cast<int>(static_cast<int64_t>(changeInfo->pairCount) * 24));
+    return DMS_ERR_NO_MEMORY;
+  }
+}

@@ -1,0 +1,276 @@
+// ContentDirectory response creators: the five fixed answers and Browse
+// (BrowseMetadata, BrowseDirectChildren; the recursive browse is Search's
+// walk).  The objects themselves are built in dmsCdsMgrResponseObjects.cpp.
+#include "services/dmsCdsMgrResponseHandler.h"
+
+#include <cstdlib>
+#include <cstring>
+#include <limits>
+
+#include "dlna_dms.h"
+#include "services/dmsCdsMgrSearch.h"
+#include "util/dmsErrors.h"
+#include "util/osal_trace.h"
+
+static constexpr char kTraceFile[] = "dmsCdsMgrResponseHandler";
+
+namespace {
+
+// ---------------------------------------------------------------------------
+// Fixed answers.
+
+struct FixedAnswer {
+  const char *argument;
+  const char *value;
+};
+
+enum FixedAnswerRow { kSearchCapsRow, kSortCapsRow, kFeatureListRow, kSystemUpdateIdRow,
+                      kResetTokenRow };
+
+constexpr FixedAnswer kFixedAnswers[] = {
+    // argument        value
+    {"SearchCaps",     "dc:title,upnp:class,dc:creator,res@protocolInfo"},
+    {"SortCaps",       ""},
+    {"FeatureList",    ""},
+    {"Id",             "0"},
+    {"ResetToken",     "0"},
+};
+
+int32_t setFixedAnswer(FixedAnswerRow row, const dmsCdsMgrHandle *handle, const void *requestArgs,
+                       dmsCdsRespArgs *respArgs) {
+  if (handle == nullptr || requestArgs == nullptr || respArgs == nullptr) {
+    DMS_TRACE(OSAL_TRACE_ERR, "Input Parameter Error: Pointer NULL\n");
+    return DMS_ERR_INVALID_PARAM;
+  }
+  char *value = strdup(kFixedAnswers[row].value);
+  if (value == nullptr) {
+    DMS_TRACE(OSAL_TRACE_ERR, "Memory Allocation Failed \n");
+    return DMS_ERR_NO_MEMORY;
+  }
+  respArgs->count = 1;
+  respArgs->names[0] = kFixedAnswers[row].argument;
+  respArgs->values[0] = value;
+  return DMS_SUCCESS;
+}
+
+// ---------------------------------------------------------------------------
+// Browse.
+
+int32_t traceWriterFailure(const char *callee, int32_t code) {
+  DMS_TRACE(OSAL_TRACE_ERR, "Function %s Failed with error = %d\n", callee, code);
+  return dmsUtilErrMapToDmsErr(code);
+}
+
+// Writes the item or container of `entry`.
+int32_t writeEntry(const dmsCdsObjectRequest &request, dmsContentEntry *entry,
+                   dlnaUtilBuffer *buffer) {
+  if (entry->type >= DMS_CLM_TYPE_ITEM) {
+    dmsCdsItemRecord record;
+    int32_t status = dmsCdsBuildItem(&request, entry, &record);
+    if (status != DMS_SUCCESS) return status;
+    if (!dmsCdsItemIsValid(record.item)) {
+      DMS_TRACE(OSAL_TRACE_ERR, "Item detail information is not valid\n");
+      return DMS_ERR_INVALID_PARAM;
+    }
+    status = dlnaUtil_DIDLAddItem(buffer, &record.item);
+    return status == 0 ? DMS_SUCCESS : traceWriterFailure("dlnaUtil_DIDLAddItem", status);
+  }
+  dmsCdsContainerRecord record;
+  int32_t status = dmsCdsBuildContainer(&request, entry, &record);
+  if (status != DMS_SUCCESS) return status;
+  if (!dmsCdsContainerIsValid(record.container)) {
+    DMS_TRACE(OSAL_TRACE_ERR, "Container detail information is not valid\n");
+    return DMS_ERR_INVALID_PARAM;
+  }
+  status = dlnaUtil_DIDLAddContainer(buffer, &record.container);
+  return status == 0 ? DMS_SUCCESS : traceWriterFailure("dlnaUtil_DIDLAddContainer", status);
+}
+
+int32_t lookUpEntry(dmsCdsMgrHandle *handle, int32_t objectId, dmsContentEntry **entry) {
+  *entry = nullptr;
+  if (objectId < 0) return DMS_SUCCESS;
+  const int32_t status =
+      dmsClmGetContentEntryById(handle->contentList, entry, static_cast<uint32_t>(objectId));
+  if (status != DMS_SUCCESS) {
+    DMS_TRACE(OSAL_TRACE_ERR, "Function %s Failed with error = %d\n", "dmsClmGetContentEntryById",
+              status);
+  }
+  return status;
+}
+
+// How many children a direct-children answer writes from `start`.
+int32_t childrenToWrite(int32_t start, int32_t requested, int32_t childCount) {
+  if (start == 0 && requested == 0) return childCount;
+  return requested < childCount - start ? requested : childCount - start;
+}
+
+int32_t dispatchBrowse(dmsCdsMgrHandle *handle, dmsCdsBrowseArgs *browseArgs,
+                       dmsCdsRespArgs *respArgs, dlnaUtilBuffer *buffer) {
+  struct Operation {
+    int32_t (*run)(dmsCdsMgrHandle *, dmsCdsBrowseArgs *, dmsCdsRespArgs *, dlnaUtilBuffer *);
+    const char *name;
+  } operation{};
+  switch (browseArgs->browseFlag) {
+    case DMS_CDS_BROWSE_METADATA:
+      operation = {dmsCdsCreateRespBrowseMetaData, "dmsCdsCreateRespBrowseMetaData"};
+      break;
+    case DMS_CDS_BROWSE_DIRECT_CHILDREN:
+      operation = {dmsCdsCreateRespBrowseDirectChildren, "dmsCdsCreateRespBrowseDirectChildren"};
+      break;
+    case DMS_CDS_BROWSE_RECURSIVE:
+      operation = {dmsCdsCreateRespBrowseRecursive, "dmsCdsCreateRespBrowseRecursive"};
+      break;
+    default:
+      DMS_TRACE(OSAL_TRACE_ERR, "Invalid Browse Flag\n");
+      return DMS_ERR_INVALID_BROWSE_FLAG;
+  }
+  auto reading = dmsClmReadLock(handle->contentList);
+  const int32_t status = operation.run(handle, browseArgs, respArgs, buffer);
+  if (status != DMS_SUCCESS) {
+    DMS_TRACE(OSAL_TRACE_ERR, "Function %s Failed with error = %d\n", operation.name, status);
+  }
+  return status;
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------------------
+// Action table entry points.
+
+int32_t dmsCdsCreateRespGetSearchCaps(dmsCdsMgrHandle *handle, void *requestArgs,
+                                      dmsCdsRespArgs *respArgs, dlnaUtilBuffer *) {
+  return setFixedAnswer(kSearchCapsRow, handle, requestArgs, respArgs);
+}
+
+int32_t dmsCdsCreateRespGetSortCaps(dmsCdsMgrHandle *handle, void *requestArgs,
+                                    dmsCdsRespArgs *respArgs, dlnaUtilBuffer *) {
+  return setFixedAnswer(kSortCapsRow, handle, requestArgs, respArgs);
+}
+
+int32_t dmsCdsCreateRespGetFeatureList(dmsCdsMgrHandle *handle, void *requestArgs,
+                                       dmsCdsRespArgs *respArgs, dlnaUtilBuffer *) {
+  return setFixedAnswer(kFeatureListRow, handle, requestArgs, respArgs);
+}
+
+int32_t dmsCdsCreateRespGetSystemUpdateId(dmsCdsMgrHandle *handle, void *requestArgs,
+                                          dmsCdsRespArgs *respArgs, dlnaUtilBuffer *) {
+  return setFixedAnswer(kSystemUpdateIdRow, handle, requestArgs, respArgs);
+}
+
+int32_t dmsCdsCreateRespGetServiceResetToken(dmsCdsMgrHandle *handle, void *requestArgs,
+                                             dmsCdsRespArgs *respArgs, dlnaUtilBuffer *) {
+  return setFixedAnswer(kResetTokenRow, handle, requestArgs, respArgs);
+}
+
+int32_t dmsCdsCreateRespBrowse(dmsCdsMgrHandle *handle, void *requestArgs,
+                               dmsCdsRespArgs *respArgs, dlnaUtilBuffer *buffer) {
+  auto *browseArgs = static_cast<dmsCdsBrowseArgs *>(requestArgs);
+  if (handle == nullptr || browseArgs == nullptr || respArgs == nullptr || buffer == nullptr ||
+      buffer->data == nullptr || handle->contentList == nullptr) {
+    DMS_TRACE(OSAL_TRACE_ERR, "Input Parameter Error: Pointer NULL\n");
+    return DMS_ERR_INVALID_PARAM;
+  }
+  dmsCdsNameResultArguments(respArgs);
+  int32_t status = dmsCdsSetItemFilterFlags(browseArgs->filter, browseArgs->filterFlags);
+  if (status != DMS_SUCCESS) return status;
+  try {
+    status = dispatchBrowse(handle, browseArgs, respArgs, buffer);
+  } catch (...) {  // nothing below throws; the lock is released all the same
+    DMS_TRACE(OSAL_TRACE_ERR, "Memory Allocation Failed \n");
+    status = DMS_ERR_NO_MEMORY;
+  }
+  if (status != DMS_SUCCESS) return status;
+  return dmsCdsSetUpdateIdArgument(handle, respArgs);
+}
+
+// Both Browse sub-answers expect the caller to hold the read lock.
+int32_t dmsCdsCreateRespBrowseMetaData(dmsCdsMgrHandle *handle, dmsCdsBrowseArgs *browseArgs,
+                                       dmsCdsRespArgs *respArgs, dlnaUtilBuffer *buffer) {
+  if (handle == nullptr || browseArgs == nullptr || respArgs == nullptr || buffer == nullptr) {
+    DMS_TRACE(OSAL_TRACE_ERR, "Input Parameter Error: Pointer NULL\n");
+    return DMS_ERR_INVALID_PARAM;
+  }
+  dmsContentEntry *entry = nullptr;
+  int32_t status = lookUpEntry(handle, browseArgs->objectId, &entry);
+  if (status != DMS_SUCCESS) return status;
+  if (entry == nullptr) {
+    DMS_TRACE(OSAL_TRACE_ERR, "Function %s Failed with error = %d\n", "dmsClmGetContentEntryById",
+              DMS_ERR_NO_SUCH_OBJECT);
+    return DMS_ERR_NO_SUCH_OBJECT;
+  }
+  dmsCdsObjectRequest request;
+  status = dmsCdsPrepareObjectRequest(handle, browseArgs->filter, browseArgs->filterFlags, true,
+                                      &request);
+  if (status != DMS_SUCCESS) return status;
+  if ((status = dlnaUtil_DIDLAddHeader(buffer)) != 0) {
+    return traceWriterFailure("dlnaUtil_DIDLAddHeader", status);
+  }
+  if ((status = writeEntry(request, entry, buffer)) != DMS_SUCCESS) return status;
+  if ((status = dlnaUtil_DIDLAddFooter(buffer)) != 0) {
+    return traceWriterFailure("dlnaUtil_DIDLAddFooter", status);
+  }
+  return dmsCdsSetResultArguments(respArgs, buffer, 1, 1);
+}
+
+int32_t dmsCdsCreateRespBrowseDirectChildren(dmsCdsMgrHandle *handle,
+                                             dmsCdsBrowseArgs *browseArgs,
+                                             dmsCdsRespArgs *respArgs, dlnaUtilBuffer *buffer) {
+  if (handle == nullptr || browseArgs == nullptr || respArgs == nullptr || buffer == nullptr) {
+    DMS_TRACE(OSAL_TRACE_ERR, "Input Parameter Error: Pointer NULL\n");
+    return DMS_ERR_INVALID_PARAM;
+  }
+  dmsContentEntry *folder = nullptr;
+  int32_t status = lookUpEntry(handle, browseArgs->objectId, &folder);
+  if (status != DMS_SUCCESS) return status;
+  if (folder == nullptr) {
+    DMS_TRACE(OSAL_TRACE_ERR,
+              "Container object for the Requested Object ID(%d) is not available\n",
+              browseArgs->objectId);
+    return DMS_ERR_NO_SUCH_OBJECT;
+  }
+  if (folder->type >= DMS_CLM_TYPE_ITEM) {
+    DMS_TRACE(OSAL_TRACE_ERR, "Invalid content entry type %d\n", static_cast<int>(folder->type));
+    return DMS_ERR_INVALID_PARAM;
+  }
+  dmsCdsObjectRequest request;
+  status = dmsCdsPrepareObjectRequest(handle, browseArgs->filter, browseArgs->filterFlags, true,
+                                      &request);
+  if (status != DMS_SUCCESS) return status;
+  if ((status = dlnaUtil_DIDLAddHeader(buffer)) != 0) {
+    return traceWriterFailure("dlnaUtil_DIDLAddHeader", status);
+  }
+  const size_t childTotal = folder->children.size();
+  const int32_t childCount = childTotal > static_cast<size_t>(std::numeric_limits<int32_t>::max())
+                                 ? std::numeric_limits<int32_t>::max()
+                                 : static_cast<int32_t>(childTotal);
+  int32_t requested = browseArgs->requestedCount;
+  if (childCount < requested) {
+    DMS_TRACE(OSAL_TRACE_WARN, "Restricting requested count(%d) to child count(%d)\n", requested,
+              childCount);
+    requested = childCount;
+  }
+  int32_t written = 0;
+  if (childCount >= 1) {
+    const int32_t start = browseArgs->startingIndex;
+    if (start < 0 || start >= childCount || requested < 0) {
+      DMS_TRACE(OSAL_TRACE_ERR,
+                "Invalid value: StartingIndex = %d: RequestedCount = %d: ChildCount = %d for "
+                "File/Folder [%s]\n",
+                start, browseArgs->requestedCount, childCount, folder->path.c_str());
+      return DMS_ERR_INVALID_PARAM;
+    }
+    const int32_t number = childrenToWrite(start, requested, childCount);
+    for (int32_t index = start; written < number; ++index, ++written) {
+      dmsContentEntry *child = folder->children[static_cast<size_t>(index)];
+      if (child == nullptr) {
+        DMS_TRACE(OSAL_TRACE_ERR, "Content entry not available\n");
+        break;
+      }
+      if ((status = writeEntry(request, child, buffer)) != DMS_SUCCESS) return status;
+    }
+  }
+  if ((status = dlnaUtil_DIDLAddFooter(buffer)) != 0) {
+    return traceWriterFailure("dlnaUtil_DIDLAddFooter", status);
+  }
+  return dmsCdsSetResultArguments(respArgs, buffer, written, childCount);
+}

@@ -1,0 +1,364 @@
+// DIDL-Lite objects of the ContentDirectory answers: one content entry
+// becomes one item or container record for the writer, with the properties
+// the request's Filter asks for.  Shared by Browse and Search; also sets the
+// answer's output arguments.
+#include <strings.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <limits>
+#include <new>
+#include <string>
+
+#include "dlna_dms.h"
+#include "services/dmsCdsMgrResponseHandler.h"
+#include "util/osal_trace.h"
+
+// These are the response handler's builders and keep its trace source.
+static constexpr char kTraceFile[] = "dmsCdsMgrResponseHandler";
+
+namespace {
+
+constexpr char kFolderClass[] = "object.container.storageFolder";
+constexpr char kUnknownText[] = "Unknown";  // creator, genre and album: not read from the files
+constexpr int32_t kMaxImageSide = 8095;
+
+// ---------------------------------------------------------------------------
+// Item class mapping.
+
+bool always(const mfdMediaInfo &) { return true; }
+bool isCodecId(uint32_t codec) { return codec >= 1 && codec <= 26; }
+bool hasVideoCodec(const mfdMediaInfo &info) { return isCodecId(info.videoCodec); }
+bool hasAudioCodec(const mfdMediaInfo &info) { return isCodecId(info.audioCodec); }
+bool isTransportStream(const mfdMediaInfo &info) { return info.formatId == MFD_FORMAT_MPEG_TS; }
+bool isMp4(const mfdMediaInfo &info) { return info.formatId == MFD_FORMAT_MP4; }
+
+struct ItemClassRule {
+  uint32_t mediaClass;
+  bool (*applies)(const mfdMediaInfo &);
+  const char *upnpClass;
+};
+
+// The first row whose media class and condition hold gives the class.
+constexpr ItemClassRule kItemClassRules[] = {
+    // media class       condition           class
+    {MFD_CLASS_IMAGE,    always,             "object.item.imageItem.photo"},
+    {MFD_CLASS_AUDIO,    always,             "object.item.audioItem.musicTrack"},
+    {MFD_CLASS_VIDEO,    always,             "object.item.videoItem"},
+    {MFD_CLASS_AV,       hasVideoCodec,      "object.item.videoItem"},
+    {MFD_CLASS_AV,       hasAudioCodec,      "object.item.audioItem.musicTrack"},
+    {MFD_CLASS_AV,       isTransportStream,  "object.item.videoItem"},
+    {MFD_CLASS_AV,       isMp4,              "object.item.audioItem.musicTrack"},
+    {MFD_CLASS_AV,       always,             "object.item.videoItem.movie"},
+};
+
+// ---------------------------------------------------------------------------
+// Item properties.
+
+// How the bit-rate word of a format converts to bytes per second.
+struct BitrateUnit {
+  uint32_t formatId;
+  int64_t multiplier;
+  int64_t divisor;
+};
+
+constexpr BitrateUnit kBitrateUnits[] = {
+    // format          x      /      word holds
+    {MFD_FORMAT_MP3,   1000,  8},    // kbit/s
+    {MFD_FORMAT_AC3,   1000,  8},    // kbit/s
+    {MFD_FORMAT_WAV,   1,     8},    // bit/s
+};
+
+// Raw LPCM carries no header: its layout follows from the profile code.
+struct LpcmLayout {
+  uint32_t profileCode;
+  int64_t sampleRate;
+  int64_t channels;
+};
+
+constexpr int64_t kLpcmBytesPerSample = 2;
+constexpr LpcmLayout kLpcmLayouts[] = {
+    // profile  rate    channels
+    {1,         44100,  1},
+    {2,         44100,  2},
+    {3,         48000,  1},
+    {4,         48000,  2},
+};
+
+// Average rate over the whole file; 0 when the playing time is unknown.
+int64_t bytesPerSecondFromSize(const mfdMediaInfo &info) {
+  if (info.duration == 0 || info.fileSize <= 0) return 0;
+  const int64_t milliseconds = info.duration;
+  return info.fileSize / milliseconds * 1000 + info.fileSize % milliseconds * 1000 / milliseconds;
+}
+
+// res@bitrate in bytes per second (the UPnP unit); 0 leaves it out.
+int32_t itemBitrate(const mfdMediaInfo &info) {
+  if (info.mediaClass == MFD_CLASS_IMAGE) return 0;  // the word holds the width
+  int64_t bytesPerSecond = 0;
+  for (const BitrateUnit &unit : kBitrateUnits) {
+    if (unit.formatId == info.formatId && info.bitrate > 0) {
+      bytesPerSecond = info.bitrate * unit.multiplier / unit.divisor;
+    }
+  }
+  if (info.formatId == MFD_FORMAT_LPCM) {
+    for (const LpcmLayout &layout : kLpcmLayouts) {
+      if (layout.profileCode == info.profileCode) {
+        bytesPerSecond = layout.sampleRate * layout.channels * kLpcmBytesPerSample;
+      }
+    }
+  }
+  if (bytesPerSecond <= 0) bytesPerSecond = bytesPerSecondFromSize(info);
+  return bytesPerSecond > std::numeric_limits<int32_t>::max()
+             ? std::numeric_limits<int32_t>::max()
+             : static_cast<int32_t>(bytesPerSecond);
+}
+
+// "WxH" for images (each side 1..8095), and for video and audio-visual
+// containers with a video stream whose picture size is known; empty
+// otherwise.
+void fillResolution(const mfdMediaInfo &info, char (&resolution)[16]) {
+  resolution[0] = '\0';
+  int32_t width = 0;
+  int32_t height = 0;
+  if (info.mediaClass == MFD_CLASS_IMAGE) {
+    if (info.width > kMaxImageSide || info.height > kMaxImageSide) return;
+    width = info.width;
+    height = info.height;
+  } else if (info.mediaClass == MFD_CLASS_VIDEO ||
+             (info.mediaClass == MFD_CLASS_AV && info.videoCodec != 0)) {
+    width = info.videoWidth;
+    height = info.videoHeight;
+  }
+  if (width < 1 || height < 1) return;
+  char text[32];
+  const int length = std::snprintf(text, sizeof text, "%dx%d", width, height);
+  if (length > 0 && static_cast<size_t>(length) < sizeof resolution) {
+    std::memcpy(resolution, text, static_cast<size_t>(length) + 1);
+  }
+}
+
+// The modification time as local time, "%FT%H:%M:%S".
+void fillDate(const mfdMediaInfo &info, char (&date)[24]) {
+  date[0] = '\0';
+  const time_t modified = static_cast<time_t>(info.modificationTime);
+  struct tm local {};
+  if (localtime_r(&modified, &local) == nullptr) return;
+  if (std::strftime(date, sizeof date, "%FT%H:%M:%S", &local) == 0) date[0] = '\0';
+}
+
+void fillMediaProperties(const mfdMediaInfo &info, const uint8_t *flags, dlnaUtilDidlItem &item) {
+  const bool playable = info.mediaClass == MFD_CLASS_AUDIO || info.mediaClass == MFD_CLASS_VIDEO ||
+                        info.mediaClass == MFD_CLASS_AV;
+  if (flags[DMS_CDS_FILTER_ALBUM] == 0 && playable) item.album = kUnknownText;
+  if (flags[DMS_CDS_FILTER_RESOLUTION] == 0) fillResolution(info, item.resolution);
+  if (flags[DMS_CDS_FILTER_DATE] == 0 && info.formatId != MFD_FORMAT_NONE) {
+    fillDate(info, item.date);
+  }
+  item.duration = info.mediaClass == MFD_CLASS_IMAGE ? 0 : static_cast<int64_t>(info.duration);
+  item.bitrate = itemBitrate(info);
+  if (flags[DMS_CDS_FILTER_DURATION] != 0) item.duration = -1;
+  if (flags[DMS_CDS_FILTER_BITRATE] != 0) item.bitrate = -1;
+}
+
+// The last component of `path`, trailing slashes ignored.
+std::string lastComponent(const std::string &path) {
+  const size_t end = path.find_last_not_of('/');
+  if (end == std::string::npos) return path;
+  const size_t slash = path.rfind('/', end);
+  return path.substr(slash == std::string::npos ? 0 : slash + 1,
+                     slash == std::string::npos ? end + 1 : end - slash);
+}
+
+int32_t parentIdOf(const dmsContentEntry &entry) {
+  return entry.parent == nullptr ? -1 : static_cast<int32_t>(entry.parent->id);
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------------------
+// Shared builders.
+
+int32_t dmsCdsSetItemFilterFlags(const char *filter, uint8_t *filterFlags) {
+  for (int32_t flag = 0; flag < DMS_CDS_FILTER_COUNT; ++flag) filterFlags[flag] = 1;
+  if (filter == nullptr) return DMS_SUCCESS;
+  if (std::strcmp(filter, "*") == 0) {
+    for (int32_t flag = 0; flag < DMS_CDS_FILTER_COUNT; ++flag) filterFlags[flag] = 0;
+    return DMS_SUCCESS;
+  }
+  try {
+    std::string filterCopy(filter);
+    return dmsCdsParseItemFilter(filterFlags, filterCopy.data());
+  } catch (const std::bad_alloc &) {
+    DMS_TRACE(OSAL_TRACE_ERR, "Memory Allocation Failed \n");
+    return DMS_ERR_NO_MEMORY;
+  }
+}
+
+int32_t dmsCdsPrepareObjectRequest(const dmsCdsMgrHandle *handle, const char *filter,
+                                   const uint8_t *filterFlags, bool pcmAsWav,
+                                   dmsCdsObjectRequest *request) {
+  *request = dmsCdsObjectRequest{handle, filter, filterFlags, false, false, pcmAsWav};
+  if (filter == nullptr) return DMS_SUCCESS;
+  if (std::strcmp(filter, "*") == 0) {
+    request->containerChildCount = true;
+    request->containerSearchable = true;
+    return DMS_SUCCESS;
+  }
+  try {
+    // The container parser marks what it is asked for on a scratch record.
+    dlnaUtilDidlContainer asked{};
+    asked.childCount = -1;
+    asked.searchable = static_cast<uint32_t>(-1);
+    std::string filterCopy(filter);
+    const int32_t status = dmsCdsParseContainerFilter(&asked, filterCopy.data());
+    if (status != DMS_SUCCESS) return status;
+    request->containerChildCount = asked.childCount == 0;
+    request->containerSearchable = asked.searchable == 0;
+    return DMS_SUCCESS;
+  } catch (const std::bad_alloc &) {
+    DMS_TRACE(OSAL_TRACE_ERR, "Memory Allocation Failed \n");
+    return DMS_ERR_NO_MEMORY;
+  }
+}
+
+int32_t dmsCdsGetItemClass(const mfdMediaInfo *mediaInfo, const char **classOut) {
+  if (mediaInfo == nullptr || classOut == nullptr) {
+    DMS_TRACE(OSAL_TRACE_ERR, "Input Parameter Error: Pointer NULL\n");
+    return DMS_ERR_INVALID_PARAM;
+  }
+  for (const ItemClassRule &rule : kItemClassRules) {
+    if (rule.mediaClass == mediaInfo->mediaClass && rule.applies(*mediaInfo)) {
+      *classOut = rule.upnpClass;
+      return DMS_SUCCESS;
+    }
+  }
+  DMS_TRACE(OSAL_TRACE_ERR, "Media Class type (%d) is NOT supported\n",
+            static_cast<int>(mediaInfo->mediaClass));
+  return DMS_ERR_UNSUPPORTED_CLASS;
+}
+
+int32_t dmsCdsBuildItem(const dmsCdsObjectRequest *request, dmsContentEntry *entry,
+                        dmsCdsItemRecord *record) {
+  if (request == nullptr || request->handle == nullptr || request->filterFlags == nullptr ||
+      entry == nullptr || record == nullptr || entry->mediaInfo == nullptr) {
+    DMS_TRACE(OSAL_TRACE_ERR, "Input Parameter Error: Pointer NULL\n");
+    return DMS_ERR_INVALID_PARAM;
+  }
+  const mfdMediaInfo &info = *entry->mediaInfo;
+  const uint8_t *flags = request->filterFlags;
+  dlnaUtilDidlItem &item = record->item;
+  item = dlnaUtilDidlItem{};
+  try {
+    const std::string fileName = lastComponent(entry->path);
+    const size_t dot = fileName.rfind('.');
+    std::string extension = dot == std::string::npos ? std::string() : fileName.substr(dot);
+    if (request->pcmAsWav && strcasecmp(extension.c_str(), ".pcm") == 0) extension = ".wav";
+    record->title = fileName.substr(0, dot);
+    record->resourceName = std::to_string(entry->id) + extension;
+  } catch (const std::bad_alloc &) {
+    DMS_TRACE(OSAL_TRACE_ERR, "Memory Allocation Failed \n");
+    return DMS_ERR_NO_MEMORY;
+  }
+  item.id = static_cast<int32_t>(entry->id);
+  item.parentID = parentIdOf(*entry);
+  item.restricted = 0;
+  item.title = record->title.c_str();
+  item.resourceName = record->resourceName.c_str();
+  const int32_t status = dmsCdsGetItemClass(&info, &item.upnpClass);
+  if (status != DMS_SUCCESS) {
+    DMS_TRACE(OSAL_TRACE_ERR, "Function %s Failed with error = %d\n", "dmsCdsGetItemClass", status);
+    return status;
+  }
+  item.serverAddress = request->handle->serverAddress;
+  item.serverPort = request->handle->serverPort;
+  item.filter = request->filter;
+  item.protocolInfo = flags[DMS_CDS_FILTER_RES] == 0 ? info.protocolInfo : nullptr;
+  item.size = flags[DMS_CDS_FILTER_SIZE] == 0 ? info.fileSize : -1;
+  item.creator = flags[DMS_CDS_FILTER_CREATOR] == 0 ? kUnknownText : nullptr;
+  item.genre = flags[DMS_CDS_FILTER_GENRE] == 0 ? kUnknownText : nullptr;
+  fillMediaProperties(info, flags, item);
+  return DMS_SUCCESS;
+}
+
+int32_t dmsCdsBuildContainer(const dmsCdsObjectRequest *request, dmsContentEntry *entry,
+                             dmsCdsContainerRecord *record) {
+  if (request == nullptr || entry == nullptr || record == nullptr) {
+    DMS_TRACE(OSAL_TRACE_ERR, "Input Parameter Error: Pointer NULL\n");
+    return DMS_ERR_INVALID_PARAM;
+  }
+  try {
+    record->title = lastComponent(entry->path);
+  } catch (const std::bad_alloc &) {
+    DMS_TRACE(OSAL_TRACE_ERR, "Memory Allocation Failed \n");
+    return DMS_ERR_NO_MEMORY;
+  }
+  const size_t childCount = entry->children.size();
+  dlnaUtilDidlContainer &container = record->container;
+  container.id = static_cast<int32_t>(entry->id);
+  container.parentID = parentIdOf(*entry);
+  container.childCount = -1;
+  if (request->containerChildCount) {
+    container.childCount = childCount > static_cast<size_t>(std::numeric_limits<int32_t>::max())
+                               ? std::numeric_limits<int32_t>::max()
+                               : static_cast<int32_t>(childCount);
+  }
+  container.restricted = 1;
+  container.searchable = request->containerSearchable ? 1 : static_cast<uint32_t>(-1);
+  container.title = record->title.c_str();
+  container.upnpClass = kFolderClass;
+  return DMS_SUCCESS;
+}
+
+bool dmsCdsItemIsValid(const dlnaUtilDidlItem &item) {
+  return item.id >= 0 && (item.parentID >= 0 || item.id == 0) && item.title != nullptr &&
+         item.upnpClass != nullptr;
+}
+
+bool dmsCdsContainerIsValid(const dlnaUtilDidlContainer &container) {
+  return container.id >= 0 && (container.parentID >= 0 || container.id == 0) &&
+         container.title != nullptr && container.upnpClass != nullptr;
+}
+
+void dmsCdsNameResultArguments(dmsCdsRespArgs *respArgs) {
+  respArgs->count = 4;
+  respArgs->names[DMS_CDS_RESP_RESULT] = "Result";
+  respArgs->names[DMS_CDS_RESP_NUMBER_RETURNED] = "NumberReturned";
+  respArgs->names[DMS_CDS_RESP_TOTAL_MATCHES] = "TotalMatches";
+  respArgs->names[DMS_CDS_RESP_UPDATE_ID] = "UpdateID";
+}
+
+int32_t dmsCdsSetResultArguments(dmsCdsRespArgs *respArgs, const dlnaUtilBuffer *buffer,
+                                 int32_t numberReturned, int64_t totalMatches) {
+  char numberText[24];
+  char totalText[24];
+  std::snprintf(numberText, sizeof numberText, "%d", numberReturned);
+  std::snprintf(totalText, sizeof totalText, "%lld", static_cast<long long>(totalMatches));
+  char *numberValue = strdup(numberText);
+  char *totalValue = strdup(totalText);
+  if (numberValue == nullptr || totalValue == nullptr) {
+    std::free(numberValue);
+    std::free(totalValue);
+    DMS_TRACE(OSAL_TRACE_ERR, "Memory Allocation Failed \n");
+    return DMS_ERR_NO_MEMORY;
+  }
+  respArgs->values[DMS_CDS_RESP_RESULT] = buffer->data;  // not owned: the buffer's text
+  respArgs->values[DMS_CDS_RESP_NUMBER_RETURNED] = numberValue;
+  respArgs->values[DMS_CDS_RESP_TOTAL_MATCHES] = totalValue;
+  return DMS_SUCCESS;
+}
+
+int32_t dmsCdsSetUpdateIdArgument(const dmsCdsMgrHandle *handle, dmsCdsRespArgs *respArgs) {
+  char text[16];
+  std::snprintf(text, sizeof text, "%u", static_cast<unsigned>(handle->notifyCount.load()));
+  char *value = strdup(text);
+  if (value == nullptr) {
+    DMS_TRACE(OSAL_TRACE_ERR, "Memory Allocation Failed \n");
+    return DMS_ERR_NO_MEMORY;
+  }
+  respArgs->values[DMS_CDS_RESP_UPDATE_ID] = value;
+  return DMS_SUCCESS;
+}
+
