@@ -5,6 +5,10 @@
 // It starts a real server on 127.0.0.1: run it inside a private network
 // namespace, e.g.
 //   unshare -n sh -c 'ip link set lo up && build/bench/serve_bench'
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <sys/time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -65,14 +69,47 @@ void benchBrowse(int port, const std::string &folderId, int clients, int request
               failures.load());
 }
 
+// Downloads `path` and counts the body bytes without keeping them.
+int64_t download(int port, const std::string &path) {
+  int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_port = htons(static_cast<uint16_t>(port));
+  inet_pton(AF_INET, kHost, &address.sin_addr);
+  if (::connect(fd, reinterpret_cast<sockaddr *>(&address), sizeof address) != 0) {
+    ::close(fd);
+    return 0;
+  }
+  std::string request = "GET " + path + " HTTP/1.1\r\nHost: 127.0.0.1\r\nConnection: close\r\n\r\n";
+  if (::send(fd, request.data(), request.size(), MSG_NOSIGNAL) < 0) {
+    ::close(fd);
+    return 0;
+  }
+  timeval timeout{30, 0};
+  ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
+  std::vector<char> buffer(1 << 20);
+  int64_t total = 0;
+  int64_t headerBytes = -1;
+  std::string head;
+  for (ssize_t n; (n = ::recv(fd, buffer.data(), buffer.size(), 0)) > 0;) {
+    total += n;
+    if (headerBytes < 0) {
+      head.append(buffer.data(), static_cast<size_t>(std::min<ssize_t>(n, 4096)));
+      size_t end = head.find("\r\n\r\n");
+      if (end != std::string::npos) headerBytes = static_cast<int64_t>(end + 4);
+    }
+  }
+  ::close(fd);
+  return headerBytes < 0 ? 0 : total - headerBytes;
+}
+
 void benchStream(int port, const std::string &path, int streams, int64_t size) {
   auto start = Clock::now();
   std::vector<std::thread> threads;
   std::atomic<int64_t> received{0};
   for (int s = 0; s < streams; ++s) {
     threads.emplace_back([&] {
-      dmstest::HttpResponse response = dmstest::httpGet(kHost, port, path);
-      received += static_cast<int64_t>(response.body.size());
+      received += download(port, path);
     });
   }
   for (auto &thread : threads) thread.join();
