@@ -23,7 +23,6 @@
 using servicetest::ActionRequest;
 using servicetest::StateVarRequest;
 using servicetest::TraceLevel;
-using servicetest::captureStdout;
 using servicetest::responseArguments;
 using servicetest::responseElement;
 using Arguments = std::vector<std::pair<std::string, std::string>>;

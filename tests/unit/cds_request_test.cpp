@@ -15,7 +15,6 @@
 
 using servicetest::ActionRequest;
 using servicetest::TraceLevel;
-using servicetest::captureStdout;
 
 namespace {
 

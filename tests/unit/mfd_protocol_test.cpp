@@ -7,6 +7,7 @@
 
 #include "mfd/mfd_api.h"
 #include "util/osal_trace.h"
+#include "capture_stdout.h"
 
 namespace {
 
@@ -60,24 +61,6 @@ void expectProfile(const mfdMediaInfo &info, const std::string &mime, const std:
     EXPECT_EQ(dlnaProfile(name), published.profileName);
     EXPECT_EQ("http-get:*:" + mime + ":" + dlnaProfile(name), published.protocolInfo);
   }
-}
-
-// Runs `body` with standard output redirected and returns what it wrote.
-template <typename Body>
-std::string captureStdout(Body body) {
-  std::fflush(stdout);
-  FILE *sink = std::tmpfile();
-  int saved = ::dup(STDOUT_FILENO);
-  ::dup2(::fileno(sink), STDOUT_FILENO);
-  body();
-  std::fflush(stdout);
-  ::dup2(saved, STDOUT_FILENO);
-  ::close(saved);
-  std::rewind(sink);
-  std::string text;
-  for (int c; (c = std::fgetc(sink)) != EOF;) text.push_back(static_cast<char>(c));
-  std::fclose(sink);
-  return text;
 }
 
 // ---- Formats with one mapping -------------------------------------------------

@@ -11,6 +11,7 @@
 #include <unistd.h>
 
 #include "util/cel_rbTree.h"
+#include "capture_stdout.h"
 
 namespace {
 
@@ -23,24 +24,6 @@ int32_t compareRecords(const void *a, const void *b) {
   int32_t left = static_cast<const Record *>(a)->key;
   int32_t right = static_cast<const Record *>(b)->key;
   return (left > right) - (left < right);
-}
-
-// Runs `body` with standard output redirected and returns what it wrote.
-template <typename Body>
-std::string captureStdout(Body body) {
-  std::fflush(stdout);
-  FILE *sink = std::tmpfile();
-  int saved = ::dup(STDOUT_FILENO);
-  ::dup2(::fileno(sink), STDOUT_FILENO);
-  body();
-  std::fflush(stdout);
-  ::dup2(saved, STDOUT_FILENO);
-  ::close(saved);
-  std::rewind(sink);
-  std::string text;
-  for (int c; (c = std::fgetc(sink)) != EOF;) text.push_back(static_cast<char>(c));
-  std::fclose(sink);
-  return text;
 }
 
 std::vector<Record *> inOrder(const cel_rbTree &tree) {

@@ -14,6 +14,7 @@
 #include <upnp.h>
 
 #include "util/osal_trace.h"
+#include "capture_stdout.h"
 
 namespace servicetest {
 
@@ -95,24 +96,6 @@ inline std::vector<std::pair<std::string, std::string>> responseArguments(IXML_D
     arguments.emplace_back(ixmlNode_getNodeName(node), text);
   }
   return arguments;
-}
-
-// Runs `body` with standard output redirected and returns what was written.
-template <typename Body>
-std::string captureStdout(Body body) {
-  std::fflush(stdout);
-  FILE *sink = std::tmpfile();
-  int saved = ::dup(STDOUT_FILENO);
-  ::dup2(::fileno(sink), STDOUT_FILENO);
-  body();
-  std::fflush(stdout);
-  ::dup2(saved, STDOUT_FILENO);
-  ::close(saved);
-  std::rewind(sink);
-  std::string text;
-  for (int c; (c = std::fgetc(sink)) != EOF;) text.push_back(static_cast<char>(c));
-  std::fclose(sink);
-  return text;
 }
 
 // Sets the trace level for one test and restores it afterwards.

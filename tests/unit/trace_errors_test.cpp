@@ -8,29 +8,11 @@
 
 #include "util/dmsErrors.h"
 #include "util/osal_trace.h"
+#include "capture_stdout.h"
 
 namespace {
 
 constexpr char kTraceFile[] = "trace_errors_test";
-
-// Runs `body` with standard output redirected to a temporary file and returns
-// what was written.
-template <typename Body>
-std::string captureStdout(Body body) {
-  std::fflush(stdout);
-  FILE *sink = std::tmpfile();
-  int saved = ::dup(STDOUT_FILENO);
-  ::dup2(::fileno(sink), STDOUT_FILENO);
-  body();
-  std::fflush(stdout);
-  ::dup2(saved, STDOUT_FILENO);
-  ::close(saved);
-  std::rewind(sink);
-  std::string text;
-  for (int c; (c = std::fgetc(sink)) != EOF;) text.push_back(static_cast<char>(c));
-  std::fclose(sink);
-  return text;
-}
 
 struct TraceLevelGuard {
   uint32_t saved = g_u32_osalTraceLevel.load();

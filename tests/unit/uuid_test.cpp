@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "util/dlnaUtil_uuid.h"
+#include "capture_stdout.h"
 
 namespace {
 
@@ -29,23 +30,6 @@ bool isWellFormed(const std::string &uuid) {
     if (!dash && !((c >= '0' && c <= '9') || (c >= 'a' && c <= 'f'))) return false;
   }
   return uuid[14] == '1' && (uuid[19] == '8' || uuid[19] == '9');
-}
-
-template <typename Body>
-std::string captureStdout(Body body) {
-  std::fflush(stdout);
-  FILE *sink = std::tmpfile();
-  int saved = ::dup(STDOUT_FILENO);
-  ::dup2(::fileno(sink), STDOUT_FILENO);
-  body();
-  std::fflush(stdout);
-  ::dup2(saved, STDOUT_FILENO);
-  ::close(saved);
-  std::rewind(sink);
-  std::string text;
-  for (int c; (c = std::fgetc(sink)) != EOF;) text.push_back(static_cast<char>(c));
-  std::fclose(sink);
-  return text;
 }
 
 std::string uuidAt(long seconds, long microseconds) {

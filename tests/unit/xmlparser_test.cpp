@@ -11,6 +11,7 @@
 
 #include "util/dlnaUtil_xmlParser.h"
 #include "util/dmsErrors.h"
+#include "capture_stdout.h"
 
 namespace {
 
@@ -59,23 +60,6 @@ std::string readString(IXML_Document *document, const char *key) {
   }
   EXPECT_NE(raw, nullptr);
   return raw != nullptr ? std::string(raw) : std::string("<null>");
-}
-
-template <typename Body>
-std::string captureStdout(Body body) {
-  std::fflush(stdout);
-  FILE *sink = std::tmpfile();
-  int saved = ::dup(STDOUT_FILENO);
-  ::dup2(::fileno(sink), STDOUT_FILENO);
-  body();
-  std::fflush(stdout);
-  ::dup2(saved, STDOUT_FILENO);
-  ::close(saved);
-  std::rewind(sink);
-  std::string text;
-  for (int c; (c = std::fgetc(sink)) != EOF;) text.push_back(static_cast<char>(c));
-  std::fclose(sink);
-  return text;
 }
 
 }  // namespace
