@@ -11,7 +11,6 @@
 
 using servicetest::ActionRequest;
 using servicetest::StateVarRequest;
-using servicetest::captureStdout;
 using servicetest::responseArguments;
 using servicetest::responseElement;
 

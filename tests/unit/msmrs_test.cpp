@@ -16,7 +16,6 @@
 
 using servicetest::ActionRequest;
 using servicetest::StateVarRequest;
-using servicetest::captureStdout;
 using servicetest::responseArguments;
 using servicetest::responseElement;
 using Arguments = std::vector<std::pair<std::string, std::string>>;
