@@ -82,6 +82,8 @@ void appendField(std::string &out, const char *key, long long number) {
 
 std::string describe(const char *path, int32_t result, const mfdMediaInfo &info) {
   bool image = info.mediaClass == MFD_CLASS_IMAGE;
+  // Videos keep their picture size in fields of their own.
+  bool video = !image && (info.videoCodec != 0 || info.videoWidth != 0);
   auto text = [](const char *value) { return std::string_view(value != nullptr ? value : ""); };
   std::string line = "{";
   appendField(line, "path", path);
@@ -95,8 +97,8 @@ std::string describe(const char *path, int32_t result, const mfdMediaInfo &info)
   appendField(line, "bitrate", image ? 0 : info.bitrate);
   appendField(line, "sampleRate", image ? 0 : info.sampleRate);
   appendField(line, "channels", info.channels);
-  appendField(line, "width", image ? info.width : 0);
-  appendField(line, "height", image ? info.height : 0);
+  appendField(line, "width", image ? info.width : video ? info.videoWidth : 0);
+  appendField(line, "height", image ? info.height : video ? info.videoHeight : 0);
   appendField(line, "audioCodec", info.audioCodec);
   appendField(line, "videoCodec", info.videoCodec);
   appendField(line, "profileCode", info.profileCode);
