@@ -190,6 +190,52 @@ int32_t processSubscriptionRequest(dmsDevEventMgr *mgr, const UpnpSubscriptionRe
   return DMS_SUCCESS;
 }
 
+// One service's three slots in the manager.
+struct ServiceSlots {
+  void *&context;
+  dmsServiceCallback &action;
+  dmsServiceCallback &stateVar;
+};
+
+ServiceSlots cmsSlots(dmsDevEventMgr *mgr) {
+  return {mgr->cmsContext, mgr->cmsActionCallback, mgr->cmsStateVarCallback};
+}
+ServiceSlots cdsSlots(dmsDevEventMgr *mgr) {
+  return {mgr->cdsContext, mgr->cdsActionCallback, mgr->cdsStateVarCallback};
+}
+ServiceSlots msMrsSlots(dmsDevEventMgr *mgr) {
+  return {mgr->msMrsContext, mgr->msMrsActionCallback, mgr->msMrsStateVarCallback};
+}
+
+// Fills a service's slots; the state-variable callback is required unless
+// `stateVarOptional`.
+int32_t registerService(dmsDevEventMgr *mgr, ServiceSlots (*slotsOf)(dmsDevEventMgr *), void *context,
+                        dmsServiceCallback actionCallback, dmsServiceCallback stateVarCallback,
+                        bool stateVarOptional) {
+  if (mgr == nullptr || context == nullptr || actionCallback == nullptr ||
+      (stateVarCallback == nullptr && !stateVarOptional)) {
+    DMS_TRACE(OSAL_TRACE_ERR, "Error in Input Parameters\n");
+    return DMS_ERR_INVALID_PARAM;
+  }
+  ServiceSlots slots = slotsOf(mgr);
+  slots.context = context;
+  slots.action = actionCallback;
+  slots.stateVar = stateVarCallback;
+  return DMS_SUCCESS;
+}
+
+int32_t unregisterService(dmsDevEventMgr *mgr, ServiceSlots (*slotsOf)(dmsDevEventMgr *)) {
+  if (mgr == nullptr) {
+    DMS_TRACE(OSAL_TRACE_ERR, "Input Parameter Error: Pointer NULL\n");
+    return DMS_ERR_INVALID_PARAM;
+  }
+  ServiceSlots slots = slotsOf(mgr);
+  slots.context = nullptr;
+  slots.action = nullptr;
+  slots.stateVar = nullptr;
+  return DMS_SUCCESS;
+}
+
 }  // namespace
 
 int32_t dmsDevEventMgrInit(dmsDevEventMgr **out, UpnpDevice_Handle deviceHandle,
@@ -215,75 +261,32 @@ int32_t dmsDevEventMgrInit(dmsDevEventMgr **out, UpnpDevice_Handle deviceHandle,
 int32_t dmsDevEventMgrRegisterCmsEventCallback(dmsDevEventMgr *mgr, void *cmsContext,
                                                dmsServiceCallback actionCallback,
                                                dmsServiceCallback stateVarCallback) {
-  if (mgr == nullptr || cmsContext == nullptr || actionCallback == nullptr ||
-      stateVarCallback == nullptr) {
-    DMS_TRACE(OSAL_TRACE_ERR, "Error in Input Parameters\n");
-    return DMS_ERR_INVALID_PARAM;
-  }
-  mgr->cmsContext = cmsContext;
-  mgr->cmsActionCallback = actionCallback;
-  mgr->cmsStateVarCallback = stateVarCallback;
-  return DMS_SUCCESS;
+  return registerService(mgr, cmsSlots, cmsContext, actionCallback, stateVarCallback, false);
 }
 
+// The ContentDirectory alone may leave its state-variable callback out.
 int32_t dmsDevEventMgrRegisterCdsEventCallback(dmsDevEventMgr *mgr, void *cdsContext,
                                                dmsServiceCallback actionCallback,
                                                dmsServiceCallback stateVarCallback) {
-  if (mgr == nullptr || cdsContext == nullptr || actionCallback == nullptr) {
-    DMS_TRACE(OSAL_TRACE_ERR, "Error in Input Parameters\n");
-    return DMS_ERR_INVALID_PARAM;
-  }
-  mgr->cdsContext = cdsContext;
-  mgr->cdsActionCallback = actionCallback;
-  mgr->cdsStateVarCallback = stateVarCallback;
-  return DMS_SUCCESS;
+  return registerService(mgr, cdsSlots, cdsContext, actionCallback, stateVarCallback, true);
 }
 
 int32_t dmsDevEventMgrRegisterMsMrsEventCallback(dmsDevEventMgr *mgr, void *msMrsContext,
                                                  dmsServiceCallback actionCallback,
                                                  dmsServiceCallback stateVarCallback) {
-  if (mgr == nullptr || msMrsContext == nullptr || actionCallback == nullptr ||
-      stateVarCallback == nullptr) {
-    DMS_TRACE(OSAL_TRACE_ERR, "Error in Input Parameters\n");
-    return DMS_ERR_INVALID_PARAM;
-  }
-  mgr->msMrsContext = msMrsContext;
-  mgr->msMrsActionCallback = actionCallback;
-  mgr->msMrsStateVarCallback = stateVarCallback;
-  return DMS_SUCCESS;
+  return registerService(mgr, msMrsSlots, msMrsContext, actionCallback, stateVarCallback, false);
 }
 
 int32_t dmsDevEventMgrUnRegisterCmsEventCallback(dmsDevEventMgr *mgr) {
-  if (mgr == nullptr) {
-    DMS_TRACE(OSAL_TRACE_ERR, "Input Parameter Error: Pointer NULL\n");
-    return DMS_ERR_INVALID_PARAM;
-  }
-  mgr->cmsContext = nullptr;
-  mgr->cmsActionCallback = nullptr;
-  mgr->cmsStateVarCallback = nullptr;
-  return DMS_SUCCESS;
+  return unregisterService(mgr, cmsSlots);
 }
 
 int32_t dmsDevEventMgrUnRegisterCdsEventCallback(dmsDevEventMgr *mgr) {
-  if (mgr == nullptr) {
-    DMS_TRACE(OSAL_TRACE_ERR, "Input Parameter Error: Pointer NULL\n");
-    return DMS_ERR_INVALID_PARAM;
-  }
-  mgr->cdsContext = nullptr;
-  mgr->cdsActionCallback = nullptr;
-  mgr->cdsStateVarCallback = nullptr;
-  return DMS_SUCCESS;
+  return unregisterService(mgr, cdsSlots);
 }
 
 int32_t dmsDevEventMgrUnRegisterMsMrsEventCallback(dmsDevEventMgr *mgr) {
-  if (mgr == nullptr) {
-    DMS_TRACE(OSAL_TRACE_ERR, "Input Parameter Error: Pointer NULL\n");
-    return DMS_ERR_INVALID_PARAM;
-  }
-  mgr->msMrsContext = nullptr;
-  mgr->msMrsActionCallback = nullptr;
-  mgr->msMrsStateVarCallback = nullptr;
-  return DMS_SUCCESS;
+  return unregisterService(mgr, msMrsSlots);
 }
 
 int32_t dmsDevEventMgrEventProcess(dmsDevEventMgr *mgr, Upnp_EventType eventType,
