@@ -23,7 +23,7 @@
 #include <vector>
 
 #include "dlna_dms.h"
-#include "http_client.h"
+#include "dms_test.h"
 
 namespace fs = std::filesystem;
 using Clock = std::chrono::steady_clock;
@@ -31,7 +31,6 @@ using Clock = std::chrono::steady_clock;
 namespace {
 
 constexpr char kHost[] = "127.0.0.1";
-constexpr char kCdsType[] = "urn:schemas-upnp-org:service:ContentDirectory:1";
 
 double secondsSince(Clock::time_point start) {
   return std::chrono::duration<double>(Clock::now() - start).count();
@@ -53,7 +52,7 @@ void benchBrowse(int port, const std::string &folderId, int clients, int request
       for (int i = 0; i < requestsPerClient; ++i) {
         auto begin = Clock::now();
         dmstest::HttpResponse response =
-            dmstest::soapAction(kHost, port, "/web/cds_control", kCdsType, "Browse", browseArgs(folderId));
+            dmstest::soap(port, dmstest::Service::kCds, "Browse", browseArgs(folderId));
         latencies[c].push_back(secondsSince(begin) * 1000.0);
         if (response.status != 200) ++failures;
       }

@@ -1,0 +1,357 @@
+#include "dms_test.h"
+
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <ixml.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+
+namespace fs = std::filesystem;
+
+namespace dmstest {
+
+std::string fixture(const std::string &relative) {
+  return std::string(DMS_TEST_FIXTURES) + "/media/" + relative;
+}
+
+std::string readFile(const std::string &path) {
+  std::ifstream in(path, std::ios::binary);
+  return std::string(std::istreambuf_iterator<char>(in), {});
+}
+
+void writeFile(const std::string &path, const std::string &bytes) {
+  std::ofstream(path, std::ios::binary | std::ios::trunc) << bytes;
+}
+
+TempDir::TempDir() {
+  char pattern[] = "/tmp/dms_test_XXXXXX";
+  const char *made = ::mkdtemp(pattern);
+  path_ = made != nullptr ? made : "/nonexistent";
+}
+
+TempDir::~TempDir() {
+  std::error_code ignored;
+  fs::remove_all(path_, ignored);
+}
+
+std::string TempDir::mkdir(const std::string &relative) const {
+  fs::create_directories(*this / relative);
+  return *this / relative;
+}
+
+std::string TempDir::copy(const std::string &fixtureRelative, const std::string &relative) const {
+  fs::create_directories(fs::path(*this / relative).parent_path());
+  fs::copy_file(fixture(fixtureRelative), *this / relative, fs::copy_options::overwrite_existing);
+  return *this / relative;
+}
+
+std::string TempDir::write(const std::string &relative, const std::string &bytes) const {
+  fs::create_directories(fs::path(*this / relative).parent_path());
+  writeFile(*this / relative, bytes);
+  return *this / relative;
+}
+
+Bytes &Bytes::u8(std::initializer_list<int> values) {
+  for (int value : values) data_.push_back(static_cast<char>(value));
+  return *this;
+}
+
+// ---- HTTP ------------------------------------------------------------------
+
+std::string HttpResponse::header(const std::string &name) const {
+  auto found = headers.find(name);
+  return found == headers.end() ? std::string() : found->second;
+}
+
+namespace {
+
+HttpResponse parseResponse(const std::string &raw) {
+  HttpResponse response;
+  size_t headerEnd = raw.find("\r\n\r\n");
+  if (raw.compare(0, 5, "HTTP/") != 0 || headerEnd == std::string::npos) return response;
+  response.status = std::atoi(raw.c_str() + raw.find(' ') + 1);
+  for (size_t line = raw.find("\r\n") + 2; line < headerEnd;) {
+    size_t end = raw.find("\r\n", line);
+    std::string text = raw.substr(line, end - line);
+    size_t colon = text.find(':');
+    if (colon != std::string::npos) {
+      std::string name = text.substr(0, colon);
+      std::transform(name.begin(), name.end(), name.begin(), ::tolower);
+      size_t value = text.find_first_not_of(' ', colon + 1);
+      response.headers[name] = value == std::string::npos ? "" : text.substr(value);
+    }
+    line = end + 2;
+  }
+  response.body = raw.substr(headerEnd + 4);
+  return response;
+}
+
+}  // namespace
+
+HttpResponse sendRaw(int port, const std::string &request, int timeoutMs) {
+  int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_port = htons(static_cast<uint16_t>(port));
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  if (fd < 0 || ::connect(fd, reinterpret_cast<sockaddr *>(&address), sizeof address) != 0) {
+    if (fd >= 0) ::close(fd);
+    return {};
+  }
+  for (size_t sent = 0; sent < request.size();) {
+    ssize_t n = ::send(fd, request.data() + sent, request.size() - sent, MSG_NOSIGNAL);
+    if (n <= 0) break;
+    sent += static_cast<size_t>(n);
+  }
+  std::string raw;
+  auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+  char buffer[65536];
+  while (std::chrono::steady_clock::now() < deadline) {
+    pollfd waitFor{fd, POLLIN, 0};
+    if (::poll(&waitFor, 1, 50) <= 0) continue;
+    ssize_t n = ::recv(fd, buffer, sizeof buffer, 0);
+    if (n <= 0) break;
+    raw.append(buffer, static_cast<size_t>(n));
+  }
+  ::close(fd);
+  return parseResponse(raw);
+}
+
+HttpResponse httpGet(int port, const std::string &path, const std::string &extra,
+                     const std::string &method) {
+  return sendRaw(port, method + " " + path + " HTTP/1.1\r\nHost: 127.0.0.1:" +
+                           std::to_string(port) + "\r\n" + extra + "Connection: close\r\n\r\n");
+}
+
+const char *serviceType(Service service) {
+  switch (service) {
+    case Service::kCds: return "urn:schemas-upnp-org:service:ContentDirectory:1";
+    case Service::kCms: return "urn:schemas-upnp-org:service:ConnectionManager:1";
+    case Service::kMrs: return "urn:microsoft.com:service:X_MS_MediaReceiverRegistrar:1";
+  }
+  return "";
+}
+
+const char *controlPath(Service service) {
+  switch (service) {
+    case Service::kCds: return "/web/cds_control";
+    case Service::kCms: return "/web/cms_control";
+    case Service::kMrs: return "/web/mrs_control";
+  }
+  return "";
+}
+
+HttpResponse soap(int port, Service service, const std::string &action,
+                  const std::string &arguments) {
+  const std::string type = serviceType(service);
+  std::string body =
+      "<?xml version=\"1.0\" encoding=\"utf-8\"?>\r\n"
+      "<s:Envelope xmlns:s=\"http://schemas.xmlsoap.org/soap/envelope/\" "
+      "s:encodingStyle=\"http://schemas.xmlsoap.org/soap/encoding/\"><s:Body>"
+      "<u:" + action + " xmlns:u=\"" + type + "\">" + arguments + "</u:" + action +
+      "></s:Body></s:Envelope>\r\n";
+  return sendRaw(port, std::string("POST ") + controlPath(service) +
+                           " HTTP/1.1\r\nHost: 127.0.0.1:" + std::to_string(port) +
+                           "\r\nContent-Type: text/xml; charset=\"utf-8\"\r\nSOAPACTION: \"" +
+                           type + "#" + action + "\"\r\nContent-Length: " +
+                           std::to_string(body.size()) + "\r\nConnection: close\r\n\r\n" + body);
+}
+
+std::string xmlEscape(const std::string &text) {
+  std::string out;
+  for (char c : text) {
+    switch (c) {
+      case '&': out += "&amp;"; break;
+      case '<': out += "&lt;"; break;
+      case '>': out += "&gt;"; break;
+      case '"': out += "&quot;"; break;
+      default: out += c;
+    }
+  }
+  return out;
+}
+
+std::string elementText(const std::string &xml, const std::string &name) {
+  // Through the DOM parser, so that entities and CDATA decode as a client's.
+  IXML_Document *document = ixmlParseBuffer(xml.c_str());
+  if (document == nullptr) return {};
+  std::string text;
+  IXML_NodeList *nodes = ixmlDocument_getElementsByTagName(document, "*");
+  for (unsigned long i = 0; nodes != nullptr && i < ixmlNodeList_length(nodes); ++i) {
+    IXML_Node *node = ixmlNodeList_item(nodes, i);
+    const char *local = ixmlNode_getLocalName(node);
+    std::string nodeName = local != nullptr ? local : ixmlNode_getNodeName(node);
+    if (nodeName != name && ixmlNode_getNodeName(node) != name) continue;
+    IXML_Node *child = ixmlNode_getFirstChild(node);
+    if (child != nullptr && ixmlNode_getNodeValue(child) != nullptr) text = ixmlNode_getNodeValue(child);
+    break;
+  }
+  ixmlNodeList_free(nodes);
+  ixmlDocument_free(document);
+  return text;
+}
+
+// ---- DIDL-Lite -------------------------------------------------------------
+
+std::string DidlObject::attr(const std::string &name) const {
+  auto found = attributes.find(name);
+  return found == attributes.end() ? std::string() : found->second;
+}
+
+std::string DidlObject::prop(const std::string &name) const {
+  auto found = properties.find(name);
+  return found == properties.end() ? std::string() : found->second;
+}
+
+namespace {
+
+std::map<std::string, std::string> attributesOf(IXML_Node *node) {
+  std::map<std::string, std::string> out;
+  IXML_NamedNodeMap *map = ixmlNode_getAttributes(node);
+  for (unsigned long i = 0; map != nullptr && i < ixmlNamedNodeMap_getLength(map); ++i) {
+    IXML_Node *attribute = ixmlNamedNodeMap_item(map, i);
+    out[ixmlNode_getNodeName(attribute)] = ixmlNode_getNodeValue(attribute);
+  }
+  if (map != nullptr) ixmlNamedNodeMap_free(map);
+  return out;
+}
+
+std::string textOf(IXML_Node *node) {
+  IXML_Node *text = ixmlNode_getFirstChild(node);
+  return text != nullptr && ixmlNode_getNodeValue(text) != nullptr ? ixmlNode_getNodeValue(text) : "";
+}
+
+}  // namespace
+
+std::vector<DidlObject> parseDidl(const std::string &xml, bool *ok) {
+  std::vector<DidlObject> objects;
+  IXML_Document *document = ixmlParseBuffer(xml.c_str());
+  if (ok != nullptr) *ok = document != nullptr;
+  if (document == nullptr) return objects;
+  IXML_Node *root = ixmlNode_getFirstChild(reinterpret_cast<IXML_Node *>(document));
+  for (IXML_Node *node = ixmlNode_getFirstChild(root); node; node = ixmlNode_getNextSibling(node)) {
+    DidlObject object;
+    object.container = std::string(ixmlNode_getNodeName(node)) == "container";
+    object.attributes = attributesOf(node);
+    for (IXML_Node *child = ixmlNode_getFirstChild(node); child; child = ixmlNode_getNextSibling(child)) {
+      std::string name = ixmlNode_getNodeName(child);
+      if (name == "res") {
+        object.res.push_back(attributesOf(child));
+        object.res.back()["url"] = textOf(child);
+      }
+      object.properties.emplace(name, textOf(child));
+    }
+    objects.push_back(std::move(object));
+  }
+  ixmlDocument_free(document);
+  return objects;
+}
+
+namespace {
+
+CdsAnswer cdsAnswer(const HttpResponse &response) {
+  CdsAnswer out;
+  out.status = response.status;
+  out.errorCode = elementText(response.body, "errorCode");
+  if (response.status != 200) return out;
+  out.result = elementText(response.body, "Result");
+  out.objects = parseDidl(out.result, &out.wellFormed);
+  out.numberReturned = std::atoi(elementText(response.body, "NumberReturned").c_str());
+  out.totalMatches = std::atoi(elementText(response.body, "TotalMatches").c_str());
+  out.updateId = std::atoi(elementText(response.body, "UpdateID").c_str());
+  return out;
+}
+
+std::string paging(int start, int count) {
+  return "<StartingIndex>" + std::to_string(start) + "</StartingIndex><RequestedCount>" +
+         std::to_string(count) + "</RequestedCount><SortCriteria></SortCriteria>";
+}
+
+}  // namespace
+
+CdsAnswer browse(int port, const std::string &id, const std::string &flag, int start, int count,
+                 const std::string &filter) {
+  return cdsAnswer(soap(port, Service::kCds, "Browse",
+                        "<ObjectID>" + id + "</ObjectID><BrowseFlag>" + flag +
+                            "</BrowseFlag><Filter>" + filter + "</Filter>" + paging(start, count)));
+}
+
+CdsAnswer search(int port, const std::string &container, const std::string &criteria, int start,
+                 int count) {
+  return cdsAnswer(soap(port, Service::kCds, "Search",
+                        "<ContainerID>" + container + "</ContainerID><SearchCriteria>" +
+                            xmlEscape(criteria) + "</SearchCriteria><Filter>*</Filter>" +
+                            paging(start, count)));
+}
+
+std::vector<DidlObject> children(int port, const std::string &id) {
+  return browse(port, id, "BrowseDirectChildren").objects;
+}
+
+DidlObject lookup(int port, const std::string &titles) {
+  std::string id = "0";
+  DidlObject found;
+  for (size_t begin = 0; begin <= titles.size();) {
+    size_t end = std::min(titles.find('/', begin), titles.size());
+    std::string title = titles.substr(begin, end - begin);
+    begin = end + 1;
+    found = {};
+    for (DidlObject &object : children(port, id)) {
+      if (object.title() == title) found = object;
+    }
+    if (found.id().empty()) return found;
+    id = found.id();
+  }
+  return found;
+}
+
+// ---- a running server ------------------------------------------------------
+
+bool RunningServer::start(const std::vector<std::string> &folders, const std::string &name,
+                          int maxContent) {
+  EXPECT_EQ(::chdir(DMS_TEST_WWW), 0);
+  EXPECT_EQ(dlna_dmsInit(), 0);
+  std::vector<std::string> copies(folders);
+  std::vector<char *> paths;
+  for (std::string &folder : copies) paths.push_back(folder.data());
+  dmsConfig config{};
+  dmsDeviceInfo info{};
+  std::snprintf(config.friendlyName, sizeof config.friendlyName, "%s", name.c_str());
+  std::snprintf(config.ipAddress, sizeof config.ipAddress, "127.0.0.1");
+  config.port = kPort;
+  config.sharedPaths = paths.data();
+  config.numSharedPaths = static_cast<int32_t>(paths.size());
+  config.maxContent = maxContent;
+  std::snprintf(info.manufacturer, sizeof info.manufacturer, "Test Maker");
+  std::snprintf(info.modelName, sizeof info.modelName, "Model X");
+  std::snprintf(info.serialNumber, sizeof info.serialNumber, "0001");
+  const int32_t created = dlna_dmsCreate(&handle_, &config, &info);
+  EXPECT_EQ(created, 0);
+  if (created != 0) {
+    handle_ = nullptr;
+    return false;
+  }
+  port_ = config.port;
+  const int32_t started = dlna_dmsStart(handle_);
+  EXPECT_EQ(started, 0);
+  return started == 0;
+}
+
+void RunningServer::stop() {
+  if (handle_ == nullptr) return;
+  EXPECT_EQ(dlna_dmsStop(handle_), 0);
+  EXPECT_EQ(dlna_dmsDestroy(handle_), 0);
+  std::free(handle_);
+  handle_ = nullptr;
+  EXPECT_EQ(dlna_dmsDeinit(), 0);
+}
+
+}  // namespace dmstest

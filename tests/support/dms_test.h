@@ -1,0 +1,164 @@
+// The one support library of the tests: fixture paths, temporary folders,
+// byte builders, an HTTP/SOAP client, a DIDL-Lite parser and a running
+// server.  It uses only the public header, so black-box tests link the shared
+// library and unit tests the internal one with the same helpers.
+#ifndef DMS_TESTS_SUPPORT_DMS_TEST_H
+#define DMS_TESTS_SUPPORT_DMS_TEST_H
+
+#include <chrono>
+#include <cstdint>
+#include <initializer_list>
+#include <map>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "dlna_dms.h"
+
+namespace dmstest {
+
+// ---- files ---------------------------------------------------------------
+
+// tests/fixtures/media/<relative>.
+std::string fixture(const std::string &relative);
+std::string readFile(const std::string &path);
+void writeFile(const std::string &path, const std::string &bytes);
+
+// A temporary folder removed with everything in it.
+class TempDir {
+ public:
+  TempDir();
+  ~TempDir();
+  TempDir(const TempDir &) = delete;
+  TempDir &operator=(const TempDir &) = delete;
+  const std::string &path() const { return path_; }
+  // path()/relative.
+  std::string operator/(const std::string &relative) const { return path_ + "/" + relative; }
+  // Creates relative (and its parents); returns its path.
+  std::string mkdir(const std::string &relative) const;
+  // Copies a fixture (relative to fixtures/media) to relative, making parents.
+  std::string copy(const std::string &fixtureRelative, const std::string &relative) const;
+  std::string write(const std::string &relative, const std::string &bytes) const;
+
+ private:
+  std::string path_;
+};
+
+// ---- bytes ---------------------------------------------------------------
+
+// Builds binary content field by field: Bytes().text("RIFF").le32(36)...
+class Bytes {
+ public:
+  Bytes &u8(std::initializer_list<int> values);
+  Bytes &be16(uint32_t v) { return u8({int(v >> 8 & 0xFF), int(v & 0xFF)}); }
+  Bytes &be32(uint32_t v) { return be16(v >> 16).be16(v & 0xFFFF); }
+  Bytes &le16(uint32_t v) { return u8({int(v & 0xFF), int(v >> 8 & 0xFF)}); }
+  Bytes &le32(uint32_t v) { return le16(v & 0xFFFF).le16(v >> 16); }
+  Bytes &text(const std::string &t) { data_ += t; return *this; }
+  Bytes &zeros(size_t n) { data_.append(n, '\0'); return *this; }
+  Bytes &add(const Bytes &more) { data_ += more.data_; return *this; }
+  const std::string &str() const { return data_; }
+  size_t size() const { return data_.size(); }
+
+ private:
+  std::string data_;
+};
+
+// ---- HTTP and SOAP ---------------------------------------------------------
+
+struct HttpResponse {
+  int status = 0;  // 0: no answer
+  std::map<std::string, std::string> headers;  // names in lower case
+  std::string body;
+  std::string header(const std::string &name) const;
+};
+
+// Sends a complete request to 127.0.0.1:port and reads until the server
+// closes or timeoutMs passes.
+HttpResponse sendRaw(int port, const std::string &request, int timeoutMs = 5000);
+// One request with "Connection: close"; extra is header lines ending in CRLF.
+HttpResponse httpGet(int port, const std::string &path, const std::string &extra = "",
+                     const std::string &method = "GET");
+
+enum class Service { kCds, kCms, kMrs };
+const char *serviceType(Service service);
+const char *controlPath(Service service);
+HttpResponse soap(int port, Service service, const std::string &action,
+                  const std::string &arguments);
+
+// Text of the first element named `name` (any prefix), entities decoded.
+std::string elementText(const std::string &xml, const std::string &name);
+std::string xmlEscape(const std::string &text);
+
+// ---- DIDL-Lite -------------------------------------------------------------
+
+struct DidlObject {
+  bool container = false;
+  std::map<std::string, std::string> attributes;  // of the object element
+  std::map<std::string, std::string> properties;  // child element -> its text (first)
+  std::vector<std::map<std::string, std::string>> res;  // each res: attributes + "url"
+  std::string attr(const std::string &name) const;
+  std::string prop(const std::string &name) const;
+  std::string id() const { return attr("id"); }
+  std::string title() const { return prop("dc:title"); }
+};
+
+// Parses a DIDL-Lite document; *ok is false when it is not well-formed.
+std::vector<DidlObject> parseDidl(const std::string &xml, bool *ok = nullptr);
+
+// The answer to Browse or Search.
+struct CdsAnswer {
+  int status = 0;
+  std::string errorCode;  // the UPnP fault's errorCode, or empty
+  std::string result;     // the Result text, unescaped
+  std::vector<DidlObject> objects;
+  int numberReturned = -1, totalMatches = -1, updateId = -1;
+  bool wellFormed = false;
+};
+CdsAnswer browse(int port, const std::string &id, const std::string &flag, int start = 0,
+                 int count = 0, const std::string &filter = "*");
+CdsAnswer search(int port, const std::string &container, const std::string &criteria,
+                 int start = 0, int count = 0);
+// The children of `id`, all of them.
+std::vector<DidlObject> children(int port, const std::string &id);
+// The object reached from the root by titles ("Shared/Music/a"); empty id
+// when absent.
+DidlObject lookup(int port, const std::string &titles);
+
+// ---- a running server ------------------------------------------------------
+
+inline constexpr int kPort = 49300;
+
+// Creates and starts a server on 127.0.0.1 over `folders`.  stop() (also run
+// by the destructor) asserts a clean shutdown.
+class RunningServer {
+ public:
+  RunningServer() = default;
+  ~RunningServer() { stop(); }
+  RunningServer(const RunningServer &) = delete;
+  RunningServer &operator=(const RunningServer &) = delete;
+  // False (with a test failure) when create or start fails.
+  bool start(const std::vector<std::string> &folders, const std::string &name = "Test Server",
+             int maxContent = 10000);
+  void stop();
+  int port() const { return port_; }
+  dmsHandle *handle() const { return handle_; }
+
+ private:
+  dmsHandle *handle_ = nullptr;
+  int port_ = 0;
+};
+
+// Polls `condition` every 20 ms for at most timeoutMs; true once it holds.
+template <typename Condition>
+bool eventually(Condition condition, int timeoutMs = 5000) {
+  for (int waited = 0;; waited += 20) {
+    if (condition()) return true;
+    if (waited >= timeoutMs) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
+}
+
+}  // namespace dmstest
+
+#endif  // DMS_TESTS_SUPPORT_DMS_TEST_H
