@@ -24,7 +24,6 @@ constexpr const char *kNames[] = {
     "input.mp4", "input.ts",  "input.mpg", "input.wma", "input.wmv", "input.ac3",  "input.adts",
     "input.ea3", "input.bmp", "input.WAV", "input.lpcm", "clip-b-lpcm-2.pcm", "input", "input.m4v",
 };
-constexpr uint32_t kRegistration[] = {1, 3, 6, 10, 8, 12, 11, 15, 17, 18, 20, 21, 22, 24, 25, 26};
 
 struct Harness {
   mfdInstance *instance = nullptr;
@@ -37,7 +36,7 @@ Harness &harness() {
     Harness created;
     g_u32_osalTraceLevel = 0;  // detection traces would drown the fuzzer's output
     if (mfd_openInstance(&created.instance) != 0) std::abort();
-    for (uint32_t id : kRegistration) {
+    for (uint32_t id : ga_u32_mfdServerFormatIds) {
       if (mfd_registerFormat(created.instance, id) != 0) std::abort();
     }
     std::string pattern = "/tmp/dms-detect-fuzz-XXXXXX";

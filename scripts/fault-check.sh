@@ -44,9 +44,13 @@ run_suite() {  # kind -> prints the first failing test, exit 0 when all pass
   cmake --build "$dir" -j "$(nproc)" >"$dir/fault-build.log" 2>&1 || { echo "(build failed)"; return 1; }
   TSAN_OPTIONS="halt_on_error=1" unshare -n sh -c 'ip link set lo up &&
     ip route add 224.0.0.0/4 dev lo src 127.0.0.1 2>/dev/null;
-    cd "$0" && exec ctest --stop-on-failure --timeout 120' "$dir" >"$log" 2>&1 && return 0
-  grep -m1 -E '\*\*\*(Failed|Timeout|Exception)|\(Failed\)|\(Timeout\)' "$log" |
-    sed -E 's/^ *[0-9]+\/[0-9]+ Test +#[0-9]+: ([^ ]+).*/\1/'
+    cd "$0" && exec ctest --output-on-failure --stop-on-failure --timeout 300' "$dir" >"$log" 2>&1 && return 0
+  # The first failing test: a test case of a test binary, or a ctest entry.
+  local first
+  first=$(grep -m1 -oE '^\[  FAILED  \] [^ ,]+|^FAILED: .*' "$log" | sed -E 's/^\[  FAILED  \] //')
+  [ -n "$first" ] || first=$(grep -m1 -E '\*\*\*(Failed|Timeout|Exception)|\(Failed\)|\(Timeout\)' "$log" |
+    sed -E 's/^ *[0-9]+\/[0-9]+ Test +#[0-9]+: ([^ ]+).*/\1/')
+  echo "$first"
   return 1
 }
 plant() {  # file text replacement -> 0 when planted
