@@ -18,6 +18,7 @@
 #include "services/dmsDeviceEventMgr.h"
 #include "services/dmsMsMrsApi.h"
 #include "util/dlnaUtil_uuid.h"
+#include "util/dmsGuard.h"
 #include "util/osal_trace.h"
 
 namespace {
@@ -266,12 +267,7 @@ int32_t destroyServer(dmsHandle *handle) {
 // Runs `body` and turns anything it throws into DMS_ERR_FAILURE.
 template <typename Body>
 int32_t guarded(const char *name, Body body) {
-  try {
-    return body();
-  } catch (...) {
-    DMS_TRACE(OSAL_TRACE_ERR, "Error [%d] in %s()\n", DMS_ERR_FAILURE, name);
-    return DMS_ERR_FAILURE;
-  }
+  return dmsGuard(name, DMS_ERR_FAILURE, body);
 }
 
 }  // namespace
@@ -316,11 +312,9 @@ extern "C" DMS_EXPORT dmsContentListInfo *dlna_dmsGetContentList(dmsHandle *hand
 int dmsDeviceEventHandlerCbf(Upnp_EventType eventType, const void *event, void *cookie) {
   // While create proves the description there is no event manager yet.
   if (cookie == nullptr) return 0;
-  try {
+  dmsGuardVoid("dmsDeviceEventHandlerCbf", [&] {
     int32_t result = dmsDevEventMgrEventProcess(static_cast<dmsDevEventMgr *>(cookie), eventType, event);
     if (result != 0) DMS_TRACE(OSAL_TRACE_ERR, "Error [%d] in %s()\n", result, "dmsDevEventMgrEventProcess");
-  } catch (...) {
-    DMS_TRACE(OSAL_TRACE_ERR, "Error [%d] in %s()\n", DMS_ERR_FAILURE, "dmsDevEventMgrEventProcess");
-  }
+  });
   return 0;
 }
