@@ -1,0 +1,222 @@
+// Browse and Search as a control point sees them, over a tree of real media
+// files: metadata, order, paging, filters, escaping, search criteria and
+// hostile arguments, each as rows of a table.
+#include <gtest/gtest.h>
+
+#include <filesystem>
+
+#include "dms_test.h"
+
+using namespace dmstest;
+
+namespace {
+
+const char kSong[] = "audio/mp3/mpeg1-44k-cbr128.mp3";
+
+class BrowseTest : public ::testing::Test {
+ protected:
+  static void SetUpTestSuite() {
+    tree_ = new TempDir;
+    const std::string root = tree_->mkdir("Shared");
+    tree_->mkdir("Shared/Empty");
+    for (const char *name : {"a", "b", "c"}) tree_->copy(kSong, std::string("Shared/Music/") + name + ".mp3");
+    tree_->copy("image/jfif-640x480.jpg", "Shared/Photos/p.jpg");
+    tree_->copy(kSong, "Shared/Tom & <Jerry>.mp3");
+    tree_->copy(kSong, "Shared/b.song.mp3");
+    tree_->copy("audio/pcm/x-b-lpcm-2.pcm", "Shared/music-b-lpcm-2.pcm");
+    tree_->copy("audio/wav/pcm16-44100-2ch.wav", "Shared/tone.wav");
+    server_ = new RunningServer;
+    ASSERT_TRUE(server_->start({root}));
+    shared_ = children(port(), "0").at(0).id();
+  }
+  static void TearDownTestSuite() {
+    delete server_;
+    delete tree_;
+  }
+  static int port() { return server_->port(); }
+  static std::string id(const std::string &titles) { return lookup(port(), "Shared/" + titles).id(); }
+  static std::vector<std::string> titles(const CdsAnswer &answer) {
+    std::vector<std::string> out;
+    for (const DidlObject &object : answer.objects) out.push_back(object.title());
+    return out;
+  }
+  static inline TempDir *tree_ = nullptr;
+  static inline RunningServer *server_ = nullptr;
+  static inline std::string shared_;
+};
+
+TEST_F(BrowseTest, MetadataOfRootFolderAndItem) {
+  const std::string song = id("b.song");
+  struct Row {
+    std::string id;
+    std::vector<std::pair<std::string, std::string>> expected;  // attribute, property or res@x
+  } rows[] = {
+      {"0", {{"@id", "0"}, {"@parentID", "-1"}, {"dc:title", "root"},
+             {"upnp:class", "object.container.storageFolder"}, {"@childCount", "1"}}},
+      {shared_, {{"@parentID", "0"}, {"dc:title", "Shared"}, {"@childCount", "7"}, {"@searchable", "1"}}},
+      {id("Music"), {{"@parentID", shared_}, {"@childCount", "3"}}},
+      {song, {{"@parentID", shared_}, {"upnp:class", "object.item.audioItem.musicTrack"},
+              {"res@protocolInfo", "http-get:*:audio/mpeg:DLNA.ORG_PN=MP3;DLNA.ORG_OP=01;DLNA.ORG_CI=0"},
+              {"res@url", "http://127.0.0.1:" + std::to_string(port()) + "/web/" + song + ".mp3"},
+              {"res@size", std::to_string(std::filesystem::file_size(fixture(kSong)))},
+              {"res@duration", "0:00:01.044"}, {"res@bitrate", "16000"}}},
+      {id("Photos/p"), {{"upnp:class", "object.item.imageItem.photo"}, {"res@resolution", "640x480"}}},
+  };
+  for (const Row &row : rows) {
+    SCOPED_TRACE(row.id);
+    CdsAnswer answer = browse(port(), row.id, "BrowseMetadata");
+    ASSERT_EQ(answer.objects.size(), 1u);
+    EXPECT_EQ(answer.numberReturned, 1);
+    EXPECT_EQ(answer.totalMatches, 1);
+    const DidlObject &object = answer.objects[0];
+    for (const auto &[name, value] : row.expected) {
+      if (name[0] == '@') {
+        EXPECT_EQ(object.attr(name.substr(1)), value) << name;
+      } else if (name.rfind("res@", 0) == 0) {
+        ASSERT_EQ(object.res.size(), 1u);
+        EXPECT_EQ(object.res[0].count(name.substr(4)) ? object.res[0].at(name.substr(4)) : "", value) << name;
+      } else {
+        EXPECT_EQ(object.prop(name), value) << name;
+      }
+    }
+  }
+}
+
+TEST_F(BrowseTest, ChildrenInByteOrderWithTitlesThatRoundTrip) {
+  CdsAnswer answer = browse(port(), shared_, "BrowseDirectChildren");
+  ASSERT_TRUE(answer.wellFormed);
+  EXPECT_EQ(titles(answer), (std::vector<std::string>{"Empty", "Music", "Photos", "Tom & <Jerry>",
+                                                      "b.song", "music-b-lpcm-2", "tone"}));
+  EXPECT_EQ(answer.result.find("Tom & <"), std::string::npos);  // the raw Result was escaped
+}
+
+TEST_F(BrowseTest, PagingPicksTheRequestedSlice) {
+  const std::string music = id("Music"), shared = shared_;
+  struct Row {
+    std::string id;
+    int start, count;
+    std::vector<std::string> titles;
+    int total;  // -1: a fault
+  } rows[] = {
+      {music, 0, 0, {"a", "b", "c"}, 3}, {music, 0, 10, {"a", "b", "c"}, 3}, {music, 0, 1, {"a"}, 3},
+      {music, 1, 1, {"b"}, 3},           {music, 1, 2, {"b", "c"}, 3},       {music, 2, 5, {"c"}, 3},
+      {shared, 5, 2, {"music-b-lpcm-2", "tone"}, 7},                         {music, 3, 1, {}, -1},
+      {id("Empty"), 0, 0, {}, 0},
+  };
+  for (const Row &row : rows) {
+    SCOPED_TRACE(std::to_string(row.start) + "+" + std::to_string(row.count));
+    CdsAnswer answer = browse(port(), row.id, "BrowseDirectChildren", row.start, row.count);
+    EXPECT_EQ(answer.status, row.total < 0 ? 500 : 200);
+    if (row.total < 0) continue;
+    EXPECT_EQ(titles(answer), row.titles);
+    EXPECT_EQ(answer.numberReturned, static_cast<int>(row.titles.size()));
+    EXPECT_EQ(answer.totalMatches, row.total);
+  }
+}
+
+TEST_F(BrowseTest, FilterChoosesTheProperties) {
+  struct Row {
+    const char *filter;
+    bool res, size, duration, childCount;
+  } rows[] = {
+      {"*", true, true, true, true},
+      {"dc:title", false, false, false, false},
+      {"dc:title,res@duration", true, false, true, false},
+      {"res@size,@childCount", true, true, false, true},
+  };
+  for (const Row &row : rows) {
+    SCOPED_TRACE(row.filter);
+    CdsAnswer answer = browse(port(), shared_, "BrowseDirectChildren", 0, 0, row.filter);
+    ASSERT_EQ(answer.objects.size(), 7u);
+    EXPECT_EQ(!answer.objects[1].attr("childCount").empty(), row.childCount);  // Music
+    const DidlObject &song = answer.objects[4];                              // b.song
+    ASSERT_EQ(!song.res.empty(), row.res);
+    if (!row.res) continue;
+    EXPECT_EQ(song.res[0].count("size") == 1, row.size);
+    EXPECT_EQ(song.res[0].count("duration") == 1, row.duration);
+  }
+}
+
+TEST_F(BrowseTest, SearchByClassAndTitleWithPaging) {
+  struct Row {
+    std::string container, criteria;
+    int start, count;
+    std::vector<std::string> titles;
+    int total;
+  } rows[] = {
+      {shared_, "upnp:class derivedfrom \"object.item.imageItem\"", 0, 0, {"p"}, 1},
+      {shared_, "upnp:class derivedfrom \"object.item.audioItem\"", 1, 2, {"b", "c"}, 7},
+      {shared_, "dc:title contains \"b\"", 0, 0, {"b", "b.song"}, 2},
+      {shared_, "dc:title contains \"b.s\"", 0, 0, {"b.song"}, 1},
+      {shared_, "dc:title = \"Tom & <Jerry>\"", 0, 0, {"Tom & <Jerry>"}, 1},
+      {shared_, "dc:title contains \"music-b\" and upnp:class derivedfrom \"object.item.audioItem\"", 0, 0,
+       {"music-b-lpcm-2"}, 1},
+      {shared_, "dc:title contains \"a\" or dc:title contains \"c\"", 0, 0, {"a", "c"}, 2},
+      {shared_, "dc:title contains \"b\"", 5, 0, {}, 2},
+      {id("Empty"), "dc:title contains \"b\"", 0, 0, {}, 0},
+      {id("Music"), "*", 0, 0, {"a", "b", "c"}, 3},
+  };
+  for (const Row &row : rows) {
+    SCOPED_TRACE(row.criteria);
+    CdsAnswer answer = search(port(), row.container, row.criteria, row.start, row.count);
+    ASSERT_EQ(answer.status, 200);
+    EXPECT_EQ(titles(answer), row.titles);
+    EXPECT_EQ(answer.totalMatches, row.total);
+    EXPECT_EQ(answer.numberReturned, static_cast<int>(row.titles.size()));
+  }
+}
+
+TEST_F(BrowseTest, HostileArgumentsGetFaultsAndTheServerGoesOn) {
+  auto args = [](const std::string &id, const std::string &flag, const std::string &start,
+                 const std::string &count) {
+    return "<ObjectID>" + id + "</ObjectID><BrowseFlag>" + flag + "</BrowseFlag><Filter>*</Filter>"
+           "<StartingIndex>" + start + "</StartingIndex><RequestedCount>" + count +
+           "</RequestedCount><SortCriteria></SortCriteria>";
+  };
+  const std::string music = id("Music");
+  struct Row {
+    std::string action, arguments;
+    int status;
+    const char *errorCode;  // "" for a success
+  } rows[] = {
+      {"Browse", args("99999", "BrowseDirectChildren", "0", "0"), 500, "720"},
+      // Ids are read as numbers: what they read as is answered, well-formed.
+      {"Browse", args("-1", "BrowseMetadata", "0", "0"), 200, ""},
+      {"Browse", args("1001abc", "BrowseMetadata", "0", "0"), 200, ""},
+      {"Browse", args(std::string(5000, '9'), "BrowseMetadata", "0", "0"), 200, ""},
+      {"Browse", args(music, "BrowseSideways", "0", "0"), 500, "501"},
+      {"Browse", args(music, "BrowseDirectChildren", "-1", "0"), 500, "501"},
+      {"Browse", args(music, "BrowseDirectChildren", "0", "-5"), 500, "501"},
+      {"Browse", args(music, "BrowseDirectChildren", "99999999999", "0"), 500, "501"},
+      {"Browse", args(music, "BrowseDirectChildren", "0", "4294967296"), 200, ""},
+      {"Browse", args(music, "BrowseDirectChildren", "zero", "ten"), 200, ""},
+      {"Browse", "<ObjectID>0</ObjectID><Filter>*</Filter>", 500, "402"},
+      {"Search", "<ContainerID>0</ContainerID>", 500, "402"},
+      {"Search", "<ContainerID>77777</ContainerID><SearchCriteria>*</SearchCriteria><Filter>*</Filter>"
+                 "<StartingIndex>0</StartingIndex><RequestedCount>0</RequestedCount><SortCriteria/>", 500, "720"},
+      {"Delete", "<ObjectID>0</ObjectID>", 500, "401"},
+  };
+  for (const Row &row : rows) {
+    SCOPED_TRACE(row.arguments.substr(0, 80));
+    HttpResponse response = soap(port(), Service::kCds, row.action, row.arguments);
+    EXPECT_EQ(response.status, row.status);
+    EXPECT_EQ(elementText(response.body, "errorCode"), row.errorCode);
+    if (row.status == 200 && row.action == "Browse") {
+      bool ok = false;
+      parseDidl(elementText(response.body, "Result"), &ok);
+      EXPECT_TRUE(ok);
+    }
+  }
+  EXPECT_EQ(browse(port(), music, "BrowseDirectChildren").numberReturned, 3);
+}
+
+TEST_F(BrowseTest, CapabilitiesAndUpdateIds) {
+  HttpResponse sort = soap(port(), Service::kCds, "GetSortCapabilities", "");
+  EXPECT_EQ(sort.status, 200);
+  HttpResponse system = soap(port(), Service::kCds, "GetSystemUpdateID", "");
+  EXPECT_EQ(system.status, 200);
+  EXPECT_FALSE(elementText(system.body, "Id").empty());
+  EXPECT_GE(browse(port(), shared_, "BrowseDirectChildren").updateId, 0);
+}
+
+}  // namespace
