@@ -220,3 +220,43 @@ TEST_F(BrowseTest, CapabilitiesAndUpdateIds) {
 }
 
 }  // namespace
+
+namespace {
+
+// Paging through a big folder in odd-sized pages meets every child exactly
+// once and in order, for Browse and for Search alike.
+TEST(BrowsePages, EveryChildOnceAcrossPages) {
+  TempDir tree;
+  const int kFiles = 250;
+  const std::string song = tree.copy("audio/mp3/mpeg1-44k-cbr128.mp3", "big/000.mp3");
+  for (int i = 1; i < kFiles; ++i) {
+    char name[16];
+    std::snprintf(name, sizeof name, "big/%03d.mp3", i);
+    std::filesystem::create_hard_link(song, tree / name);
+  }
+  RunningServer server;
+  ASSERT_TRUE(server.start({tree / "big"}));
+  const std::string folder = children(server.port(), "0").at(0).id();
+  for (bool searching : {false, true}) {
+    SCOPED_TRACE(searching ? "Search" : "Browse");
+    std::vector<std::string> seen;
+    for (int start = 0; start < kFiles + 10; start += 7) {
+      CdsAnswer page = searching ? search(server.port(), folder, "dc:title contains \"\"", start, 7)
+                                 : browse(server.port(), folder, "BrowseDirectChildren", start, 7);
+      if (start >= kFiles && !searching) {
+        EXPECT_EQ(page.status, 500);  // past the end of a folder
+        continue;
+      }
+      EXPECT_EQ(page.totalMatches, kFiles);
+      for (const DidlObject &object : page.objects) seen.push_back(object.title());
+    }
+    ASSERT_EQ(seen.size(), size_t{kFiles});
+    for (int i = 0; i < kFiles; ++i) {
+      char title[8];
+      std::snprintf(title, sizeof title, "%03d", i);
+      EXPECT_EQ(seen[i], title);
+    }
+  }
+}
+
+}  // namespace

@@ -69,6 +69,10 @@ TEST_F(StreamingTest, WholeFilesHeadAndRangesHaveExactLengths) {
       {"GET", "bytes=10-" + std::to_string(size + 1000), 206, 10, size - 10},
       {"GET", "bytes=" + std::to_string(size) + "-", 416, 0, 0},
       {"GET", "bytes=500-100", 416, 0, 0},
+      {"GET", "bytes=0-1,5-6", 206, 0, 2},  // several ranges: the first is served
+      {"GET", "bytes=abc", 416, 0, 0},
+      {"GET", "items=0-1", 400, 0, 0},
+      {"POST", "", 500, 0, 0},  // nothing is ever written to a shared file
   };
   for (const Row &row : rows) {
     SCOPED_TRACE(row.method + " " + row.range);
