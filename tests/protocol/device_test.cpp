@@ -3,6 +3,7 @@
 // cycle through the public API.
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
+#include <ixml.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -127,6 +128,41 @@ TEST_F(DeviceTest, ActionsAnswerAsTheServicesPromise) {
     HttpResponse response = soap(port(), row.service, row.action, row.arguments);
     EXPECT_EQ(response.status, row.status) << response.body;
     for (const auto &[element, text] : row.expected) EXPECT_EQ(elementText(response.body, element), text);
+  }
+}
+
+// Every action a service description lists is one the service answers, and
+// a success carries every out argument the description names.
+TEST_F(DeviceTest, EveryDescribedActionIsAnswered) {
+  const std::pair<Service, const char *> descriptions[] = {
+      {Service::kCds, "/web/cds.xml"}, {Service::kCms, "/web/cms.xml"}, {Service::kMrs, "/web/ms_mrs.xml"}};
+  for (const auto &[service, path] : descriptions) {
+    IXML_Document *scpd = ixmlParseBuffer(httpGet(port(), path).body.c_str());
+    ASSERT_NE(scpd, nullptr) << path;
+    IXML_NodeList *actions = ixmlDocument_getElementsByTagName(scpd, "action");
+    ASSERT_NE(actions, nullptr) << path;
+    for (unsigned long a = 0; a < ixmlNodeList_length(actions); ++a) {
+      auto *action = reinterpret_cast<IXML_Element *>(ixmlNodeList_item(actions, a));
+      IXML_NodeList *names = ixmlElement_getElementsByTagName(action, "name");
+      IXML_NodeList *directions = ixmlElement_getElementsByTagName(action, "direction");
+      auto text = [](IXML_NodeList *list, unsigned long i) {
+        IXML_Node *value = ixmlNode_getFirstChild(ixmlNodeList_item(list, i));
+        return std::string(value != nullptr ? ixmlNode_getNodeValue(value) : "");
+      };
+      const std::string name = text(names, 0);
+      SCOPED_TRACE(name);
+      HttpResponse answer = soap(port(), service, name, "");
+      EXPECT_NE(elementText(answer.body, "errorCode"), "401");
+      for (unsigned long i = 0; answer.status == 200 && i < ixmlNodeList_length(directions); ++i) {
+        if (text(directions, i) != "out") continue;
+        const std::string argument = text(names, i + 1);
+        EXPECT_NE(answer.body.find("<" + argument), std::string::npos) << argument;
+      }
+      ixmlNodeList_free(names);
+      ixmlNodeList_free(directions);
+    }
+    ixmlNodeList_free(actions);
+    ixmlDocument_free(scpd);
   }
 }
 
