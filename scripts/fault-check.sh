@@ -47,9 +47,11 @@ run_suite() {  # kind -> prints the first failing test, exit 0 when all pass
     cd "$0" && exec ctest --output-on-failure --stop-on-failure --timeout 300' "$dir" >"$log" 2>&1 && return 0
   # The first failing test: a test case of a test binary, or a ctest entry.
   local first
-  first=$(grep -m1 -oE '^\[  FAILED  \] [^ ,]+|^FAILED: .*' "$log" | sed -E 's/^\[  FAILED  \] //')
+  first=$(grep -m1 -oE '^\[  FAILED  \] [A-Za-z0-9_/]+\.[^ ,]+|^FAILED: .*' "$log" | sed -E 's/^\[  FAILED  \] //')
+  grep -q 'ThreadSanitizer: data race' "$log" && first="${first:-$(sed -n 's/^ *[0-9]*\/[0-9]* Test *#[0-9]*: \([^ ]*\).*/\1/p' "$log" | tail -1)} (data race)"
   [ -n "$first" ] || first=$(grep -m1 -E '\*\*\*(Failed|Timeout|Exception)|\(Failed\)|\(Timeout\)' "$log" |
     sed -E 's/^ *[0-9]+\/[0-9]+ Test +#[0-9]+: ([^ ]+).*/\1/')
+  grep -qE 'SEGV|Subprocess aborted|Exception: ' "$log" && first="${first:-crash} (crashed)"
   echo "$first"
   return 1
 }
