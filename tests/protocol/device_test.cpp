@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <atomic>
 #include <filesystem>
+#include <functional>
 #include <thread>
 
 #include "content/dmsClmApi.h"
@@ -297,6 +298,32 @@ TEST(ServerLifecycle, ReconfigurationIsSeenByControlPoints) {
   std::string missing = first / "no-such-folder";
   EXPECT_NE(dlna_dmsAddSharedPath(handle, missing.data()), 0);
   EXPECT_EQ(dlna_dmsRestart(nullptr), DMS_ERR_INVALID_PARAM);
+}
+
+// Calls out of order or with bad arguments are refused with their codes and
+// leave the server as it was.
+TEST(ServerLifecycle, MisuseIsRefusedAndHarmless) {
+  TempDir folder;
+  folder.copy("audio/mp3/mpeg1-44k-cbr128.mp3", "a.mp3");
+  RunningServer server;
+  ASSERT_TRUE(server.start({folder.path()}));
+  dmsHandle *handle = server.handle();
+  std::string file = folder / "a.mp3", missing = folder / "none";
+  const std::pair<std::function<int32_t()>, int32_t> rows[] = {
+      {[&] { return dlna_dmsUpdateFriendlyName(handle, std::string(256, 'n').c_str()); }, 0},
+      {[&] { return dlna_dmsUpdateFriendlyName(handle, std::string(257, 'n').c_str()); }, DMS_ERR_INVALID_PARAM},
+      {[&] { return dlna_dmsUpdateFriendlyName(handle, nullptr); }, DMS_ERR_INVALID_PARAM},
+      {[&] { return dlna_dmsAddSharedPath(handle, file.data()); }, DMS_ERR_INVALID_PARAM},
+      {[&] { return dlna_dmsAddSharedPath(handle, missing.data()); }, DMS_ERR_INVALID_PARAM},
+      {[&] { return dlna_dmsAddSharedPath(handle, nullptr); }, DMS_ERR_INVALID_PARAM},
+      {[&] { return dlna_dmsDeleteSharedPath(nullptr, file.c_str()); }, DMS_ERR_INVALID_PARAM},
+      {[&] { return dlna_dmsStop(handle); }, 0},
+      {[&] { return dlna_dmsRestart(handle); }, DMS_ERR_NOT_STARTED},
+      {[&] { return dlna_dmsStart(handle); }, 0},
+      {[&] { return dlna_dmsRestart(handle); }, 0},
+  };
+  for (size_t i = 0; i < std::size(rows); ++i) EXPECT_EQ(rows[i].first(), rows[i].second) << "row " << i;
+  EXPECT_EQ(children(server.port(), children(server.port(), "0").at(0).id()).size(), 1u);
 }
 
 // Clients browse, search and stream while the content list changes under

@@ -87,13 +87,15 @@ TEST(ContentList, BudgetAndNameFilter) {
   for (const char *name : {"a.mp3", "b.mp3", "c.mp3", "d.mp3"}) folder.copy(kSong, name);
   folder.copy(kSong, "renamed.bin");
   folder.copy(kSong, "Sub/e.mp3");
+  folder.copy(kSong, "LOUD.MP3");         // the filter ignores case
+  folder.copy(kSong, "RECYCLER/r.mp3");   // a system folder the filter skips
   struct Row {
     int flag;
     int32_t maxContent;
     int32_t containers, items;
   } rows[] = {
-      {0, 10000, 2, 6},  // no filter: the content decides, whatever the name
-      {1, 10000, 2, 5},  // filter: only media extensions reach detection
+      {0, 10000, 3, 8},  // no filter: the content decides, whatever the name
+      {1, 10000, 2, 6},  // filter: only media extensions reach detection
       {0, 4, 2, 2},      // budget: every entry counts
       {1, 4, 2, 4},      // with the flag, folders do not count against it
   };
