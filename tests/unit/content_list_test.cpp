@@ -11,6 +11,8 @@
 #include <thread>
 
 #include "content/dmsClmApi.h"
+#include "services/dmsCdsMgrApi.h"
+#include "util/dlnaUtil_buffer.h"
 #include "detection.h"
 #include "dms_test.h"
 
@@ -138,6 +140,48 @@ TEST(ContentList, ReadersWalkWhileSharedFoldersComeAndGo) {
   for (std::thread &reader : readers) reader.join();
   EXPECT_EQ(bad, 0);
   EXPECT_GT(walks, 0);
+}
+
+// The ContentDirectory's answers are built from the list while the list
+// changes, with nothing between them but the list's own lock (no SDK in the
+// way to order the threads), so a reader that forgets the lock shows.
+TEST(ContentList, BrowseAnswersStayWholeWhileTheListChanges) {
+  TempDir steady, churn;
+  for (int i = 0; i < 10; ++i) steady.copy(kSong, "s/" + std::to_string(i) + ".mp3");
+  for (int i = 0; i < 10; ++i) churn.copy(kSong, "c/" + std::to_string(i) + ".mp3");
+  List list({steady.path()});
+  dmsCdsMgrHandle cds;
+  cds.contentList = list.get();
+  std::snprintf(cds.serverAddress, sizeof cds.serverAddress, "127.0.0.1");
+  cds.serverPort = 49152;
+  std::atomic<bool> done{false};
+  std::atomic<int> bad{0};
+  std::vector<std::thread> readers;
+  for (int r = 0; r < 2; ++r) {
+    readers.emplace_back([&] {
+      while (!done) {
+        dmsCdsBrowseArgs args;
+        args.objectId = 0;
+        args.browseFlag = DMS_CDS_BROWSE_DIRECT_CHILDREN;
+        dmsCdsRespArgs answer;
+        dlnaUtilBuffer *buffer = nullptr;
+        dlnaUtil_allocateBuffer(&buffer);
+        if (dmsCdsCreateRespBrowse(&cds, &args, &answer, buffer) != 0) ++bad;
+        bool ok = false;
+        const size_t shares = parseDidl(buffer->data, &ok).size();
+        if (!ok || (shares != 1 && shares != 2)) ++bad;
+        dmsCdsMgrReleaseRespArgs(&answer);
+        dlnaUtil_releaseBuffer(buffer);
+      }
+    });
+  }
+  for (int round = 0; round < 30; ++round) {
+    EXPECT_EQ(dmsClmAddToContentList(list.get(), churn.path().c_str()), 0);
+    EXPECT_EQ(dmsClmRemoveFromContentList(list.get(), churn.path().c_str()), 0);
+  }
+  done = true;
+  for (std::thread &reader : readers) reader.join();
+  EXPECT_EQ(bad, 0);
 }
 
 }  // namespace
