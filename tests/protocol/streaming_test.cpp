@@ -220,3 +220,42 @@ TEST(StreamingChanges, FilesTruncatedDeletedOrUnsharedWhileStreamed) {
 }
 
 }  // namespace
+
+namespace {
+
+// Every fixture the server lists is published with a protocolInfo the
+// server announces, and its URL serves exactly the bytes and length the
+// DIDL-Lite promised.
+TEST(EveryFixture, IsListedAndServedAsPublished) {
+  TempDir tree;
+  int copied = 0;
+  for (const auto &file : std::filesystem::recursive_directory_iterator(fixture(""))) {
+    if (!file.is_regular_file()) continue;
+    const std::string name = file.path().string().substr(fixture("").size());
+    std::string flat = name;
+    for (char &c : flat) c = c == '/' ? '_' : c;
+    tree.copy(name, "all/" + flat);
+    ++copied;
+  }
+  RunningServer server;
+  ASSERT_TRUE(server.start({tree / "all"}));
+  const std::string sources = elementText(soap(server.port(), Service::kCms, "GetProtocolInfo", "").body, "Source");
+  const std::vector<DidlObject> items = children(server.port(), children(server.port(), "0").at(0).id());
+  EXPECT_GT(items.size(), size_t(copied) * 3 / 4);  // the negatives and oddities are left out
+  for (const DidlObject &item : items) {
+    SCOPED_TRACE(item.title());
+    ASSERT_EQ(item.res.size(), 1u);
+    const auto &res = item.res[0];
+    if (res.at("protocolInfo").find("DLNA.ORG_PN=") != std::string::npos) {  // a DLNA profile
+      EXPECT_NE(sources.find(res.at("protocolInfo")), std::string::npos);
+    }
+    const std::string url = res.at("url");
+    HttpResponse body = httpGet(server.port(), url.substr(url.find("/web/")));
+    EXPECT_EQ(body.status, 200);
+    EXPECT_EQ(std::to_string(body.body.size()), res.at("size"));
+    EXPECT_EQ(body.header("content-length"), res.at("size"));
+    EXPECT_EQ(res.at("protocolInfo").find(":" + body.header("content-type") + ":"), 10u);  // http-get:*:<mime>:
+  }
+}
+
+}  // namespace
