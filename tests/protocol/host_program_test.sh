@@ -50,6 +50,27 @@ found=$(timeout 10 gssdp-discover -i lo -n 3 -t urn:schemas-upnp-org:device:Medi
 check "gssdp-discover finds the device on lo" \
   sh -c "printf '%s' \"\$0\" | grep -q '127.0.0.1:$port/description.xml'" "$found"
 
+# What a control point lists honours --max-content and --filter.
+children_of() {  # port id -> number of children Browse returns
+  curl -s -X POST -H 'Content-Type: text/xml' \
+    -H 'SOAPACTION: "urn:schemas-upnp-org:service:ContentDirectory:1#Browse"' \
+    --data "<?xml version=\"1.0\"?><s:Envelope xmlns:s=\"http://schemas.xmlsoap.org/soap/envelope/\"><s:Body><u:Browse xmlns:u=\"urn:schemas-upnp-org:service:ContentDirectory:1\"><ObjectID>$2</ObjectID><BrowseFlag>BrowseDirectChildren</BrowseFlag><Filter>*</Filter><StartingIndex>0</StartingIndex><RequestedCount>0</RequestedCount><SortCriteria></SortCriteria></u:Browse></s:Body></s:Envelope>" \
+    "http://127.0.0.1:$1/web/cds_control" | sed -n 's:.*<NumberReturned>\([0-9]*\)</NumberReturned>.*:\1:p'
+}
+limited=$(mktemp -d)
+for n in 1 2 3 4 5; do cp "$media/audio/mp3/mpeg1-44k-cbr128.mp3" "$limited/$n.mp3"; done
+cp "$media/audio/mp3/mpeg1-44k-cbr128.mp3" "$limited/renamed.bin"
+other_port=$((port + 2))
+for options in "--max-content 4:3" "--filter:5" ":6"; do
+  other_port=$((other_port + 2))
+  "$program" --address 127.0.0.1 --port $other_port --www "$www" ${options%%:*} "$limited" >/dev/null 2>&1 &
+  other=$!
+  for _ in $(seq 50); do [ -n "$(children_of $other_port 1001)" ] && break; sleep 0.1; done
+  check "'${options%%:*}' lists ${options##*:} items" test "$(children_of $other_port 1001)" = "${options##*:}"
+  kill -TERM $other; wait $other
+done
+rm -rf "$limited"
+
 kill -TERM $pid
 status=0
 for _ in $(seq 100); do kill -0 $pid 2>/dev/null || break; sleep 0.1; done
