@@ -119,7 +119,9 @@ DMS_EXPORT int32_t dlna_dmsSetMediaPort(dmsHandle *handle, int32_t port);
  * dlna_dmsStop) and for NULL.  Not a status code. */
 DMS_EXPORT int32_t dlna_dmsGetMediaPort(const dmsHandle *handle);
 
-/* Re-registers a started server (DMS_ERR_NOT_STARTED otherwise). */
+/* Re-registers a started server (DMS_ERR_NOT_STARTED otherwise).  Like the
+ * three calls below, it stops and starts the server: media streams in
+ * progress end and players request them again. */
 DMS_EXPORT int32_t dlna_dmsRestart(dmsHandle *handle);
 /* Publishes a new friendly name (at most 256 characters) and restarts. */
 DMS_EXPORT int32_t dlna_dmsUpdateFriendlyName(dmsHandle *handle,

@@ -159,7 +159,9 @@ MHD_Response *bodyResponse(const dmsAvtHttpMediaFile &media, FileDescriptor &fil
                            int64_t count) {
   MHD_Response *response = nullptr;
   if (!media.swapSamples) {
-    // sendfile: the kernel copies from the page cache to the socket.
+    // sendfile: the kernel copies from the page cache to the socket.  A file
+    // cut short under the stream leaves the body short; the library then
+    // waits for the socket, and the idle timeout ends the connection.
     response = MHD_create_response_from_fd_at_offset64(static_cast<uint64_t>(count), file.get(),
                                                        static_cast<uint64_t>(position));
     if (response != nullptr) file.release();
@@ -186,8 +188,10 @@ MHD_Result answerMedia(dmsMediaServer *server, MHD_Connection *connection, const
     DMS_TRACE(OSAL_TRACE_INFO, "File [%s] cannot be accessed\n", media.path.c_str());
     return queueEmpty(connection, MHD_HTTP_NOT_FOUND);
   }
-  // A stream is read once: keep it from pushing other data out of the cache.
-  ::posix_fadvise(file.get(), 0, 0, POSIX_FADV_DONTNEED);
+  // Read ahead generously.  The pages are not dropped here as the /web path
+  // does at open: a player that probes and then plays, or two players of one
+  // file, would lose the pages the other is about to send.
+  ::posix_fadvise(file.get(), 0, 0, POSIX_FADV_SEQUENTIAL);
   const int64_t length = dmsAvtHttpServedLength(media, status.st_size);
   ByteRange range;
   const char *rangeHeader = MHD_lookup_connection_value(connection, MHD_HEADER_KIND, MHD_HTTP_HEADER_RANGE);
