@@ -242,15 +242,19 @@ MHD_Result answerRequest(void *cls, MHD_Connection *connection, const char *url,
 // stops accepting and leaves new clients waiting in the listen queue: a
 // client beyond the limit is accepted and closed at once.
 MHD_Result acceptClient(void *cls, const sockaddr * /*address*/, socklen_t /*length*/) {
-  auto *server = static_cast<dmsMediaServer *>(cls);
-  return server->connections.load() < server->connectionLimit ? MHD_YES : MHD_NO;
+  return dmsGuard("dmsMediaServerAccept", MHD_NO, [&] {
+    auto *server = static_cast<dmsMediaServer *>(cls);
+    return server->connections.load() < server->connectionLimit ? MHD_YES : MHD_NO;
+  });
 }
 
 void countConnection(void *cls, MHD_Connection * /*connection*/, void ** /*socketState*/,
                      MHD_ConnectionNotificationCode change) {
-  auto *server = static_cast<dmsMediaServer *>(cls);
-  if (change == MHD_CONNECTION_NOTIFY_STARTED) ++server->connections;
-  else if (change == MHD_CONNECTION_NOTIFY_CLOSED) --server->connections;
+  dmsGuardVoid("dmsMediaServerCount", [&] {
+    auto *server = static_cast<dmsMediaServer *>(cls);
+    if (change == MHD_CONNECTION_NOTIFY_STARTED) ++server->connections;
+    else if (change == MHD_CONNECTION_NOTIFY_CLOSED) --server->connections;
+  });
 }
 
 void traceLibraryMessage(void * /*cls*/, const char *format, va_list arguments) {
