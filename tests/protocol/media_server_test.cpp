@@ -72,6 +72,7 @@ std::vector<std::string> MediaServerTest::urls_, MediaServerTest::paths_;
 TEST_F(MediaServerTest, DidlUrlsNameTheMediaPortAndPlayOnBothPorts) {
   ASSERT_EQ(urls_.size(), 6u);
   EXPECT_NE(port(), server_->port());
+  EXPECT_EQ(dlna_dmsSetMediaPort(server_->handle(), 0), DMS_ERR_SYNC);  // only before start
   EXPECT_NE(urls_[0].find("127.0.0.1:" + std::to_string(port()) + "/web/"), std::string::npos);
   const std::string mp3 = readFile(fixture("audio/mp3/mpeg1-44k-cbr128.mp3"));
   EXPECT_EQ(httpGet(port(), path(0)).body, mp3);
