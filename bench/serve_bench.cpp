@@ -1,6 +1,7 @@
 // Serving figures: Browse of a 100-child folder (requests per second, p50 and
 // p99 latency with 1 and 8 clients) and streaming of a 1 GiB file (MB/s with
-// 1 and 4 streams) beside reading the same file with `cat`.
+// 1 and 4 streams), from the SDK's /web path and from the media server with
+// 16 paused players attached, beside reading the same file with `cat`.
 //
 // It starts a real server on 127.0.0.1: run it inside a private network
 // namespace, e.g.
@@ -18,6 +19,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <memory>
 #include <string>
 #include <thread>
 #include <vector>
@@ -102,7 +104,7 @@ int64_t download(int port, const std::string &path) {
   return headerBytes < 0 ? 0 : total - headerBytes;
 }
 
-void benchStream(int port, const std::string &path, int streams, int64_t size) {
+void benchStream(int port, const std::string &path, int streams, int64_t size, const char *label) {
   auto start = Clock::now();
   std::vector<std::thread> threads;
   std::atomic<int64_t> received{0};
@@ -113,7 +115,7 @@ void benchStream(int port, const std::string &path, int streams, int64_t size) {
   }
   for (auto &thread : threads) thread.join();
   double elapsed = secondsSince(start);
-  std::printf("stream 1 GiB          streams %d  %7.0f MB/s  (%s)\n", streams,
+  std::printf("stream 1 GiB %-22s streams %d  %7.0f MB/s  (%s)\n", label, streams,
               received.load() / elapsed / 1e6,
               received.load() == size * streams ? "complete" : "INCOMPLETE");
 }
@@ -169,8 +171,20 @@ int main(int argc, char **argv) {
   benchBrowse(config.port, "1003", 1, 400);
   benchBrowse(config.port, "1003", 8, 100);
   std::string bigPath = "/web/1002.wav";
-  benchStream(config.port, bigPath, 1, bigSize);
-  benchStream(config.port, bigPath, 4, bigSize);
+  benchStream(config.port, bigPath, 1, bigSize, "SDK /web");
+  benchStream(config.port, bigPath, 4, bigSize, "SDK /web");
+  {
+    // Players on pause: each read a little of the stream and stopped.
+    std::vector<std::unique_ptr<dmstest::RawConnection>> paused;
+    const int mediaPort = dlna_dmsGetMediaPort(server);
+    for (int i = 0; i < 16; ++i) {
+      paused.push_back(std::make_unique<dmstest::RawConnection>(mediaPort, "127.0.0.2", 4096));
+      paused.back()->send("GET " + bigPath + " HTTP/1.1\r\nHost: 127.0.0.1\r\n\r\n");
+      paused.back()->receive(16384);
+    }
+    benchStream(mediaPort, bigPath, 1, bigSize, "media, 16 paused");
+    benchStream(mediaPort, bigPath, 4, bigSize, "media, 16 paused");
+  }
   auto start = Clock::now();
   std::string command = "cat '" + big.string() + "' > /dev/null";
   if (std::system(command.c_str()) == 0) {

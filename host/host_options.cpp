@@ -30,6 +30,8 @@ void printHostUsage(FILE *out) {
                "  --address ADDR      IPv4 address to serve on (default: the first network\n"
                "                      address, else 127.0.0.1)\n"
                "  --port N            HTTP port (default 49152; lower ports become 49152)\n"
+               "  --media-port N      port of the media streams (default: the HTTP port + 1,\n"
+               "                      or any free port when that is taken; 0: any free)\n"
                "  --max-content N     most entries to share (default 100000)\n"
                "  --filter            offer only well-known media extensions to detection\n"
                "  --www DIR           folder with the description files and icons\n"
@@ -67,6 +69,13 @@ HostCommand parseHostOptions(int argc, char **argv, HostOptions &options, std::s
       const char *text = value(arg);
       if (text == nullptr) return HostCommand::Invalid;
       options.www = text;
+    } else if (std::strcmp(arg, "--media-port") == 0) {
+      const char *text = value(arg);
+      if (text == nullptr) return HostCommand::Invalid;
+      if (!parseNumber(text, 0, 65535, options.mediaPort)) {
+        error = std::string("bad value for ") + arg + ": " + text;
+        return HostCommand::Invalid;
+      }
     } else if (std::strcmp(arg, "--port") == 0 || std::strcmp(arg, "--max-content") == 0) {
       const char *text = value(arg);
       if (text == nullptr) return HostCommand::Invalid;

@@ -12,6 +12,7 @@ struct HostOptions {
   std::string name = "dlna-dms";
   std::string address;  // empty: the first network address
   int port = 49152;
+  int mediaPort = -1;  // -1: the port + 1, or any free one
   int maxContent = 100000;
   bool filter = false;
   std::string www;  // empty: the installed or source-tree www directory

@@ -143,6 +143,12 @@ int serve(HostOptions &options) {
                 " (error " + std::to_string(result) + ")");
   }
   int exitCode = 0;
+  if (options.mediaPort >= 0 && dlna_dmsSetMediaPort(server, options.mediaPort) != DMS_SUCCESS) {
+    exitCode = fail("media port " + std::to_string(options.mediaPort) + " on " + options.address + " is busy");
+    dlna_dmsDestroy(server);
+    std::free(server);
+    return exitCode;
+  }
   result = dlna_dmsStart(server);
   if (result != DMS_SUCCESS) {
     exitCode = fail("cannot start the server (error " + std::to_string(result) + ")");
@@ -150,9 +156,11 @@ int serve(HostOptions &options) {
     int32_t containers = 0;
     int32_t items = 0;
     dmsClmGetCounts(dlna_dmsGetContentList(server), &containers, &items);
-    std::printf("Sharing %d folder(s) and %d item(s) as \"%s: DMS\" at http://%s:%d/description.xml\n",
+    std::printf("Sharing %d folder(s) and %d item(s) as \"%s: DMS\" at http://%s:%d/description.xml"
+                " (media on port %d)\n",
                 static_cast<int>(containers), static_cast<int>(items), options.name.c_str(),
-                options.address.c_str(), static_cast<int>(config.port));
+                options.address.c_str(), static_cast<int>(config.port),
+                static_cast<int>(dlna_dmsGetMediaPort(server)));
     std::fflush(stdout);
     int signal = 0;
     sigwait(&stopSignals, &signal);

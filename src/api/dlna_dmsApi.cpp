@@ -13,6 +13,7 @@
 
 #include "content/dmsClmApi.h"
 #include "http/dmsAvtHttpHandler.h"
+#include "http/dmsMediaServer.h"
 #include "services/dmsCdsMgrApi.h"
 #include "services/dmsCmsApi.h"
 #include "services/dmsDeviceEventMgr.h"
@@ -37,11 +38,21 @@ int32_t traceSdkFailure(int result, const char *callee, int32_t code) {
   return code;
 }
 
+// Stop order and lifetimes.  The media server reads the content list and
+// nothing else; its connections copy what they serve under the list's read
+// lock, so closing it (which ends every connection at once, whatever the
+// client does) is all that must happen before the list is freed.  It is
+// closed first, by stop and again here, so that destroy never waits on a
+// player.  Then the SDK is finished (it joins its workers, so no SOAP or
+// /web callback still runs), then the services, then the content list.
+//
 // Releases, in reverse order of creation, whatever part of a server exists.
 // Used by destroy and by a create that fails half-way, so that a later create
 // in the same process starts from a clean SDK.  Returns the result of freeing
 // the content list (0 when there was none).
 int32_t tearDownServer(dmsHandle *handle) {
+  dmsMediaServerStop(handle->mediaServer);
+  handle->mediaServer = nullptr;
   // Finish the SDK first: it joins its worker threads, so no callback can
   // still be running when the services and the content list go away.
   if (handle->sdkReady) {
@@ -140,11 +151,35 @@ int32_t proveDescription(dmsHandle *handle) {
   return DMS_SUCCESS;
 }
 
+// Opens the media server on `port` (0: any free one) and points the DIDL res
+// URLs at it.
+int32_t listenForMedia(dmsHandle *handle, int32_t port) {
+  const std::string address(handle->config.ipAddress,
+                            strnlen(handle->config.ipAddress, sizeof handle->config.ipAddress));
+  int32_t result = dmsMediaServerStart(&handle->mediaServer, address.c_str(), port,
+                                       handle->contentList, dmsMediaServerLimits{});
+  if (result != DMS_SUCCESS) return result;
+  handle->mediaPort = dmsMediaServerPort(handle->mediaServer);
+  // Written while no Browse can run: at create, or while the device is
+  // unregistered.
+  if (handle->cdsContext != nullptr) handle->cdsContext->serverPort = handle->mediaPort;
+  return DMS_SUCCESS;
+}
+
+// The media server on `port`, or on any free port when that one is taken.
+int32_t openMediaServer(dmsHandle *handle, int32_t port) {
+  if (port < 0 || port > 65535) port = 0;
+  int32_t result = listenForMedia(handle, port);
+  if (result == DMS_ERR_FAILURE && port != 0) result = listenForMedia(handle, 0);
+  if (result != DMS_SUCCESS) return traceSdkFailure(result, "dmsMediaServerStart", result);
+  return DMS_SUCCESS;
+}
+
 int32_t createServices(dmsHandle *handle) {
   int32_t result = dmsDevEventMgrInit(&handle->eventMgr, handle->deviceHandle, handle->uuid);
   if (result != 0) return traceSdkFailure(result, "dmsDevEventMgrInit", result);
   result = dmsCdsMgrInit(&handle->cdsContext, handle->eventMgr, handle->contentList,
-                         handle->config.ipAddress, handle->config.port);
+                         handle->config.ipAddress, handle->mediaPort);
   if (result != 0) return traceSdkFailure(result, "dmsCdsMgrInit", result);
   // Content changes are evented through the ContentDirectory.
   handle->contentList->cdsContext = handle->cdsContext;
@@ -195,6 +230,7 @@ int32_t createServer(dmsHandle **out, dmsConfig *config, const dmsDeviceInfo *de
   result = dmsClmCreateContentList(&handle->contentList, config->sharedPaths,
                                    config->numSharedPaths, config->maxContent);
   if (result != DMS_SUCCESS) return traceSdkFailure(result, "dmsClmCreateContentList", result);
+  if ((result = openMediaServer(handle, config->port + 1)) != DMS_SUCCESS) return result;
   if ((result = proveDescription(handle)) != DMS_SUCCESS) return result;
   if ((result = createServices(handle)) != DMS_SUCCESS) return result;
   if (!initLocking(handle)) {
@@ -221,6 +257,10 @@ int32_t setState(dmsHandle *handle, int32_t state, bool stampAdvertisement, cons
 }
 
 int32_t startServer(dmsHandle *handle) {
+  if (handle->mediaServer == nullptr) {
+    int32_t opened = openMediaServer(handle, handle->mediaPort);
+    if (opened != DMS_SUCCESS) return opened;
+  }
   int result = UpnpRegisterRootDevice2(UPNPREG_BUF_DESC, handle->description, 0, 1,
                                        dmsDeviceEventHandlerCbf, handle->eventMgr,
                                        &handle->deviceHandle);
@@ -252,7 +292,30 @@ int32_t stopServer(dmsHandle *handle) {
     handle->hasAdvertiserThread = 0;
   }
   int result = UpnpUnRegisterRootDevice(handle->deviceHandle);
+  // Media connections are closed whatever the players do, so that a host
+  // that stops on SIGTERM exits at once.
+  dmsMediaServerStop(handle->mediaServer);
+  handle->mediaServer = nullptr;
   if (result != UPNP_E_SUCCESS) return traceSdkFailure(result, "UpnpUnRegisterRootDevice", DMS_ERR_INVALID_PARAM);
+  return DMS_SUCCESS;
+}
+
+int32_t setMediaPort(dmsHandle *handle, int32_t port) {
+  if (handle->state == DMS_STATE_STARTED) {
+    DMS_TRACE(OSAL_TRACE_ERR, "Media port can only change while the server is stopped\n");
+    return DMS_ERR_SYNC;
+  }
+  const int32_t previous = handle->mediaPort;
+  const bool listening = handle->mediaServer != nullptr;
+  dmsMediaServerStop(handle->mediaServer);
+  handle->mediaServer = nullptr;
+  int32_t result = listenForMedia(handle, port);
+  if (result != DMS_SUCCESS) {
+    // Keep serving where the server did; start opens it otherwise.
+    if (listening) openMediaServer(handle, previous);
+    else handle->mediaPort = previous;
+    return traceSdkFailure(result, "dmsMediaServerStart", result);
+  }
   return DMS_SUCCESS;
 }
 
@@ -303,6 +366,18 @@ extern "C" DMS_EXPORT int32_t dlna_dmsDestroy(dmsHandle *handle) {
     return DMS_ERR_INVALID_PARAM;
   }
   return guarded("dlna_dmsDestroy", [&] { return destroyServer(handle); });
+}
+
+extern "C" DMS_EXPORT int32_t dlna_dmsSetMediaPort(dmsHandle *handle, int32_t port) {
+  if (handle == nullptr || port < 0 || port > 65535) {
+    DMS_TRACE(OSAL_TRACE_ERR, "Error in Input Parameters\n");
+    return DMS_ERR_INVALID_PARAM;
+  }
+  return guarded("dlna_dmsSetMediaPort", [&] { return setMediaPort(handle, port); });
+}
+
+extern "C" DMS_EXPORT int32_t dlna_dmsGetMediaPort(const dmsHandle *handle) {
+  return handle == nullptr || handle->mediaServer == nullptr ? 0 : handle->mediaPort;
 }
 
 extern "C" DMS_EXPORT dmsContentListInfo *dlna_dmsGetContentList(dmsHandle *handle) {

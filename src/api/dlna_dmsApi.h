@@ -16,6 +16,7 @@ struct dmsDevEventMgr;
 struct dmsCdsMgrHandle;
 struct dmsCmsInstance;
 struct dmsMsMrsInstance;
+struct dmsMediaServer;
 
 // Server states.
 inline constexpr int32_t DMS_STATE_CREATED = 0;
@@ -53,6 +54,12 @@ struct dmsHandle {
   int32_t state;
   char *description;     // the device description, malloc'ed
   int32_t sdkReady;      // UpnpInit succeeded and UpnpFinish is still due
+  // The media server (src/http/dmsMediaServer.h) and its port.  Listening
+  // from create to stop and from start to stop; closed by stop and destroy
+  // before anything it reads (the content list) goes away.  mediaPort is the
+  // port the DIDL res URLs name; it is kept across stop and start.
+  dmsMediaServer *mediaServer;
+  int32_t mediaPort;
 };
 
 // Formats the device description from the handle's configuration, device

@@ -125,8 +125,7 @@ int getMediaInfo(const char *path, UpnpFileInfo *info) {
   }
   // The SDK sends exactly this many bytes: what the file holds now from the
   // payload start, no more than its header declares.
-  int64_t length = std::max<int64_t>(0, status.st_size - media.dataOffset);
-  if (media.declaredSize > 0) length = std::min(length, media.declaredSize);
+  const int64_t length = dmsAvtHttpServedLength(media, status.st_size);
   UpnpFileInfo_set_FileLength(info, static_cast<off_t>(length));
   UpnpFileInfo_set_LastModified(info, status.st_mtime);
   UpnpFileInfo_set_IsDirectory(info, 0);

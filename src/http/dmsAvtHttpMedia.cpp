@@ -63,6 +63,11 @@ bool dmsAvtHttpFindMedia(dmsContentListInfo *list, uint32_t id, dmsAvtHttpMediaF
   return true;
 }
 
+int64_t dmsAvtHttpServedLength(const dmsAvtHttpMediaFile &media, int64_t fileSize) {
+  int64_t length = std::max<int64_t>(0, fileSize - media.dataOffset);
+  return media.declaredSize > 0 ? std::min(length, media.declaredSize) : length;
+}
+
 std::string dmsAvtHttpMediaHeaders(const dmsAvtHttpMediaFile &media) {
   return "contentFeatures.dlna.org: " + media.contentFeatures + "\r\ntransferMode.dlna.org: " +
          (media.streaming ? "Streaming" : "Interactive") + "\r\n";

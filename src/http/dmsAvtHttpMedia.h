@@ -32,6 +32,10 @@ bool dmsAvtHttpParseMediaId(const char *path, uint32_t *id);
 // root and containers are no items).  Takes the list's shared lock.
 bool dmsAvtHttpFindMedia(dmsContentListInfo *list, uint32_t id, dmsAvtHttpMediaFile &out);
 
+// Bytes served of `media` when its file holds `fileSize` bytes now: from the
+// payload start, no more than the header declares.
+int64_t dmsAvtHttpServedLength(const dmsAvtHttpMediaFile &media, int64_t fileSize);
+
 // The extra HTTP header lines for `media`, each ending in CRLF.
 std::string dmsAvtHttpMediaHeaders(const dmsAvtHttpMediaFile &media);
 

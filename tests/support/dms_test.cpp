@@ -131,6 +131,74 @@ HttpResponse httpGet(int port, const std::string &path, const std::string &extra
                            std::to_string(port) + "\r\n" + extra + "Connection: close\r\n\r\n");
 }
 
+RawConnection::RawConnection(int port, const std::string &from, int receiveBuffer) {
+  fd_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  if (fd_ < 0) return;
+  if (receiveBuffer > 0) ::setsockopt(fd_, SOL_SOCKET, SO_RCVBUF, &receiveBuffer, sizeof receiveBuffer);
+  sockaddr_in local{};
+  local.sin_family = AF_INET;
+  inet_pton(AF_INET, from.c_str(), &local.sin_addr);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_port = htons(static_cast<uint16_t>(port));
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  connected_ = ::bind(fd_, reinterpret_cast<sockaddr *>(&local), sizeof local) == 0 &&
+               ::connect(fd_, reinterpret_cast<sockaddr *>(&address), sizeof address) == 0;
+}
+
+RawConnection::~RawConnection() {
+  if (fd_ >= 0) ::close(fd_);
+}
+
+bool RawConnection::send(const std::string &bytes) {
+  return connected_ && ::send(fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(bytes.size());
+}
+
+std::string RawConnection::receive(size_t count, int timeoutMs) {
+  std::string out = std::move(pending_);
+  pending_.clear();
+  auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+  char buffer[65536];
+  while (connected_ && out.size() < count && std::chrono::steady_clock::now() < deadline) {
+    pollfd waitFor{fd_, POLLIN, 0};
+    if (::poll(&waitFor, 1, 20) <= 0) continue;
+    ssize_t n = ::recv(fd_, buffer, std::min(sizeof buffer, count - out.size()), 0);
+    if (n <= 0) break;
+    out.append(buffer, static_cast<size_t>(n));
+  }
+  return out;
+}
+
+HttpResponse RawConnection::response(int timeoutMs) {
+  std::string raw;
+  size_t end;
+  while ((end = raw.find("\r\n\r\n")) == std::string::npos) {
+    std::string more = receive(1, timeoutMs);
+    if (more.empty()) return {};
+    raw += more;
+  }
+  HttpResponse head = parseResponse(raw.substr(0, end + 4));
+  size_t length = static_cast<size_t>(std::atoll(head.header("content-length").c_str()));
+  pending_ = raw.substr(end + 4);
+  head.body = receive(length, timeoutMs);
+  if (head.body.size() > length) {
+    pending_ = head.body.substr(length);
+    head.body.resize(length);
+  }
+  return head;
+}
+
+bool RawConnection::closedByPeer(int timeoutMs) {
+  auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+  char buffer[65536];
+  while (std::chrono::steady_clock::now() < deadline) {
+    pollfd waitFor{fd_, POLLIN, 0};
+    if (::poll(&waitFor, 1, 20) <= 0) continue;
+    if (::recv(fd_, buffer, sizeof buffer, 0) <= 0) return true;
+  }
+  return false;
+}
+
 const char *serviceType(Service service) {
   switch (service) {
     case Service::kCds: return "urn:schemas-upnp-org:service:ContentDirectory:1";

@@ -80,6 +80,30 @@ HttpResponse sendRaw(int port, const std::string &request, int timeoutMs = 5000)
 HttpResponse httpGet(int port, const std::string &path, const std::string &extra = "",
                      const std::string &method = "GET");
 
+// A TCP connection to 127.0.0.1:port from the loopback address `from`
+// (127.0.0.x: one client address each), closed by the destructor.  A small
+// `receiveBuffer` makes a client that stops reading stall the server soon.
+class RawConnection {
+ public:
+  explicit RawConnection(int port, const std::string &from = "127.0.0.1", int receiveBuffer = 0);
+  ~RawConnection();
+  RawConnection(const RawConnection &) = delete;
+  RawConnection &operator=(const RawConnection &) = delete;
+  bool connected() const { return connected_; }
+  bool send(const std::string &bytes);
+  // Reads until `count` bytes arrived, the peer closed or timeoutMs passed.
+  std::string receive(size_t count, int timeoutMs = 5000);
+  // Reads one whole answer (header and Content-Length body).
+  HttpResponse response(int timeoutMs = 5000);
+  // True when the peer closes (or resets) within timeoutMs.
+  bool closedByPeer(int timeoutMs = 2000);
+
+ private:
+  int fd_ = -1;
+  bool connected_ = false;
+  std::string pending_;  // bytes read past the last answer
+};
+
 enum class Service { kCds, kCms, kMrs };
 const char *serviceType(Service service);
 const char *controlPath(Service service);
@@ -142,6 +166,7 @@ class RunningServer {
              int maxContent = 10000);
   void stop();
   int port() const { return port_; }
+  int mediaPort() const { return dlna_dmsGetMediaPort(handle_); }
   dmsHandle *handle() const { return handle_; }
 
  private:

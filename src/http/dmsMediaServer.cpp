@@ -1,0 +1,316 @@
+#include "http/dmsMediaServer.h"
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <microhttpd.h>
+#include <netinet/in.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "dlna_dms.h"
+#include "http/dmsAvtHttpMedia.h"
+#include "util/dmsGuard.h"
+#include "util/osal_trace.h"
+
+static constexpr char kTraceFile[] = "dmsMediaServer.c";
+
+// See the header: written before the polling thread starts, read-only after.
+struct dmsMediaServer {
+  MHD_Daemon *daemon = nullptr;
+  dmsContentListInfo *contentList = nullptr;  // borrowed; outlives the server
+  int32_t port = 0;
+  uint32_t connectionLimit = 0;
+  // Open connections; counted by the polling thread, and by the stopping
+  // thread after it has joined the polling thread.
+  std::atomic<uint32_t> connections{0};
+};
+
+namespace {
+
+// LPCM pieces are swapped in buffers of this size; one per paused LPCM client.
+constexpr size_t kSwapBlock = 64 * 1024;
+
+// Marks a request whose header the access handler has seen once.
+char kHeaderRead;
+
+// Owns a descriptor until a response takes it over.
+class FileDescriptor {
+ public:
+  explicit FileDescriptor(int descriptor) : descriptor_(descriptor) {}
+  FileDescriptor(const FileDescriptor &) = delete;
+  FileDescriptor &operator=(const FileDescriptor &) = delete;
+  ~FileDescriptor() {
+    if (descriptor_ >= 0) ::close(descriptor_);
+  }
+  int get() const { return descriptor_; }
+  int release() {
+    int descriptor = descriptor_;
+    descriptor_ = -1;
+    return descriptor;
+  }
+
+ private:
+  int descriptor_;
+};
+
+// The bytes of one answer: [first, first + count) of the served length.
+struct ByteRange {
+  int64_t first = 0;
+  int64_t count = 0;
+};
+
+enum class RangeAnswer { kWhole, kPart, kUnsatisfiable };
+
+// Reads the first range of a "Range: bytes=..." header against `length`.
+// A header that is absent or not understood asks for the whole file.
+RangeAnswer parseRange(const char *header, int64_t length, ByteRange &range) {
+  range = {0, length};
+  if (header == nullptr || std::strncmp(header, "bytes=", 6) != 0) return RangeAnswer::kWhole;
+  const char *cursor = header + 6;
+  auto number = [&cursor](int64_t &value) {
+    const char *start = cursor;
+    value = 0;
+    for (; *cursor >= '0' && *cursor <= '9'; ++cursor) {
+      if (value > (INT64_MAX - 9) / 10) return false;
+      value = value * 10 + (*cursor - '0');
+    }
+    return cursor != start;
+  };
+  int64_t first = 0;
+  int64_t last = 0;
+  if (*cursor == '-') {  // the last n bytes
+    ++cursor;
+    if (!number(last) || (*cursor != '\0' && *cursor != ',')) return RangeAnswer::kWhole;
+    if (last == 0 || length == 0) return RangeAnswer::kUnsatisfiable;
+    range.count = std::min(last, length);
+    range.first = length - range.count;
+    return RangeAnswer::kPart;
+  }
+  if (!number(first) || *cursor++ != '-') return RangeAnswer::kWhole;
+  bool open = *cursor == '\0' || *cursor == ',';
+  if (!open && (!number(last) || (*cursor != '\0' && *cursor != ',') || last < first)) {
+    return RangeAnswer::kWhole;
+  }
+  if (first >= length) return RangeAnswer::kUnsatisfiable;
+  range.first = first;
+  range.count = (open || last >= length ? length : last + 1) - first;
+  return RangeAnswer::kPart;
+}
+
+// What the LPCM reader needs; owned by its response and freed with it.
+struct SwapReader {
+  explicit SwapReader(int descriptor) : file(descriptor) {}
+  FileDescriptor file;
+  int64_t start = 0;       // file position of the answer's first byte
+  int64_t dataOffset = 0;  // sample pairs are counted from here
+  std::vector<char> scratch;
+};
+
+ssize_t readSwapped(void *cls, uint64_t position, char *buffer, size_t count) {
+  return dmsGuard("dmsMediaServerReadSwapped", static_cast<ssize_t>(MHD_CONTENT_READER_END_WITH_ERROR), [&] {
+    auto *reader = static_cast<SwapReader *>(cls);
+    size_t got = dmsAvtHttpReadSwapped(reader->file.get(), buffer, count,
+                                       reader->start + static_cast<int64_t>(position),
+                                       reader->dataOffset, reader->scratch);
+    // The length was promised: a file that shrank ends the connection.
+    return got == 0 ? static_cast<ssize_t>(MHD_CONTENT_READER_END_WITH_ERROR) : static_cast<ssize_t>(got);
+  });
+}
+
+void freeSwapReader(void *cls) {
+  dmsGuardVoid("dmsMediaServerFreeReader", [&] { std::unique_ptr<SwapReader> owned(static_cast<SwapReader *>(cls)); });
+}
+
+// Adds "Name: value\r\n" lines to `response`.
+void addHeaderLines(MHD_Response *response, const std::string &lines) {
+  for (size_t begin = 0; begin < lines.size();) {
+    size_t end = lines.find("\r\n", begin);
+    if (end == std::string::npos) end = lines.size();
+    size_t colon = lines.find(": ", begin);
+    if (colon < end) {
+      MHD_add_response_header(response, lines.substr(begin, colon - begin).c_str(),
+                              lines.substr(colon + 2, end - colon - 2).c_str());
+    }
+    begin = end + 2;
+  }
+}
+
+MHD_Result queueEmpty(MHD_Connection *connection, unsigned status, const char *name = nullptr,
+                      const std::string &value = {}) {
+  MHD_Response *response = MHD_create_response_from_buffer(0, nullptr, MHD_RESPMEM_PERSISTENT);
+  if (response == nullptr) return MHD_NO;
+  if (name != nullptr) MHD_add_response_header(response, name, value.c_str());
+  MHD_Result queued = MHD_queue_response(connection, status, response);
+  MHD_destroy_response(response);
+  return queued;
+}
+
+// The response for `count` bytes of `media` from file position `position`;
+// takes `file` over when it succeeds.
+MHD_Response *bodyResponse(const dmsAvtHttpMediaFile &media, FileDescriptor &file, int64_t position,
+                           int64_t count) {
+  MHD_Response *response = nullptr;
+  if (!media.swapSamples) {
+    // sendfile: the kernel copies from the page cache to the socket.  A file
+    // cut short under the stream leaves the body short; the library then
+    // waits for the socket, and the idle timeout ends the connection.
+    response = MHD_create_response_from_fd_at_offset64(static_cast<uint64_t>(count), file.get(),
+                                                       static_cast<uint64_t>(position));
+    if (response != nullptr) file.release();
+    return response;
+  }
+  auto reader = std::make_unique<SwapReader>(file.release());
+  reader->start = position;
+  reader->dataOffset = media.dataOffset;
+  response = MHD_create_response_from_callback(static_cast<uint64_t>(count), kSwapBlock, readSwapped,
+                                               reader.get(), freeSwapReader);
+  if (response != nullptr) reader.release();
+  return response;
+}
+
+MHD_Result answerMedia(dmsMediaServer *server, MHD_Connection *connection, const char *url) {
+  uint32_t id = 0;
+  dmsAvtHttpMediaFile media;
+  if (!dmsAvtHttpParseMediaId(url, &id) || !dmsAvtHttpFindMedia(server->contentList, id, media)) {
+    return queueEmpty(connection, MHD_HTTP_NOT_FOUND);
+  }
+  FileDescriptor file(::open(media.path.c_str(), O_RDONLY | O_CLOEXEC));
+  struct stat status {};
+  if (file.get() < 0 || ::fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode)) {
+    DMS_TRACE(OSAL_TRACE_INFO, "File [%s] cannot be accessed\n", media.path.c_str());
+    return queueEmpty(connection, MHD_HTTP_NOT_FOUND);
+  }
+  // Read ahead generously.  The pages are not dropped here as the /web path
+  // does at open: a player that probes and then plays, or two players of one
+  // file, would lose the pages the other is about to send.
+  ::posix_fadvise(file.get(), 0, 0, POSIX_FADV_SEQUENTIAL);
+  const int64_t length = dmsAvtHttpServedLength(media, status.st_size);
+  ByteRange range;
+  const char *rangeHeader = MHD_lookup_connection_value(connection, MHD_HEADER_KIND, MHD_HTTP_HEADER_RANGE);
+  const RangeAnswer answer = parseRange(rangeHeader, length, range);
+  if (answer == RangeAnswer::kUnsatisfiable) {
+    return queueEmpty(connection, MHD_HTTP_RANGE_NOT_SATISFIABLE, MHD_HTTP_HEADER_CONTENT_RANGE,
+                      "bytes */" + std::to_string(length));
+  }
+  MHD_Response *response = bodyResponse(media, file, media.dataOffset + range.first, range.count);
+  if (response == nullptr) return MHD_NO;
+  MHD_add_response_header(response, MHD_HTTP_HEADER_CONTENT_TYPE, media.mimeType.c_str());
+  MHD_add_response_header(response, MHD_HTTP_HEADER_ACCEPT_RANGES, "bytes");
+  addHeaderLines(response, dmsAvtHttpMediaHeaders(media));
+  unsigned code = MHD_HTTP_OK;
+  if (answer == RangeAnswer::kPart) {
+    code = MHD_HTTP_PARTIAL_CONTENT;
+    const std::string contentRange = "bytes " + std::to_string(range.first) + "-" +
+                                     std::to_string(range.first + range.count - 1) + "/" +
+                                     std::to_string(length);
+    MHD_add_response_header(response, MHD_HTTP_HEADER_CONTENT_RANGE, contentRange.c_str());
+  }
+  MHD_Result queued = MHD_queue_response(connection, code, response);
+  MHD_destroy_response(response);
+  return queued;
+}
+
+MHD_Result answerRequest(void *cls, MHD_Connection *connection, const char *url, const char *method,
+                         const char * /*version*/, const char * /*uploadData*/, size_t * /*uploadSize*/,
+                         void **requestState) {
+  return dmsGuard("dmsMediaServerAnswer", MHD_NO, [&] {
+    // Nothing here takes a body: a request that may carry one is refused
+    // before it is read (the connection then closes).
+    if (std::strcmp(method, MHD_HTTP_METHOD_GET) != 0 && std::strcmp(method, MHD_HTTP_METHOD_HEAD) != 0) {
+      return queueEmpty(connection, MHD_HTTP_METHOD_NOT_ALLOWED, MHD_HTTP_HEADER_ALLOW, "GET, HEAD");
+    }
+    // A response queued at the first call, when only the header is read,
+    // ends the connection; at the second it may stay open for the next
+    // request.
+    if (*requestState == nullptr) {
+      *requestState = &kHeaderRead;
+      return MHD_YES;
+    }
+    return answerMedia(static_cast<dmsMediaServer *>(cls), connection, url);
+  });
+}
+
+// The total limit is kept here rather than by the library, which at its limit
+// stops accepting and leaves new clients waiting in the listen queue: a
+// client beyond the limit is accepted and closed at once.
+MHD_Result acceptClient(void *cls, const sockaddr * /*address*/, socklen_t /*length*/) {
+  return dmsGuard("dmsMediaServerAccept", MHD_NO, [&] {
+    auto *server = static_cast<dmsMediaServer *>(cls);
+    return server->connections.load() < server->connectionLimit ? MHD_YES : MHD_NO;
+  });
+}
+
+void countConnection(void *cls, MHD_Connection * /*connection*/, void ** /*socketState*/,
+                     MHD_ConnectionNotificationCode change) {
+  dmsGuardVoid("dmsMediaServerCount", [&] {
+    auto *server = static_cast<dmsMediaServer *>(cls);
+    if (change == MHD_CONNECTION_NOTIFY_STARTED) ++server->connections;
+    else if (change == MHD_CONNECTION_NOTIFY_CLOSED) --server->connections;
+  });
+}
+
+void traceLibraryMessage(void * /*cls*/, const char *format, va_list arguments) {
+  dmsGuardVoid("dmsMediaServerLog", [&] {
+    char text[512];
+    std::vsnprintf(text, sizeof text, format, arguments);
+    DMS_TRACE(OSAL_TRACE_WARN, "%s", text);
+  });
+}
+
+MHD_Daemon *startDaemon(dmsMediaServer *server, const sockaddr_in &where, const dmsMediaServerLimits &limits) {
+  const unsigned flags = MHD_USE_INTERNAL_POLLING_THREAD | MHD_USE_EPOLL | MHD_USE_ITC | MHD_USE_ERROR_LOG;
+  server->connectionLimit = limits.connections;
+  return MHD_start_daemon(
+      flags, ntohs(where.sin_port), acceptClient, server, answerRequest, server,
+      MHD_OPTION_EXTERNAL_LOGGER, traceLibraryMessage, nullptr,
+      MHD_OPTION_SOCK_ADDR, &where,
+      MHD_OPTION_NOTIFY_CONNECTION, countConnection, server,
+      MHD_OPTION_CONNECTION_LIMIT, static_cast<unsigned>(limits.connections) + 1,
+      MHD_OPTION_PER_IP_CONNECTION_LIMIT, static_cast<unsigned>(limits.perAddress),
+      MHD_OPTION_CONNECTION_TIMEOUT, static_cast<unsigned>(limits.idleSeconds),
+      MHD_OPTION_END);
+}
+
+}  // namespace
+
+int32_t dmsMediaServerStart(dmsMediaServer **out, const char *address, int32_t port,
+                            dmsContentListInfo *contentList, const dmsMediaServerLimits &limits) {
+  if (out == nullptr || address == nullptr || port < 0 || port > 65535) return DMS_ERR_INVALID_PARAM;
+  sockaddr_in where{};
+  where.sin_family = AF_INET;
+  where.sin_port = htons(static_cast<uint16_t>(port));
+  if (::inet_pton(AF_INET, address, &where.sin_addr) != 1) return DMS_ERR_INVALID_PARAM;
+  return dmsGuard("dmsMediaServerStart", DMS_ERR_NO_MEMORY, [&] {
+    auto server = std::make_unique<dmsMediaServer>();
+    server->contentList = contentList;
+    server->daemon = startDaemon(server.get(), where, limits);
+    if (server->daemon == nullptr) {
+      DMS_TRACE(OSAL_TRACE_ERR, "Media server cannot listen on [%s:%d]\n", address, static_cast<int>(port));
+      return DMS_ERR_FAILURE;
+    }
+    const MHD_DaemonInfo *info = MHD_get_daemon_info(server->daemon, MHD_DAEMON_INFO_BIND_PORT);
+    server->port = info != nullptr ? info->port : port;
+    DMS_TRACE(OSAL_TRACE_INFO, "Media server on [%s:%d]\n", address, static_cast<int>(server->port));
+    *out = server.release();
+    return DMS_SUCCESS;
+  });
+}
+
+int32_t dmsMediaServerPort(const dmsMediaServer *server) { return server == nullptr ? 0 : server->port; }
+
+int32_t dmsMediaServerStop(dmsMediaServer *server) {
+  if (server == nullptr) return DMS_SUCCESS;
+  std::unique_ptr<dmsMediaServer> owned(server);
+  // Closes the listening socket and every connection, paused or half-sent,
+  // and joins the polling thread; responses close their descriptors.
+  if (owned->daemon != nullptr) MHD_stop_daemon(owned->daemon);
+  return DMS_SUCCESS;
+}
