@@ -57,7 +57,7 @@ TEST_F(BrowseTest, MetadataOfRootFolderAndItem) {
       {id("Music"), {{"@parentID", shared_}, {"@childCount", "3"}}},
       {song, {{"@parentID", shared_}, {"upnp:class", "object.item.audioItem.musicTrack"},
               {"res@protocolInfo", "http-get:*:audio/mpeg:DLNA.ORG_PN=MP3;DLNA.ORG_OP=01;DLNA.ORG_CI=0"},
-              {"res@url", "http://127.0.0.1:" + std::to_string(port()) + "/web/" + song + ".mp3"},
+              {"res@url", "http://127.0.0.1:" + std::to_string(server_->mediaPort()) + "/web/" + song + ".mp3"},
               {"res@size", std::to_string(std::filesystem::file_size(fixture(kSong)))},
               {"res@duration", "0:00:01.044"}, {"res@bitrate", "16000"}}},
       {id("Photos/p"), {{"upnp:class", "object.item.imageItem.photo"}, {"res@resolution", "640x480"}}},
