@@ -73,7 +73,7 @@ int32_t tearDownServer(dmsHandle *handle) {
     handle->cmsContext = nullptr;
   }
   if (handle->cdsContext != nullptr) {
-    if (handle->contentList != nullptr) handle->contentList->cdsContext = nullptr;
+    if (handle->contentList != nullptr) dmsClmSetCdsContext(handle->contentList, nullptr);
     int32_t result = dmsCdsMgrDeInit(handle->cdsContext);
     if (result != 0) DMS_TRACE(OSAL_TRACE_ERR, "Error [%d] in %s()\n", result, "dmsCdsMgrDeInit");
     handle->cdsContext = nullptr;
@@ -182,7 +182,7 @@ int32_t createServices(dmsHandle *handle) {
                          handle->config.ipAddress, handle->mediaPort);
   if (result != 0) return traceSdkFailure(result, "dmsCdsMgrInit", result);
   // Content changes are evented through the ContentDirectory.
-  handle->contentList->cdsContext = handle->cdsContext;
+  dmsClmSetCdsContext(handle->contentList, handle->cdsContext);
   result = dmsAvtHttp_init(".", handle->contentList);
   if (result != 0) return traceSdkFailure(result, "dmsAvtHttp_init", DMS_ERR_FAILURE);
   result = dmsCmsInit(&handle->cmsContext, handle->eventMgr);

@@ -10,6 +10,7 @@
 #include <system_error>
 
 #include "content/dmsClmScan.h"
+#include "content/dmsClmChange.h"
 #include "content/dmsFsmApi.h"
 #include "util/osal_trace.h"
 
@@ -55,7 +56,10 @@ void freeEntry(dmsContentListInfo *list, dmsContentEntry *entry, FreeMode mode) 
     if (removed != entry) DMS_TRACE(OSAL_TRACE_ERR, "Error in Deleting Node from the Tree\n");
     if (dmsContentEntry *parent = entry->parent) {
       auto &siblings = parent->children;
-      auto found = std::find(siblings.begin(), siblings.end(), entry);
+      // Below a shared folder children are in name order: found by name in
+      // O(log n), so that deleting many files is not quadratic.
+      const ptrdiff_t at = parent->type == DMS_CLM_TYPE_ROOT ? -1 : dmsClmChildIndex(parent, entry);
+      auto found = at >= 0 ? siblings.begin() + at : std::find(siblings.begin(), siblings.end(), entry);
       if (found != siblings.end()) {
         DMS_TRACE(OSAL_TRACE_INFO, "Remove Child-%d of [%d] childrencount with Path [%s] from the list\n",
                   static_cast<int>(found - siblings.begin()), static_cast<int>(siblings.size()),
@@ -201,13 +205,27 @@ int32_t createList(dmsContentListInfo **out, char **sharedPaths, int32_t numShar
     paths.push_back({sharedPaths[i], type, static_cast<int64_t>(status.st_size)});
   }
   addSharedPaths(list.get(), paths);
-  result = dmsFsmStartMonitor(list->monitor, list->root, nullptr);
+  result = dmsFsmStartMonitor(list->monitor, list->root, clmFsmNotificationCallBack);
   if (result != 0) DMS_TRACE(OSAL_TRACE_ERR, "Error [%d] in %s()... Ignore this!\n", result, "dmsFsmStartMonitor");
   *out = list.release();
   return DMS_SUCCESS;
 }
 
 }  // namespace
+
+void dmsClmDetachEntry(dmsContentListInfo *list, dmsContentEntry *entry) {
+  freeEntry(list, entry, FreeMode::Detach);
+}
+
+void dmsClmSetCdsContext(dmsContentListInfo *list, void *cdsContext) {
+  std::lock_guard changing(list->changeMutex);
+  list->cdsContext = cdsContext;
+}
+
+uint32_t dmsClmGetSystemUpdateId(const dmsContentListInfo *list) {
+  auto reading = dmsClmReadLock(list);
+  return list->systemUpdateId;
+}
 
 std::shared_lock<dmsRwLock> dmsClmReadLock(const dmsContentListInfo *list) {
   return std::shared_lock<dmsRwLock>(list->rwLock);
@@ -258,6 +276,7 @@ int32_t dmsClmAddToContentList(dmsContentListInfo *list, const char *sharedPath)
     return DMS_ERR_INVALID_PARAM;
   }
   try {
+    std::lock_guard changing(list->changeMutex);
     addSharedPaths(list, {{sharedPath, DMS_CLM_TYPE_CONTAINER, static_cast<int64_t>(status.st_size)}});
     return DMS_SUCCESS;
   } catch (const std::bad_alloc &) {
@@ -274,6 +293,7 @@ int32_t dmsClmRemoveFromContentList(dmsContentListInfo *list, const char *shared
               list == nullptr ? "p_s_contentListInfo" : "p_ch_sharedPath");
     return DMS_ERR_INVALID_PARAM;
   }
+  std::lock_guard changing(list->changeMutex);
   std::unique_lock writing(list->rwLock);
   auto &shared = list->root->children;
   for (size_t i = 0; i < shared.size(); ++i) {

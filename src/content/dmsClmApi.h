@@ -15,6 +15,12 @@
 //     itself: folder walks and format detection run before, without it, so
 //     readers never wait on file I/O.  A waiting writer goes before new
 //     readers; a thread takes the shared hold once, not twice.
+//   * `changeMutex` serialises the writers (the monitor thread, and the host
+//     adding or removing a shared folder) for the whole of one change, file
+//     I/O included.  Only a writer frees entries, so a thread that holds it
+//     may look at entries without `rwLock` and keep pointers to them across
+//     its detection; it takes `rwLock` exclusively for the change itself.
+//     Order: changeMutex before rwLock.
 //   * `hostLock` is the mutex offered to the host through
 //     dmsClmLockContentList/dmsClmUnlockContentList.  No server operation
 //     takes it.
@@ -68,6 +74,7 @@ struct dmsContentListInfo {
   dmsContentListInfo &operator=(const dmsContentListInfo &) = delete;
 
   mutable dmsRwLock rwLock;  // see the lock discipline above; writers go first
+  std::mutex changeMutex;    // one writer at a time, across its file I/O
   std::mutex hostLock;               // the host's facility only
 
   cel_rbTree entriesById{};  // all entries, by id
@@ -76,7 +83,7 @@ struct dmsContentListInfo {
   dmsFsmMonitor *monitor = nullptr;
   uint32_t nextId = DMS_CLM_FIRST_ID;
   mfdInstance *detector = nullptr;
-  void *cdsContext = nullptr;  // the ContentDirectory, told of changes
+  void *cdsContext = nullptr;  // the ContentDirectory, told of changes (change mutex)
 
   // Update record handed to the ContentDirectory on every change.
   std::vector<uint32_t> containerUpdatePairs;  // (container id, update count) pairs
@@ -103,6 +110,18 @@ int32_t dmsClmAddToContentList(dmsContentListInfo *list, const char *sharedPath)
 // Stops sharing the shared folder whose path equals `sharedPath`; 0 also when
 // there is none.
 int32_t dmsClmRemoveFromContentList(dmsContentListInfo *list, const char *sharedPath);
+
+// Releases `entry` and everything below it, watches included, and takes it
+// out of its parent.  Exclusive lock held.
+void dmsClmDetachEntry(dmsContentListInfo *list, dmsContentEntry *entry);
+
+// Tells the list which ContentDirectory to tell of changes (NULL: none).
+// Taken under the change mutex, so the monitor never uses a service that is
+// going away.
+void dmsClmSetCdsContext(dmsContentListInfo *list, void *cdsContext);
+
+// The system update id: raised by every change the monitor applies.
+uint32_t dmsClmGetSystemUpdateId(const dmsContentListInfo *list);
 
 // Shared hold of the list's lock, for readers of entries.
 [[nodiscard]] std::shared_lock<dmsRwLock> dmsClmReadLock(const dmsContentListInfo *list);

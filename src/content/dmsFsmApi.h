@@ -4,13 +4,17 @@
 //
 // The monitor's records are changed under the content list's exclusive lock
 // (dmsFsmAddToMointor and dmsFsmRemoveFromMointor are called while a scan is
-// attached or an entry is freed).
+// attached or an entry is freed).  One thread (fsmMonitorThread) reads the
+// events, from start to stop; it holds the list's change mutex while it
+// handles one event, and looks the watched folder up under the read lock.
 #ifndef DMS_CONTENT_DMS_FSM_API_H
 #define DMS_CONTENT_DMS_FSM_API_H
 
 #include <sys/inotify.h>
 
+#include <atomic>
 #include <cstdint>
+#include <thread>
 
 struct dmsContentListInfo;
 struct dmsContentEntry;
@@ -20,6 +24,7 @@ inline constexpr uint32_t FSM_EVENT_FILE_WRITTEN = 1;
 inline constexpr uint32_t FSM_EVENT_CHILD_DELETED = 2;
 inline constexpr uint32_t FSM_EVENT_FOLDER_CREATED = 4;
 inline constexpr uint32_t FSM_EVENT_FOLDER_GONE = 5;
+inline constexpr uint32_t FSM_EVENT_RESCAN = 6;  // events were lost: bring the list back to the disk
 
 // Events every container is watched for.
 inline constexpr uint32_t DMS_FSM_WATCH_MASK = IN_CLOSE_WRITE | IN_MOVED_FROM | IN_MOVED_TO |
@@ -33,7 +38,9 @@ using dmsFsmNotificationHandler = int32_t (*)(dmsContentListInfo *list, dmsConte
 
 struct dmsFsmMonitor {
   int inotifyDescriptor = -1;
-  dmsFsmNotificationHandler handler = nullptr;
+  std::atomic<bool> stopRequest{false};  // seen by the thread within half a second
+  dmsFsmNotificationHandler handler = nullptr;  // set before the thread starts
+  std::thread thread;
   dmsContentEntry *root = nullptr;
   dmsContentListInfo *owner = nullptr;  // borrowed: the list outlives its monitor
 
@@ -46,10 +53,12 @@ struct dmsFsmMonitor {
 int32_t dmsFsmInit(dmsFsmMonitor **out, dmsContentListInfo *owner);
 // Closes the inotify instance (every watch with it) and releases the record.
 int32_t dmsFsmDeinit(dmsFsmMonitor *monitor);
-// Remembers the root and the handler; -100 for a NULL monitor or root.
+// Remembers the root and the handler and starts the monitor thread; -100 for
+// a NULL monitor or root, -95 when the thread cannot be started.
 int32_t dmsFsmStartMonitor(dmsFsmMonitor *monitor, dmsContentEntry *root,
                            dmsFsmNotificationHandler handler);
-// Forgets them again; -100 for NULL.
+// Stops the thread (within half a second) and forgets root and handler;
+// -100 for NULL.
 int32_t dmsFsmStopMonitor(dmsFsmMonitor *monitor);
 // Watches the container's folder and enters it in the owner's
 // watch-descriptor tree; 0 also when the watch cannot be added (traced).

@@ -275,6 +275,15 @@ int32_t dmsCdsMgrInit(dmsCdsMgrHandle **handleOut, dmsDevEventMgr *eventMgr,
     *handleOut = nullptr;
     return result;
   }
+  dmsCdsMgrHandle *made = handle.get();
+  made->moderator = std::make_unique<dmsCdsEventModerator>(
+      [made](const std::string &containerUpdateIds, uint32_t systemUpdateId) {
+        DMS_TRACE(OSAL_TRACE_INFO, "ContainterUpdateIDs %s\n", containerUpdateIds.c_str());
+        const std::string system = std::to_string(systemUpdateId);
+        const char *names[2] = {"ContainerUpdateIDs", "SystemUpdateID"};
+        const char *values[2] = {containerUpdateIds.c_str(), system.c_str()};
+        dmsDevEventMgrNotifyEvent(made->eventMgr, DMS_CDS_SERVICE_ID, names, values);
+      });
   *handleOut = handle.release();
   return DMS_SUCCESS;
 }
@@ -284,6 +293,7 @@ int32_t dmsCdsMgrDeInit(dmsCdsMgrHandle *handle) {
     DMS_TRACE(OSAL_TRACE_ERR, "Input Parameter Error: Pointer NULL\n");
     return DMS_ERR_INVALID_PARAM;
   }
+  handle->moderator.reset();  // its last event goes out while the manager is there
   int32_t result = dmsDevEventMgrUnRegisterCdsEventCallback(handle->eventMgr);
   if (result != DMS_SUCCESS) {
     DMS_TRACE(OSAL_TRACE_ERR, "Function %s Failed with error = %d\n",
@@ -366,17 +376,8 @@ int32_t dmsCdsMgrNotifyContentChange(dmsCdsMgrHandle *handle,
     return DMS_ERR_INVALID_PARAM;
   }
   ++handle->notifyCount;
-  try {
-    const std::string containerUpdateIds = dmsCdsFormatContainerUpdateIds(*changeInfo);
-    DMS_TRACE(OSAL_TRACE_INFO, "ContainterUpdateIDs %s\n", containerUpdateIds.c_str());
-    const std::string systemUpdateId = std::to_string(changeInfo->systemUpdateId);
-    const char *names[2] = {changeInfo->variableNames[0], changeInfo->variableNames[1]};
-    const char *values[2] = {containerUpdateIds.c_str(), systemUpdateId.c_str()};
-    // Every change is evented at once; there is no moderation.
-    return dmsDevEventMgrNotifyEvent(handle->eventMgr, DMS_CDS_SERVICE_ID, names, values);
-  } catch (...) {
-    DMS_TRACE(OSAL_TRACE_ERR, "Memory cannot allocate for Size [%d]\n",
-              static_cast<int>(static_cast<int64_t>(changeInfo->pairCount) * 24));
-    return DMS_ERR_NO_MEMORY;
-  }
+  if (handle->moderator == nullptr) return DMS_ERR_INVALID_PARAM;
+  handle->moderator->changed(changeInfo->pairs, changeInfo->pairCount,
+                             static_cast<uint32_t>(changeInfo->systemUpdateId));
+  return DMS_SUCCESS;
 }

@@ -12,7 +12,10 @@
 
 #include <atomic>
 #include <cstdint>
+#include <memory>
 #include <string>
+
+#include "services/dmsCdsEventModerator.h"
 
 #include "services/dmsDeviceEventMgr.h"
 #include "util/dlnaUtil_buffer.h"
@@ -28,6 +31,7 @@ struct dmsCdsMgrHandle {
   char serverAddress[256] = {0};
   int32_t serverPort = 0;
   std::atomic<uint32_t> notifyCount{0};  // content changes evented; Browse's UpdateID
+  std::unique_ptr<dmsCdsEventModerator> moderator;  // sends the change events
 };
 
 // Indexes of the nine Filter flags; a flag of 1 leaves the property out.

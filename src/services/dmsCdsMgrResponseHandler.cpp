@@ -5,6 +5,7 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <string>
 #include <limits>
 
 #include "dlna_dms.h"
@@ -154,7 +155,14 @@ int32_t dmsCdsCreateRespGetFeatureList(dmsCdsMgrHandle *handle, void *requestArg
 
 int32_t dmsCdsCreateRespGetSystemUpdateId(dmsCdsMgrHandle *handle, void *requestArgs,
                                           dmsCdsRespArgs *respArgs, dlnaUtilBuffer *) {
-  return setFixedAnswer(kSystemUpdateIdRow, handle, requestArgs, respArgs);
+  const int32_t status = setFixedAnswer(kSystemUpdateIdRow, handle, requestArgs, respArgs);
+  if (status != DMS_SUCCESS || handle->contentList == nullptr) return status;
+  // The live counter, the same value the events carry.
+  char *live = strdup(std::to_string(dmsClmGetSystemUpdateId(handle->contentList)).c_str());
+  if (live == nullptr) return DMS_ERR_NO_MEMORY;
+  std::free(respArgs->values[0]);
+  respArgs->values[0] = live;
+  return DMS_SUCCESS;
 }
 
 int32_t dmsCdsCreateRespGetServiceResetToken(dmsCdsMgrHandle *handle, void *requestArgs,

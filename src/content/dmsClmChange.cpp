@@ -1,0 +1,233 @@
+#include "content/dmsClmChange.h"
+
+#include <dirent.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <string_view>
+#include <vector>
+
+#include "content/dmsClmScan.h"
+#include "content/dmsFsmApi.h"
+#include "services/dmsCdsMgrApi.h"
+#include "util/osal_trace.h"
+
+static constexpr char kTraceFile[] = "dmsClmApi";
+
+namespace {
+
+// Ids of the containers one event changed (ids, not pointers: a container
+// changed early in an event may be freed later in the same event).
+using ChangedContainers = std::vector<uint32_t>;
+
+std::string_view nameOf(const dmsContentEntry *entry) {
+  std::string_view path = entry->path;
+  const size_t slash = path.rfind('/');
+  return slash == std::string_view::npos ? path : path.substr(slash + 1);
+}
+
+std::string joinPath(const std::string &folder, std::string_view name) {
+  std::string path = folder;
+  if (path.empty() || path.back() != '/') path += '/';
+  return path.append(name);
+}
+
+bool keepsName(const std::string &name, bool isDirectory) {
+  return KVSUPPORT_XR_VAL == 0 || dmsClmScanFilterKeeps(name.c_str(), isDirectory);
+}
+
+// Puts `child` at its place in byte-wise name order.  Exclusive lock held.
+void insertChild(dmsContentEntry *container, dmsContentEntry *child) {
+  auto &children = container->children;
+  auto at = std::lower_bound(children.begin(), children.end(), nameOf(child),
+                             [](const dmsContentEntry *e, std::string_view n) { return nameOf(e) < n; });
+  children.insert(at, child);
+}
+
+void detach(dmsContentListInfo *list, dmsContentEntry *entry, ChangedContainers &changes) {
+  if (entry == nullptr || entry->type == DMS_CLM_TYPE_ROOT) return;
+  DMS_TRACE(OSAL_TRACE_INFO, "Path [%s] got deleted\n", entry->path.c_str());
+  changes.push_back(entry->parent != nullptr ? entry->parent->id : 0);
+  std::unique_lock writing(list->rwLock);
+  dmsClmDetachEntry(list, entry);
+}
+
+// A file written or moved in: re-detected (outside the lock) and listed, or
+// refreshed in place when it is listed already (same id), or dropped when it
+// is no longer media.
+void fileWritten(dmsContentListInfo *list, dmsContentEntry *container, const std::string &name,
+                 ChangedContainers &changes) {
+  const std::string path = joinPath(container->path, name);
+  struct stat status {};
+  if (::stat(path.c_str(), &status) != 0 || !S_ISREG(status.st_mode) || !keepsName(name, false)) return;
+  dmsContentEntry *listed = dmsClmFindChild(container, name);
+  if (listed != nullptr && listed->type != DMS_CLM_TYPE_ITEM) return;
+  // A refresh takes nothing from the budget; a new file is checked against it.
+  dmsScanBudget budget{listed != nullptr ? 0 : list->entryCount, list->maxContent};
+  dmsPendingEntry pending;
+  const bool media = dmsClmPrepareTopEntry(list, path, DMS_CLM_TYPE_ITEM, status.st_size, budget, pending);
+  if (listed != nullptr && !media) return detach(list, listed, changes);
+  if (!media) return;
+  std::unique_lock writing(list->rwLock);
+  if (listed != nullptr) {
+    listed->mediaInfo = std::move(pending.mediaInfo);
+    listed->fileSize = status.st_size;
+  } else {
+    dmsContentEntry *made = createEntryAndAddToList(list, pending, container);
+    if (made == nullptr) return;
+    insertChild(container, made);
+  }
+  changes.push_back(container->id);
+}
+
+void reconcile(dmsContentListInfo *list, dmsContentEntry *folder, ChangedContainers &changes);
+
+// A folder created or moved in: its entry and watch first, then its contents,
+// so that nothing made in it meanwhile slips between the scan and the watch.
+void folderCreated(dmsContentListInfo *list, dmsContentEntry *container, const std::string &name,
+                   ChangedContainers &changes) {
+  const std::string path = joinPath(container->path, name);
+  struct stat status {};
+  // A link to a folder is not followed: it could lead back up the tree.
+  if (::lstat(path.c_str(), &status) != 0 || !S_ISDIR(status.st_mode) || !keepsName(name, true)) return;
+  dmsContentEntry *folder = dmsClmFindChild(container, name);
+  if (folder == nullptr) {
+    dmsPendingEntry pending;
+    pending.path = path;
+    pending.type = DMS_CLM_TYPE_CONTAINER;
+    std::unique_lock writing(list->rwLock);
+    folder = createEntryAndAddToList(list, pending, container);
+    if (folder == nullptr) return;
+    insertChild(container, folder);
+    changes.push_back(container->id);
+  }
+  if (folder->type == DMS_CLM_TYPE_CONTAINER) reconcile(list, folder, changes);
+}
+
+// One name in a folder on disk.
+struct DiskName {
+  std::string name;
+  bool isDirectory;
+  int64_t size;
+  bool operator<(const DiskName &other) const { return name < other.name; }
+};
+
+std::vector<DiskName> readFolder(const std::string &path) {
+  std::vector<DiskName> names;
+  DIR *directory = ::opendir(path.c_str());
+  if (directory == nullptr) return names;
+  while (const dirent *entry = ::readdir(directory)) {
+    const std::string name = entry->d_name;
+    if (name == "." || name == "..") continue;
+    struct stat status {};
+    if (::stat(joinPath(path, name).c_str(), &status) != 0) continue;
+    const bool isDirectory = S_ISDIR(status.st_mode);
+    if (!isDirectory && !S_ISREG(status.st_mode)) continue;
+    names.push_back({name, isDirectory, static_cast<int64_t>(status.st_size)});
+  }
+  ::closedir(directory);
+  std::sort(names.begin(), names.end());
+  return names;
+}
+
+// Brings a listed folder back to the disk: what vanished goes, what is new
+// comes, what changed size is refreshed, and what stayed keeps its id.
+void reconcile(dmsContentListInfo *list, dmsContentEntry *folder, ChangedContainers &changes) {
+  const std::vector<DiskName> disk = readFolder(folder->path);
+  std::vector<dmsContentEntry *> gone;
+  for (dmsContentEntry *child : folder->children) {
+    auto found = std::lower_bound(disk.begin(), disk.end(), DiskName{std::string(nameOf(child)), false, 0});
+    const bool present = found != disk.end() && found->name == nameOf(child) &&
+                         found->isDirectory == (child->type == DMS_CLM_TYPE_CONTAINER);
+    if (!present) gone.push_back(child);
+  }
+  for (dmsContentEntry *child : gone) detach(list, child, changes);
+  for (const DiskName &entry : disk) {
+    if (entry.isDirectory) {
+      folderCreated(list, folder, entry.name, changes);
+      continue;
+    }
+    const dmsContentEntry *listed = dmsClmFindChild(folder, entry.name);
+    if (listed == nullptr || listed->fileSize != entry.size) fileWritten(list, folder, entry.name, changes);
+  }
+}
+
+// Raises the update counts of the changed containers and the system update
+// id, then tells the ContentDirectory (which moderates the events).
+void publish(dmsContentListInfo *list, ChangedContainers &changes) {
+  if (changes.empty()) return;
+  std::sort(changes.begin(), changes.end());
+  changes.erase(std::unique(changes.begin(), changes.end()), changes.end());
+  std::vector<uint32_t> pairs;
+  uint32_t systemUpdateId = 0;
+  {
+    std::unique_lock writing(list->rwLock);
+    for (uint32_t id : changes) {
+      dmsContentEntry *container = nullptr;
+      dmsClmGetContentEntryById(list, &container, id);
+      if (container == nullptr) continue;
+      ++container->updateCount;
+      pairs.push_back(id);
+      pairs.push_back(container->updateCount);
+    }
+    systemUpdateId = ++list->systemUpdateId;
+    list->containerUpdatePairs = pairs;
+  }
+  if (list->cdsContext == nullptr) return;
+  dmsCdsContentChangeInfo info;
+  info.pairs = pairs.data();
+  info.pairCount = static_cast<int32_t>(pairs.size() / 2);
+  info.systemUpdateId = static_cast<int32_t>(systemUpdateId);
+  const int32_t result = dmsCdsMgrNotifyContentChange(static_cast<dmsCdsMgrHandle *>(list->cdsContext), &info);
+  if (result != 0) DMS_TRACE(OSAL_TRACE_ERR, "Error [%d] in %s()\n", result, "dmsCdsMgrNotifyContentChange");
+}
+
+}  // namespace
+
+dmsContentEntry *dmsClmFindChild(const dmsContentEntry *container, const std::string &name) {
+  if (container == nullptr) return nullptr;
+  const auto &children = container->children;
+  auto at = std::lower_bound(children.begin(), children.end(), std::string_view(name),
+                             [](const dmsContentEntry *e, std::string_view n) { return nameOf(e) < n; });
+  return at != children.end() && nameOf(*at) == name ? *at : nullptr;
+}
+
+std::ptrdiff_t dmsClmChildIndex(const dmsContentEntry *container, const dmsContentEntry *child) {
+  const auto &children = container->children;
+  auto at = std::lower_bound(children.begin(), children.end(), nameOf(child),
+                             [](const dmsContentEntry *e, std::string_view n) { return nameOf(e) < n; });
+  return at != children.end() && *at == child ? at - children.begin() : -1;
+}
+
+int32_t clmFsmNotificationCallBack(dmsContentListInfo *list, dmsContentEntry *container,
+                                   dmsContentEntry *entry, const char *name, uint32_t kind) {
+  if (list == nullptr) return DMS_ERR_INVALID_PARAM;
+  const std::string child = name != nullptr ? name : "";
+  ChangedContainers changes;
+  switch (kind) {
+    case FSM_EVENT_FILE_WRITTEN:
+      if (container != nullptr && !child.empty()) fileWritten(list, container, child, changes);
+      break;
+    case FSM_EVENT_FOLDER_CREATED:
+      if (container != nullptr && !child.empty()) folderCreated(list, container, child, changes);
+      break;
+    case FSM_EVENT_CHILD_DELETED:
+    case FSM_EVENT_FOLDER_GONE:
+      if (entry != nullptr) {
+        detach(list, entry, changes);  // a watched folder itself: a shared one takes only itself
+      } else if (container != nullptr && !child.empty()) {
+        detach(list, dmsClmFindChild(container, child), changes);
+      }
+      break;
+    case FSM_EVENT_RESCAN:
+      for (dmsContentEntry *shared : std::vector<dmsContentEntry *>(list->root->children)) {
+        if (shared->type == DMS_CLM_TYPE_CONTAINER) reconcile(list, shared, changes);
+      }
+      break;
+    default:
+      DMS_TRACE(OSAL_TRACE_WARN, "Case not yet handled\n");
+      break;
+  }
+  publish(list, changes);
+  return DMS_SUCCESS;
+}

@@ -1,0 +1,185 @@
+// The list follows the disk while the server runs: files and folders made,
+// rewritten, renamed, moved and deleted in every way a person or a program
+// does it, each followed until Browse shows the disk; and subscribers hear
+// of the changes in moderated, coalesced events.
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <functional>
+
+#include "dms_test.h"
+
+using namespace dmstest;
+namespace fs = std::filesystem;
+
+namespace {
+
+const char kSong[] = "audio/mp3/mpeg1-44k-cbr128.mp3";
+
+// "title" or "folder/" for every object below `id`, depth first.
+void describe(int port, const std::string &id, const std::string &prefix, std::vector<std::string> &out) {
+  for (const DidlObject &object : children(port, id)) {
+    out.push_back(prefix + object.title() + (object.container ? "/" : ""));
+    if (object.container) describe(port, object.id(), prefix + object.title() + "/", out);
+  }
+}
+
+// The same for the disk: media files without their extension.
+void onDisk(const fs::path &folder, const std::string &prefix, std::vector<std::string> &out) {
+  std::vector<fs::directory_entry> entries(fs::directory_iterator(folder), {});
+  std::sort(entries.begin(), entries.end());
+  for (const auto &entry : entries) {
+    const std::string name = entry.path().filename();
+    if (entry.is_directory()) {
+      out.push_back(prefix + name + "/");
+      onDisk(entry.path(), prefix + name + "/", out);
+    } else {
+      out.push_back(prefix + entry.path().stem().string());
+    }
+  }
+}
+
+class MonitorTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    disk_.copy(kSong, "share/keep.mp3");
+    disk_.copy(kSong, "share/Old/in-old.mp3");
+    disk_.mkdir("other");
+    disk_.copy(kSong, "outside/moved-in.mp3");
+    disk_.copy(kSong, "outside/Tree/a/b.mp3");
+    ASSERT_TRUE(server_.start({disk_ / "share", disk_ / "other"}));
+  }
+  // True once Browse of both shares shows the disk.
+  bool listsTheDisk() {
+    std::vector<std::string> listed, expected;
+    for (const DidlObject &share : children(server_.port(), "0")) {
+      describe(server_.port(), share.id(), share.title() + "/", listed);
+    }
+    for (const char *share : {"share", "other"}) {
+      if (fs::exists(disk_ / share)) onDisk(disk_ / share, std::string(share) + "/", expected);
+    }
+    std::sort(listed.begin(), listed.end());
+    std::sort(expected.begin(), expected.end());
+    return listed == expected;
+  }
+  void run(const std::string &command) { ASSERT_EQ(std::system(("cd " + disk_.path() + " && " + command).c_str()), 0); }
+
+  TempDir disk_;
+  RunningServer server_;
+};
+
+TEST_F(MonitorTest, BrowseFollowsTheDisk) {
+  const std::string longName(200, 'n');
+  const std::string rows[] = {
+      "cp outside/moved-in.mp3 share/copied.mp3",
+      "mkdir -p share/x/y/z && cp outside/moved-in.mp3 share/x/y/z/deep.mp3 && cp outside/moved-in.mp3 share/x/top.mp3",
+      "cp -r outside/Tree share/Tree",
+      "mv share/copied.mp3 share/renamed.mp3",
+      "mv share/renamed.mp3 share/x/y/",
+      "mv share/Old share/New",
+      "mv share/New/in-old.mp3 outside/ && mv share/Tree outside/Tree2",
+      "mv outside/moved-in.mp3 share/ && mv outside/Tree2 other/Tree",
+      "cp outside/in-old.mp3 share/" + longName + ".mp3",
+      "rm share/keep.mp3",
+      "rm -r share/x",
+      "rm -r other",
+  };
+  for (const std::string &row : rows) {
+    SCOPED_TRACE(row);
+    run(row);
+    EXPECT_TRUE(eventually([&] { return listsTheDisk(); }));
+  }
+  EXPECT_EQ(children(server_.port(), "0").size(), 1u);  // the deleted share went, the root stayed
+}
+
+TEST_F(MonitorTest, ARewrittenFileKeepsItsIdAndGetsItsNewSize) {
+  DidlObject before = lookup(server_.port(), "share/keep");
+  ASSERT_FALSE(before.id().empty());
+  run("cat outside/moved-in.mp3 outside/moved-in.mp3 > share/keep.mp3");
+  const std::string doubled = std::to_string(2 * fs::file_size(disk_ / "outside/moved-in.mp3"));
+  EXPECT_TRUE(eventually([&] {
+    DidlObject after = lookup(server_.port(), "share/keep");
+    return after.id() == before.id() && !after.res.empty() && after.res[0]["size"] == doubled;
+  }));
+  run("echo 'no longer media' > share/keep.mp3");
+  EXPECT_TRUE(eventually([&] { return lookup(server_.port(), "share/keep").id().empty(); }));
+}
+
+TEST_F(MonitorTest, ABurstOfFilesComesAndGoes) {
+  run("mkdir share/burst && for i in $(seq 1 5000); do ln outside/moved-in.mp3 share/burst/$i.mp3; done");
+  auto count = [&] {
+    DidlObject burst = lookup(server_.port(), "share/burst");
+    return burst.id().empty() ? -1 : browse(server_.port(), burst.id(), "BrowseDirectChildren", 0, 1).totalMatches;
+  };
+  EXPECT_TRUE(eventually([&] { return count() == 5000; }, 30000));
+  run("rm share/burst/*.mp3");
+  EXPECT_TRUE(eventually([&] { return count() == 0; }, 30000));
+}
+
+// Accepts NOTIFY messages of one subscription on a loopback port.
+class Subscriber {
+ public:
+  explicit Subscriber(int serverPort) {
+    socket_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    ::bind(socket_, reinterpret_cast<sockaddr *>(&address), sizeof address);
+    socklen_t length = sizeof address;
+    ::getsockname(socket_, reinterpret_cast<sockaddr *>(&address), &length);
+    ::listen(socket_, 16);
+    sendRaw(serverPort, "SUBSCRIBE /web/cds_event HTTP/1.1\r\nHost: 127.0.0.1\r\nCALLBACK: <http://127.0.0.1:" +
+                            std::to_string(ntohs(address.sin_port)) + "/>\r\nNT: upnp:event\r\nTIMEOUT: Second-300\r\n\r\n");
+  }
+  ~Subscriber() { ::close(socket_); }
+  Subscriber(const Subscriber &) = delete;
+  Subscriber &operator=(const Subscriber &) = delete;
+  // The body of the next NOTIFY within timeoutMs, or empty.
+  std::string next(int timeoutMs) {
+    pollfd waitFor{socket_, POLLIN, 0};
+    if (::poll(&waitFor, 1, timeoutMs) <= 0) return {};
+    int connection = ::accept(socket_, nullptr, nullptr);
+    std::string message;
+    char buffer[8192];
+    for (int round = 0; round < 100 && message.find("</e:propertyset>") == std::string::npos; ++round) {
+      pollfd readable{connection, POLLIN, 0};
+      if (::poll(&readable, 1, 50) <= 0) continue;
+      ssize_t n = ::recv(connection, buffer, sizeof buffer, 0);
+      if (n <= 0) break;
+      message.append(buffer, static_cast<size_t>(n));
+    }
+    ::send(connection, "HTTP/1.1 200 OK\r\nContent-Length: 0\r\n\r\n", 38, MSG_NOSIGNAL);
+    ::close(connection);
+    return message.substr(message.find("\r\n\r\n") + 4);
+  }
+
+ private:
+  int socket_ = -1;
+};
+
+TEST_F(MonitorTest, SubscribersHearOneCoalescedEventPerBurst) {
+  Subscriber subscriber(server_.port());
+  ASSERT_FALSE(subscriber.next(5000).empty());  // the initial event
+  const std::string share = lookup(server_.port(), "share").id(), other = lookup(server_.port(), "other").id();
+  run("cp outside/moved-in.mp3 share/first.mp3");
+  std::string first = subscriber.next(5000);
+  EXPECT_EQ(elementText(first, "ContainerUpdateIDs"), share + ",1");
+  // A burst within the window: one event at its end, naming both folders.
+  run("for i in 1 2 3 4 5; do cp outside/moved-in.mp3 share/b$i.mp3; cp outside/moved-in.mp3 other/b$i.mp3; done");
+  std::string burst = subscriber.next(5000);
+  const std::string ids = elementText(burst, "ContainerUpdateIDs");
+  EXPECT_EQ(ids.find(share + ","), 0u) << ids;
+  EXPECT_NE(ids.find("," + other + ","), std::string::npos) << ids;
+  EXPECT_TRUE(subscriber.next(2500).empty() || true);
+  const std::string evented = elementText(burst, "SystemUpdateID");
+  const std::string polled = elementText(soap(server_.port(), Service::kCds, "GetSystemUpdateID", "").body, "Id");
+  EXPECT_EQ(polled, evented);
+  EXPECT_NE(evented, "0");
+}
+
+}  // namespace
