@@ -15,6 +15,7 @@
 #include <new>
 #include <string>
 
+#include "content/dmsClmApi.h"
 #include "dlna_dms.h"
 #include "util/dlnaUtil_xmlParser.h"
 #include "util/dmsErrors.h"
@@ -76,9 +77,9 @@ static const dmsCdsMgrAction gsa_s_dmsCdsMgrActionList[] = {
     {"Search",                  untypedAnalyze<dmsCdsAnalyzeReqSearch>,   dmsCdsCreateRespSearch,                untypedRelease<dmsCdsReleaseReqArgsSearch>},
 };
 
-// Initial values for subscribers and answers to state variable queries.  The
-// values never change: content changes are evented, not stored here, so
-// SystemUpdateID always reads "0".  The last row ends the table.
+// Initial values for subscribers and answers to state variable queries;
+// SystemUpdateID is answered from the live counter instead of its row.  The
+// last row ends the table.
 static const dmsStateVarPair gsa_s_dmsCdsMgrStateVarList[] = {
     // name                    value
     {"ContainerUpdateIDs",     ""},
@@ -213,7 +214,7 @@ int32_t handleActionRequest(UpnpActionRequest *actionRequest, dmsCdsMgrHandle *h
   return runAction(handle, actionRequest, *action);
 }
 
-int32_t answerStateVarQuery(UpnpStateVarRequest *stateVarRequest) {
+int32_t answerStateVarQuery(const dmsCdsMgrHandle *handle, UpnpStateVarRequest *stateVarRequest) {
   const char *serviceId = UpnpStateVarRequest_get_ServiceID_cstr(stateVarRequest);
   if (serviceId == nullptr || std::strcmp(serviceId, DMS_CDS_SERVICE_ID) != 0) {
     DMS_TRACE(OSAL_TRACE_ERR,
@@ -225,9 +226,10 @@ int32_t answerStateVarQuery(UpnpStateVarRequest *stateVarRequest) {
   for (const dmsStateVarPair *row = gsa_s_dmsCdsMgrStateVarList;
        name != nullptr && row->name != nullptr; ++row) {
     if (std::strcmp(row->name, name) != 0) continue;
+    const std::string live = std::strcmp(name, "SystemUpdateID") == 0 ? dmsCdsMgrSystemUpdateIdText(handle) : "";
+    const char *value = live.empty() ? row->value : live.c_str();
     // The SDK keeps its own DOM string copy and frees it after the reply.
-    if (row->value != nullptr && UpnpStateVarRequest_set_CurrentVal(stateVarRequest,
-                                                                    row->value) == 0) {
+    if (value != nullptr && UpnpStateVarRequest_set_CurrentVal(stateVarRequest, value) == 0) {
       DMS_TRACE(OSAL_TRACE_ERR, "Function %s Failed with error = %d\n", "ixmlCloneDOMString",
                 DMS_ERR_NO_MEMORY);
       return DMS_ERR_NO_MEMORY;
@@ -242,6 +244,11 @@ int32_t answerStateVarQuery(UpnpStateVarRequest *stateVarRequest) {
 }  // namespace
 
 const dmsStateVarPair *dmsCdsMgrGetStateVarListInfo() { return gsa_s_dmsCdsMgrStateVarList; }
+
+std::string dmsCdsMgrSystemUpdateIdText(const dmsCdsMgrHandle *handle) {
+  if (handle == nullptr || handle->contentList == nullptr) return "0";
+  return std::to_string(dmsClmGetSystemUpdateId(handle->contentList));
+}
 
 int32_t dmsCdsMgrInit(dmsCdsMgrHandle **handleOut, dmsDevEventMgr *eventMgr,
                       dmsContentListInfo *contentList, const char *serverAddress,
@@ -328,14 +335,14 @@ int32_t dmsCdsMgrActionRequestCbf(void *actionRequest, void *handle) {
 }
 
 int32_t dmsCdsMgrStateVariableRequestCbf(void *stateVarRequest, void *handle) {
-  // The event manager passes the ConnectionManager's context here: it is only
-  // checked, never used.
+  // `handle` is this service's record (for the live SystemUpdateID).
   if (stateVarRequest == nullptr || handle == nullptr) {
     DMS_TRACE(OSAL_TRACE_ERR, "Input Parameter Error: Pointer NULL\n");
     return DMS_ERR_INVALID_PARAM;
   }
   try {
-    return answerStateVarQuery(static_cast<UpnpStateVarRequest *>(stateVarRequest));
+    return answerStateVarQuery(static_cast<const dmsCdsMgrHandle *>(handle),
+                               static_cast<UpnpStateVarRequest *>(stateVarRequest));
   } catch (...) {
     DMS_TRACE(OSAL_TRACE_ERR, "Error [%d] in %s()\n", DMS_ERR_FAILURE, "answerStateVarQuery");
     return DMS_ERR_FAILURE;

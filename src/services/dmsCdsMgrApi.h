@@ -98,6 +98,9 @@ int32_t dmsCdsMgrInit(dmsCdsMgrHandle **handleOut, dmsDevEventMgr *eventMgr,
                       int32_t serverPort);
 int32_t dmsCdsMgrDeInit(dmsCdsMgrHandle *handle);
 
+// The live SystemUpdateID as text ("0" before any change).
+std::string dmsCdsMgrSystemUpdateIdText(const dmsCdsMgrHandle *handle);
+
 // The two callbacks registered with the event manager (context: the handle).
 int32_t dmsCdsMgrActionRequestCbf(void *actionRequest, void *handle);
 int32_t dmsCdsMgrStateVariableRequestCbf(void *stateVarRequest, void *handle);

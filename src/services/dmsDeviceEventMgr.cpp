@@ -1,6 +1,8 @@
 // Device event manager: routes the SDK's device events to the services.
 #include "services/dmsDeviceEventMgr.h"
 
+#include "services/dmsCdsMgrApi.h"
+
 #include <atomic>
 #include <cstring>
 #include <memory>
@@ -143,9 +145,9 @@ int32_t processStateVarRequest(dmsDevEventMgr *mgr, UpnpStateVarRequest *request
     return DMS_SUCCESS;
   }
   if (callback == nullptr) return DMS_SUCCESS;
-  // Both services get the ConnectionManager's context: the ContentDirectory's
-  // query callback works without one.
-  return callback(request, mgr->cmsContext);
+  // Each service gets its own context: the ContentDirectory answers
+  // SystemUpdateID from its live counter.
+  return callback(request, callback == mgr->cdsStateVarCallback ? mgr->cdsContext : mgr->cmsContext);
 }
 
 const dmsStateVarPair *stateVariablesOf(const char *serviceId) {
@@ -167,9 +169,14 @@ int32_t processSubscriptionRequest(dmsDevEventMgr *mgr, const UpnpSubscriptionRe
 
   std::vector<const char *> names;
   std::vector<const char *> values;
+  // A new subscriber hears the live SystemUpdateID, as the events carry it.
+  const bool contentDirectory = std::strcmp(serviceId, DMS_CDS_SERVICE_ID) == 0 && mgr->cdsContext != nullptr;
+  const std::string systemUpdateId =
+      contentDirectory ? dmsCdsMgrSystemUpdateIdText(static_cast<dmsCdsMgrHandle *>(mgr->cdsContext)) : "";
   for (const dmsStateVarPair *row = table; row->name != nullptr; ++row) {
     names.push_back(row->name);
-    values.push_back(row->value);
+    const bool live = contentDirectory && std::strcmp(row->name, "SystemUpdateID") == 0;
+    values.push_back(live ? systemUpdateId.c_str() : row->value);
   }
   // A service without variables is accepted with an empty property set.
   PropertySet propertySet;
