@@ -55,4 +55,20 @@ TEST(ContentProbe, Dump) {
   show("malformed", sendRaw(p, "POST /web/cds_control HTTP/1.1\r\nHost: 127.0.0.1\r\nContent-Type: text/xml\r\nSOAPACTION: \"urn:schemas-upnp-org:service:ContentDirectory:1#Browse\"\r\nContent-Length: 20\r\nConnection: close\r\n\r\n<s:Envelope><s:Body>"));
   show("notxml", sendRaw(p, "POST /web/cds_control HTTP/1.1\r\nHost: 127.0.0.1\r\nContent-Type: text/xml\r\nSOAPACTION: \"urn:schemas-upnp-org:service:ContentDirectory:1#Browse\"\r\nContent-Length: 5\r\nConnection: close\r\n\r\nhello"));
   show("mismatched action", sendRaw(p, "POST /web/cds_control HTTP/1.1\r\nHost: 127.0.0.1\r\nContent-Type: text/xml\r\nSOAPACTION: \"urn:schemas-upnp-org:service:ContentDirectory:1#Search\"\r\nContent-Length: 5\r\nConnection: close\r\n\r\nhello"));
+
+  for (std::string f : {"@searchable", "@searchState", "@childCount", "", "res", "upnp:creator", "dc:creator"}) {
+    CdsAnswer a = browse(p, "1003", "BrowseMetadata", 0, 0, f);
+    CdsAnswer b = browse(p, "1010", "BrowseMetadata", 0, 0, f);
+    std::cout << "FILTER [" << f << "] " << a.result << "\n   " << b.result << "\n";
+  }
+  for (std::string id : {"0", "1001", "1011", "1012", "1008"}) std::cout << "META " << browse(p, id, "BrowseMetadata").result << "\n";
+  std::cout << "SEARCHPCM " << search(p, "0", "dc:title contains \"music\"").result << "\n";
+  for (std::string c : {"res@protocolInfo contains \"image\"", "dc:creator contains \"Nobody\"", "upnp:class derivedfrom \"object.item.videoItem\"", "dc:title contains \"\"", "and dc:title = \"a\"", "dc:title = \"a\" and", "dc:title contains \"b\" and dc:title contains \"x\" or dc:title = \"c\""}) {
+    CdsAnswer a = search(p, "0", c);
+    std::cout << "SEARCH [" << c << "] " << a.status << " " << a.errorCode << " n=" << a.numberReturned << " t=" << a.totalMatches << ":";
+    for (auto &o : a.objects) std::cout << " " << o.title();
+    std::cout << "\n";
+  }
+  show("sysupd2", soap(p, Service::kCds, "GetSystemUpdateID", ""));
+  std::cout << "UPD " << browse(p, "0", "BrowseMetadata").updateId << "\n";
 }

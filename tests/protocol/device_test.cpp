@@ -202,64 +202,15 @@ TEST_F(DeviceTest, MalformedRequestsGetAnAnswerAndTheServerGoesOn) {
   }
 }
 
-// Accepts NOTIFY messages on a loopback port.
-class EventListener {
- public:
-  EventListener() {
-    socket_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    ::bind(socket_, reinterpret_cast<sockaddr *>(&address), sizeof address);
-    socklen_t length = sizeof address;
-    ::getsockname(socket_, reinterpret_cast<sockaddr *>(&address), &length);
-    port_ = ntohs(address.sin_port);
-    ::listen(socket_, 16);
-  }
-  ~EventListener() { ::close(socket_); }
-  EventListener(const EventListener &) = delete;
-  EventListener &operator=(const EventListener &) = delete;
-  int port() const { return port_; }
-
-  // The next NOTIFY received within timeoutMs (answered 200), or empty.
-  std::string next(int timeoutMs) {
-    pollfd waitFor{socket_, POLLIN, 0};
-    if (::poll(&waitFor, 1, timeoutMs) <= 0) return {};
-    int connection = ::accept(socket_, nullptr, nullptr);
-    std::string message;
-    char buffer[8192];
-    for (int rounds = 0; rounds < timeoutMs / 50 && message.find("</e:propertyset>") == std::string::npos;
-         ++rounds) {
-      pollfd readable{connection, POLLIN, 0};
-      if (::poll(&readable, 1, 50) <= 0) continue;
-      ssize_t n = ::recv(connection, buffer, sizeof buffer, 0);
-      if (n <= 0) break;
-      message.append(buffer, static_cast<size_t>(n));
-    }
-    const char ok[] = "HTTP/1.1 200 OK\r\nContent-Length: 0\r\n\r\n";
-    ::send(connection, ok, sizeof ok - 1, MSG_NOSIGNAL);
-    ::close(connection);
-    return message;
-  }
-
- private:
-  int socket_ = -1;
-  int port_ = 0;
-};
-
 TEST_F(DeviceTest, SubscribersReceiveTheInitialEventOfEachService) {
   const std::pair<const char *, const char *> services[] = {
       {"/web/cms_event", "CurrentConnectionIDs"}, {"/web/cds_event", "SystemUpdateID"}};
   for (const auto &[path, variable] : services) {
-    EventListener listener;
-    HttpResponse response = sendRaw(
-        port(), std::string("SUBSCRIBE ") + path + " HTTP/1.1\r\nHost: 127.0.0.1:" +
-                    std::to_string(port()) + "\r\nCALLBACK: <http://127.0.0.1:" +
-                    std::to_string(listener.port()) + "/notify>\r\nNT: upnp:event\r\n"
-                    "TIMEOUT: Second-300\r\n\r\n");
+    Subscriber subscriber(port(), path);
+    const HttpResponse &response = subscriber.subscription();
     ASSERT_EQ(response.status, 200) << path;
     EXPECT_EQ(response.header("sid").rfind("uuid:", 0), 0u);
-    std::string notify = listener.next(5000);
+    std::string notify = subscriber.next(5000);
     EXPECT_NE(notify.find("SEQ: 0"), std::string::npos) << notify;
     EXPECT_NE(notify.find(variable), std::string::npos) << notify;
   }

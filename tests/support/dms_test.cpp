@@ -381,6 +381,44 @@ DidlObject lookup(int port, const std::string &titles) {
   return found;
 }
 
+// ---- GENA ---------------------------------------------------------------------
+
+Subscriber::Subscriber(int serverPort, const std::string &eventPath) {
+  socket_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  ::bind(socket_, reinterpret_cast<sockaddr *>(&address), sizeof address);
+  socklen_t length = sizeof address;
+  ::getsockname(socket_, reinterpret_cast<sockaddr *>(&address), &length);
+  ::listen(socket_, 16);
+  subscription_ = sendRaw(serverPort, "SUBSCRIBE " + eventPath + " HTTP/1.1\r\nHost: 127.0.0.1:" +
+                                          std::to_string(serverPort) + "\r\nCALLBACK: <http://127.0.0.1:" +
+                                          std::to_string(ntohs(address.sin_port)) +
+                                          "/notify>\r\nNT: upnp:event\r\nTIMEOUT: Second-300\r\n\r\n");
+}
+
+Subscriber::~Subscriber() { ::close(socket_); }
+
+std::string Subscriber::next(int timeoutMs) {
+  pollfd waitFor{socket_, POLLIN, 0};
+  if (::poll(&waitFor, 1, timeoutMs) <= 0) return {};
+  int connection = ::accept(socket_, nullptr, nullptr);
+  std::string message;
+  char buffer[8192];
+  for (int round = 0; round < 100 && message.find("</e:propertyset>") == std::string::npos; ++round) {
+    pollfd readable{connection, POLLIN, 0};
+    if (::poll(&readable, 1, 50) <= 0) continue;
+    ssize_t n = ::recv(connection, buffer, sizeof buffer, 0);
+    if (n <= 0) break;
+    message.append(buffer, static_cast<size_t>(n));
+  }
+  const char ok[] = "HTTP/1.1 200 OK\r\nContent-Length: 0\r\n\r\n";
+  ::send(connection, ok, sizeof ok - 1, MSG_NOSIGNAL);
+  ::close(connection);
+  return message;
+}
+
 // ---- a running server ------------------------------------------------------
 
 bool RunningServer::start(const std::vector<std::string> &folders, const std::string &name,

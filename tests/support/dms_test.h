@@ -149,6 +149,26 @@ std::vector<DidlObject> children(int port, const std::string &id);
 // when absent.
 DidlObject lookup(int port, const std::string &titles);
 
+// ---- GENA ---------------------------------------------------------------------
+
+// A subscriber on a loopback port: subscribes to `eventPath` of the server
+// and receives its NOTIFY messages.
+class Subscriber {
+ public:
+  Subscriber(int serverPort, const std::string &eventPath);
+  ~Subscriber();
+  Subscriber(const Subscriber &) = delete;
+  Subscriber &operator=(const Subscriber &) = delete;
+  const HttpResponse &subscription() const { return subscription_; }  // the SUBSCRIBE answer
+  // The next NOTIFY (headers and body) within timeoutMs, answered 200; empty
+  // when none came.
+  std::string next(int timeoutMs);
+
+ private:
+  int socket_ = -1;
+  HttpResponse subscription_;
+};
+
 // ---- a running server ------------------------------------------------------
 
 inline constexpr int kPort = 49300;
