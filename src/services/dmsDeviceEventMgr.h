@@ -15,6 +15,7 @@
 #ifndef DMS_SERVICES_DMSDEVICEEVENTMGR_H
 #define DMS_SERVICES_DMSDEVICEEVENTMGR_H
 
+#include <atomic>
 #include <cstdint>
 
 #include <upnp.h>
@@ -42,7 +43,9 @@ inline constexpr char DMS_MSMRS_SERVICE_ID[] =
 // dmsDevEventMgrDeInit.
 struct dmsDevEventMgr {
   int32_t instanceId;                // informational: 0, 1, 2 ... per init
-  UpnpDevice_Handle deviceHandle;    // the SDK's root-device handle
+  // The SDK's root-device handle: set by the host thread at start, read by
+  // whichever thread sends an event (the ContentDirectory's moderator).
+  std::atomic<UpnpDevice_Handle> deviceHandle{-1};
   const char *udn;                   // bare UUID, no "uuid:" prefix; not owned
   void *cmsContext;                  // ConnectionManager service context
   void *cdsContext;                  // ContentDirectory service context
