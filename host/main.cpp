@@ -54,10 +54,15 @@ std::string firstNetworkAddress() {
   return found;
 }
 
-// True when nothing listens on address:port yet.
+// True when nothing listens on address:port yet.  The probe may share the
+// port with sockets in TIME_WAIT (the last answers of a server that just
+// stopped): only a real listener makes the port busy, so a restart works at
+// once.
 bool portIsFree(const std::string &address, int port) {
   int probe = ::socket(AF_INET, SOCK_STREAM, 0);
   if (probe < 0) return true;
+  const int reuse = 1;
+  ::setsockopt(probe, SOL_SOCKET, SO_REUSEADDR, &reuse, sizeof reuse);
   sockaddr_in where{};
   where.sin_family = AF_INET;
   where.sin_port = htons(static_cast<uint16_t>(port));

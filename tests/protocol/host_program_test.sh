@@ -50,6 +50,18 @@ found=$(timeout 10 gssdp-discover -i lo -n 3 -t urn:schemas-upnp-org:device:Medi
 check "gssdp-discover finds the device on lo" \
   sh -c "printf '%s' \"\$0\" | grep -q '127.0.0.1:$port/description.xml'" "$found"
 
+# Stop, then start again on the same port at once, twice: the last answers'
+# TIME_WAIT sockets do not make the port look busy.
+restart_port=$((port + 20))
+for round in 1 2 3; do
+  "$program" --address 127.0.0.1 --port $restart_port --www "$www" "$folder" >"$log" 2>&1 &
+  again=$!
+  for _ in $(seq 50); do grep -q 'description.xml' "$log" && break; sleep 0.1; done
+  curl -s -o /dev/null "http://127.0.0.1:$restart_port/description.xml"
+  check "start $round on the same port" grep -q "127.0.0.1:$restart_port/description.xml" "$log"
+  kill -TERM $again; wait $again
+done
+
 # What a control point lists honours --max-content and --filter.
 children_of() {  # port id -> number of children Browse returns
   curl -s -X POST -H 'Content-Type: text/xml' \
