@@ -1,5 +1,6 @@
-// Serving figures: Browse of a 100-child folder (requests per second, p50 and
-// p99 latency with 1 and 8 clients) and streaming of a 1 GiB file (MB/s with
+// Serving figures: Browse of a 100-child folder and BrowseMetadata of one item
+// (requests per second, p50 and p99 latency and server CPU per request, with
+// 1 and 8 clients) and streaming of a 1 GiB file (MB/s with
 // 1 and 4 streams), from the SDK's /web path and from the media server with
 // 16 paused players attached, beside reading the same file with `cat`.
 //
@@ -10,6 +11,7 @@
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <sys/time.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -38,36 +40,53 @@ double secondsSince(Clock::time_point start) {
   return std::chrono::duration<double>(Clock::now() - start).count();
 }
 
-std::string browseArgs(const std::string &id) {
-  return "<ObjectID>" + id +
-         "</ObjectID><BrowseFlag>BrowseDirectChildren</BrowseFlag><Filter>*</Filter>"
+std::string browseArgs(const std::string &id, const char *flag) {
+  return "<ObjectID>" + id + "</ObjectID><BrowseFlag>" + flag +
+         "</BrowseFlag><Filter>*</Filter>"
          "<StartingIndex>0</StartingIndex><RequestedCount>0</RequestedCount><SortCriteria></SortCriteria>";
 }
 
-void benchBrowse(int port, const std::string &folderId, int clients, int requestsPerClient) {
+double cpuSeconds(clockid_t clock) {
+  timespec now{};
+  ::clock_gettime(clock, &now);
+  return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) / 1e9;
+}
+
+// The server runs in this process: its CPU is the process's CPU less what
+// the client threads themselves used.
+void benchBrowse(int port, const char *label, const std::string &id, const char *flag,
+                 int clients, int requestsPerClient) {
   std::vector<std::vector<double>> latencies(clients);
+  std::vector<double> clientCpu(clients);
   std::atomic<int> failures{0};
+  const double processCpuBefore = cpuSeconds(CLOCK_PROCESS_CPUTIME_ID);
   auto start = Clock::now();
   std::vector<std::thread> threads;
   for (int c = 0; c < clients; ++c) {
     threads.emplace_back([&, c] {
+      const std::string args = browseArgs(id, flag);
+      const double threadCpuBefore = cpuSeconds(CLOCK_THREAD_CPUTIME_ID);
       for (int i = 0; i < requestsPerClient; ++i) {
         auto begin = Clock::now();
         dmstest::HttpResponse response =
-            dmstest::soap(port, dmstest::Service::kCds, "Browse", browseArgs(folderId));
+            dmstest::soap(port, dmstest::Service::kCds, "Browse", args);
         latencies[c].push_back(secondsSince(begin) * 1000.0);
         if (response.status != 200) ++failures;
       }
+      clientCpu[c] = cpuSeconds(CLOCK_THREAD_CPUTIME_ID) - threadCpuBefore;
     });
   }
   for (auto &thread : threads) thread.join();
   double elapsed = secondsSince(start);
+  double serverCpu = cpuSeconds(CLOCK_PROCESS_CPUTIME_ID) - processCpuBefore;
+  for (double used : clientCpu) serverCpu -= used;
   std::vector<double> all;
   for (auto &list : latencies) all.insert(all.end(), list.begin(), list.end());
   std::sort(all.begin(), all.end());
-  std::printf("browse 100 children  clients %d  %7.0f req/s  p50 %6.2f ms  p99 %6.2f ms  failures %d\n",
-              clients, all.size() / elapsed, all[all.size() / 2], all[all.size() * 99 / 100],
-              failures.load());
+  std::printf("%-20s clients %d  %7.0f req/s  p50 %6.2f ms  p99 %6.2f ms  "
+              "server CPU %5.3f ms/req  failures %d\n",
+              label, clients, all.size() / elapsed, all[all.size() / 2],
+              all[all.size() * 99 / 100], serverCpu * 1000.0 / all.size(), failures.load());
 }
 
 // Downloads `path` and counts the body bytes without keeping them.
@@ -120,6 +139,31 @@ void benchStream(int port, const std::string &path, int streams, int64_t size, c
               received.load() == size * streams ? "complete" : "INCOMPLETE");
 }
 
+// Streams from the SDK's /web path, then from the media server with 16
+// players on pause attached, beside `cat` of the same file.
+void benchStreaming(dmsHandle *server, int sdkPort, const fs::path &big, int64_t bigSize) {
+  const std::string bigPath = "/web/1002.wav";
+  benchStream(sdkPort, bigPath, 1, bigSize, "SDK /web");
+  benchStream(sdkPort, bigPath, 4, bigSize, "SDK /web");
+  {
+    // Players on pause: each read a little of the stream and stopped.
+    std::vector<std::unique_ptr<dmstest::RawConnection>> paused;
+    const int mediaPort = dlna_dmsGetMediaPort(server);
+    for (int i = 0; i < 16; ++i) {
+      paused.push_back(std::make_unique<dmstest::RawConnection>(mediaPort, "127.0.0.2", 4096));
+      paused.back()->send("GET " + bigPath + " HTTP/1.1\r\nHost: 127.0.0.1\r\n\r\n");
+      paused.back()->receive(16384);
+    }
+    benchStream(mediaPort, bigPath, 1, bigSize, "media, 16 paused");
+    benchStream(mediaPort, bigPath, 4, bigSize, "media, 16 paused");
+  }
+  auto start = Clock::now();
+  std::string command = "cat '" + big.string() + "' > /dev/null";
+  if (std::system(command.c_str()) == 0) {
+    std::printf("cat of the same file             %7.0f MB/s\n", bigSize / secondsSince(start) / 1e6);
+  }
+}
+
 }  // namespace
 
 int main(int argc, char **argv) {
@@ -168,28 +212,12 @@ int main(int argc, char **argv) {
     return 1;
   }
   // Shared folder 1001, big.wav 1002, folder 1003 (sorted names).
-  benchBrowse(config.port, "1003", 1, 400);
-  benchBrowse(config.port, "1003", 8, 100);
-  std::string bigPath = "/web/1002.wav";
-  benchStream(config.port, bigPath, 1, bigSize, "SDK /web");
-  benchStream(config.port, bigPath, 4, bigSize, "SDK /web");
-  {
-    // Players on pause: each read a little of the stream and stopped.
-    std::vector<std::unique_ptr<dmstest::RawConnection>> paused;
-    const int mediaPort = dlna_dmsGetMediaPort(server);
-    for (int i = 0; i < 16; ++i) {
-      paused.push_back(std::make_unique<dmstest::RawConnection>(mediaPort, "127.0.0.2", 4096));
-      paused.back()->send("GET " + bigPath + " HTTP/1.1\r\nHost: 127.0.0.1\r\n\r\n");
-      paused.back()->receive(16384);
-    }
-    benchStream(mediaPort, bigPath, 1, bigSize, "media, 16 paused");
-    benchStream(mediaPort, bigPath, 4, bigSize, "media, 16 paused");
-  }
-  auto start = Clock::now();
-  std::string command = "cat '" + big.string() + "' > /dev/null";
-  if (std::system(command.c_str()) == 0) {
-    std::printf("cat of the same file             %7.0f MB/s\n", bigSize / secondsSince(start) / 1e6);
-  }
+  benchBrowse(config.port, "browse 100 children", "1003", "BrowseDirectChildren", 1, 2000);
+  benchBrowse(config.port, "browse 100 children", "1003", "BrowseDirectChildren", 8, 250);
+  benchBrowse(config.port, "browse metadata", "1004", "BrowseMetadata", 1, 2000);
+  benchBrowse(config.port, "browse metadata", "1004", "BrowseMetadata", 8, 250);
+  // "serve_bench WWW browse" stops here, for profiling the Browse path.
+  if (argc <= 2 || std::string(argv[2]) != "browse") benchStreaming(server, config.port, big, bigSize);
   dlna_dmsStop(server);
   dlna_dmsDestroy(server);
   std::free(server);

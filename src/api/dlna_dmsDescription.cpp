@@ -9,6 +9,7 @@
 #include <string>
 
 #include "api/dlna_dmsApi.h"
+#include "util/dlnaUtil_xmlText.h"
 #include "util/osal_trace.h"
 
 namespace {
@@ -96,21 +97,11 @@ constexpr char kDescriptionTemplate[] =
 
 static_assert(sizeof kDescriptionTemplate - 1 == 2527, "description template changed");
 
-// Host strings go into element text: escape what XML reserves, so that a
-// friendly name such as "Tom & Jerry" still gives a valid description.
+// Host strings go into element text as XML character data, so that a
+// friendly name such as "Tom & Jerry", or one in Latin-1, still gives a
+// valid description.
 std::string escapeXml(const char *text, size_t capacity) {
-  std::string escaped;
-  for (size_t i = 0; i < capacity && text[i] != '\0'; ++i) {
-    switch (text[i]) {
-      case '&': escaped += "&amp;"; break;
-      case '<': escaped += "&lt;"; break;
-      case '>': escaped += "&gt;"; break;
-      case '"': escaped += "&quot;"; break;
-      case '\'': escaped += "&apos;"; break;
-      default: escaped += text[i]; break;
-    }
-  }
-  return escaped;
+  return dlnaUtil_xmlEscaped(std::string_view(text, strnlen(text, capacity)));
 }
 
 int64_t nowSeconds() { return static_cast<int64_t>(std::time(nullptr)); }

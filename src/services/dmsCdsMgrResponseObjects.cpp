@@ -8,9 +8,11 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <iterator>
 #include <limits>
 #include <new>
 #include <string>
+#include <string_view>
 
 #include "dlna_dms.h"
 #include "services/dmsCdsMgrResponseHandler.h"
@@ -140,13 +142,28 @@ void fillResolution(const mfdMediaInfo &info, char (&resolution)[16]) {
   }
 }
 
-// The modification time as local time, "%FT%H:%M:%S".
+// The modification time as local time, YYYY-MM-DDTHH:MM:SS.  Written by
+// hand: strftime cost more than the rest of an item's text together.
 void fillDate(const mfdMediaInfo &info, char (&date)[24]) {
   date[0] = '\0';
   const time_t modified = static_cast<time_t>(info.modificationTime);
   struct tm local {};
   if (localtime_r(&modified, &local) == nullptr) return;
-  if (std::strftime(date, sizeof date, "%FT%H:%M:%S", &local) == 0) date[0] = '\0';
+  const long long year = local.tm_year + 1900LL;
+  if (year < 0 || year > 9999) return;  // not a date a player could show
+  const int fields[] = {static_cast<int>(year), local.tm_mon + 1, local.tm_mday,
+                        local.tm_hour, local.tm_min, local.tm_sec};
+  constexpr char kSeparators[] = "--T::";
+  char *cursor = date;
+  for (size_t i = 0; i < std::size(fields); ++i) {
+    const int width = i == 0 ? 4 : 2;
+    for (int digit = width - 1, value = fields[i]; digit >= 0; --digit, value /= 10) {
+      cursor[digit] = static_cast<char>('0' + value % 10);
+    }
+    cursor += width;
+    if (i < std::size(kSeparators) - 1) *cursor++ = kSeparators[i];
+  }
+  *cursor = '\0';
 }
 
 void fillMediaProperties(const mfdMediaInfo &info, const uint8_t *flags, dlnaUtilDidlItem &item) {
@@ -254,10 +271,16 @@ int32_t dmsCdsBuildItem(const dmsCdsObjectRequest *request, dmsContentEntry *ent
   try {
     const std::string fileName = lastComponent(entry->path);
     const size_t dot = fileName.rfind('.');
-    std::string extension = dot == std::string::npos ? std::string() : fileName.substr(dot);
-    if (request->pcmAsWav && strcasecmp(extension.c_str(), ".pcm") == 0) extension = ".wav";
+    const std::string_view ownExtension =
+        dot == std::string::npos ? std::string_view() : std::string_view(fileName).substr(dot + 1);
+    // The URL's extension always names the format, so that every listed
+    // URL passes the media servers' strict check and players that go by
+    // the extension guess right.
+    std::string_view extension = mfd_resourceExtension(info.formatId, ownExtension);
+    if (request->pcmAsWav && strcasecmp(std::string(extension).c_str(), "pcm") == 0) extension = "wav";
     record->title = fileName.substr(0, dot);
-    record->resourceName = std::to_string(entry->id) + extension;
+    record->resourceName = std::to_string(entry->id);
+    if (!extension.empty()) record->resourceName.append(".").append(extension);
   } catch (const std::bad_alloc &) {
     DMS_TRACE(OSAL_TRACE_ERR, "Memory Allocation Failed \n");
     return DMS_ERR_NO_MEMORY;

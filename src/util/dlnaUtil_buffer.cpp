@@ -1,12 +1,10 @@
 #include "util/dlnaUtil_buffer.h"
 
-#include <array>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <new>
-#include <vector>
 
 #include "util/dmsErrors.h"
 #include "util/osal_trace.h"
@@ -19,7 +17,6 @@ namespace {
 
 constexpr uint32_t kInitialSize = 32768;
 constexpr int64_t kGrowthStep = 32768;
-constexpr int kScratchSize = 32768;
 
 // Block size that holds `needed` text bytes plus the NUL: one more step when
 // that is enough, otherwise exactly what the piece needs, so one oversized
@@ -28,18 +25,21 @@ int64_t grownSize(int64_t needed, int64_t size) {
   return needed <= size + kGrowthStep - 1 ? size + kGrowthStep : needed + 1;
 }
 
-// Formats a piece too long for the scratch area into an exact-size heap
-// block and appends it.  `formattedLength` is what the first pass reported.
-int32_t appendLongPiece(dlnaUtilBuffer *buffer, int formattedLength, const char *format,
-                        va_list args) {
-  std::vector<char> block;
-  try {
-    block.resize(static_cast<size_t>(formattedLength) + 1);
-  } catch (const std::bad_alloc &) {
-    return DLNA_UTIL_ERR_NO_MEMORY;
-  }
-  std::vsnprintf(block.data(), block.size(), format, args);
-  return dlnaUtil_appendToBuffer(buffer, block.data());
+// Grows the block so that `extra` more text bytes and the NUL fit.  On
+// failure the old block and its text are untouched, and `size` still
+// describes that block.
+bool makeRoom(dlnaUtilBuffer *buffer, size_t extra) {
+  const int64_t needed = int64_t{buffer->length} + static_cast<int64_t>(extra);
+  if (needed < int64_t{buffer->size}) return true;
+  const int64_t newSize = grownSize(needed, buffer->size);
+  // Lengths are compared as signed 32-bit values; a text that would leave
+  // that range is treated like any other allocation that cannot be met.
+  if (extra > INT32_MAX || newSize > INT32_MAX) return false;
+  void *grown = std::realloc(buffer->data, static_cast<size_t>(newSize));
+  if (grown == nullptr) return false;
+  buffer->data = static_cast<char *>(grown);
+  buffer->size = static_cast<uint32_t>(newSize);
+  return true;
 }
 
 }  // namespace
@@ -71,48 +71,55 @@ int32_t dlnaUtil_releaseBuffer(dlnaUtilBuffer *buffer) {
   return 0;
 }
 
-int32_t dlnaUtil_appendToBuffer(dlnaUtilBuffer *buffer, const char *text) {
+char *dlnaUtil_reserveInBuffer(dlnaUtilBuffer *buffer, size_t extra) {
+  if (buffer == nullptr || buffer->data == nullptr || !makeRoom(buffer, extra)) return nullptr;
+  return buffer->data + buffer->length;
+}
+
+int32_t dlnaUtil_appendBytesToBuffer(dlnaUtilBuffer *buffer, const char *text, size_t length) {
   if (buffer == nullptr || text == nullptr || buffer->data == nullptr) {
     return DLNA_UTIL_ERR_INVALID_PARAM;
   }
-  const size_t pieceLength = std::strlen(text);
-  const int64_t needed = int64_t{buffer->length} + static_cast<int64_t>(pieceLength);
-  if (needed >= int64_t{buffer->size}) {
-    const int64_t newSize = grownSize(needed, buffer->size);
-    // Lengths are compared as signed 32-bit values; a text that would leave
-    // that range is treated like any other allocation that cannot be met.
-    if (newSize > INT32_MAX) return DLNA_UTIL_ERR_NO_MEMORY;
-    void *grown = std::realloc(buffer->data, static_cast<size_t>(newSize));
-    // On failure the old block and its text are untouched, and `size` still
-    // describes that block.
-    if (grown == nullptr) return DLNA_UTIL_ERR_NO_MEMORY;
-    buffer->data = static_cast<char *>(grown);
-    buffer->size = static_cast<uint32_t>(newSize);
-  }
-  std::memcpy(buffer->data + buffer->length, text, pieceLength);
-  buffer->length = static_cast<uint32_t>(needed);
-  buffer->data[buffer->length] = '\0';
+  char *tail = dlnaUtil_reserveInBuffer(buffer, length);
+  if (tail == nullptr) return DLNA_UTIL_ERR_NO_MEMORY;
+  std::memcpy(tail, text, length);
+  dlnaUtil_commitToBuffer(buffer, length);
   return 0;
 }
 
-int32_t dlnaUtil_appendToBufferWithFormat(dlnaUtilBuffer *buffer, const char *format, ...) {
-  // Cleared up front: if the formatter fails, whatever it left (if anything)
-  // is still a terminated string.
-  std::array<char, kScratchSize> scratch{};
-  if (buffer == nullptr || format == nullptr) return DLNA_UTIL_ERR_INVALID_PARAM;
+int32_t dlnaUtil_appendToBuffer(dlnaUtilBuffer *buffer, const char *text) {
+  if (text == nullptr) return DLNA_UTIL_ERR_INVALID_PARAM;
+  return dlnaUtil_appendBytesToBuffer(buffer, text, std::strlen(text));
+}
 
+int32_t dlnaUtil_appendToBufferWithFormat(dlnaUtilBuffer *buffer, const char *format, ...) {
+  if (buffer == nullptr || format == nullptr || buffer->data == nullptr) {
+    return DLNA_UTIL_ERR_INVALID_PARAM;
+  }
+  // First pass into the free part of the block; when the piece does not fit
+  // the block grows to hold it and the second pass writes it whole.
   va_list args;
   va_start(args, format);
   va_list secondPass;
   va_copy(secondPass, args);
-  const int formattedLength = std::vsnprintf(scratch.data(), scratch.size(), format, args);
+  const size_t room = buffer->size - buffer->length;
+  const int formatted = std::vsnprintf(buffer->data + buffer->length, room, format, args);
   va_end(args);
-
-  int32_t status;
-  if (formattedLength < kScratchSize) {
-    status = dlnaUtil_appendToBuffer(buffer, scratch.data());
+  int32_t status = 0;
+  if (formatted < 0) {
+    buffer->data[buffer->length] = '\0';
+    status = DLNA_UTIL_ERR_INVALID_PARAM;
+  } else if (static_cast<size_t>(formatted) < room) {
+    dlnaUtil_commitToBuffer(buffer, static_cast<size_t>(formatted));
   } else {
-    status = appendLongPiece(buffer, formattedLength, format, secondPass);
+    buffer->data[buffer->length] = '\0';
+    char *tail = dlnaUtil_reserveInBuffer(buffer, static_cast<size_t>(formatted));
+    if (tail == nullptr) {
+      status = DLNA_UTIL_ERR_NO_MEMORY;
+    } else {
+      std::vsnprintf(tail, static_cast<size_t>(formatted) + 1, format, secondPass);
+      dlnaUtil_commitToBuffer(buffer, static_cast<size_t>(formatted));
+    }
   }
   va_end(secondPass);
   return status;

@@ -8,6 +8,7 @@
 #ifndef DMS_UTIL_DLNAUTIL_BUFFER_H
 #define DMS_UTIL_DLNAUTIL_BUFFER_H
 
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 
@@ -34,9 +35,23 @@ int32_t dlnaUtil_releaseBuffer(dlnaUtilBuffer *buffer);
 // DLNA_UTIL_ERR_NO_MEMORY and the stored text is unchanged.
 int32_t dlnaUtil_appendToBuffer(dlnaUtilBuffer *buffer, const char *text);
 
-// Appends the printf-style formatting of `format` and the arguments.  Pieces
-// shorter than 32768 characters are formatted on the stack; longer ones in an
-// exact-size heap block, and appended whole.  Codes as for the plain append.
+// Appends `length` bytes of `text` (which need not be NUL-terminated).
+// Codes as for the plain append.
+int32_t dlnaUtil_appendBytesToBuffer(dlnaUtilBuffer *buffer, const char *text, size_t length);
+
+// Makes room for `extra` more text bytes and returns where they go, or NULL
+// when the block cannot grow (the text is then unchanged).  The caller
+// writes at most `extra` bytes there and then calls dlnaUtil_commitToBuffer
+// with the count it wrote; nothing else may touch the buffer in between.
+char *dlnaUtil_reserveInBuffer(dlnaUtilBuffer *buffer, size_t extra);
+inline void dlnaUtil_commitToBuffer(dlnaUtilBuffer *buffer, size_t written) {
+  buffer->length += static_cast<uint32_t>(written);
+  buffer->data[buffer->length] = '\0';
+}
+
+// Appends the printf-style formatting of `format` and the arguments,
+// formatted straight into the block (grown first when the piece does not
+// fit).  Codes as for the plain append.
 int32_t dlnaUtil_appendToBufferWithFormat(dlnaUtilBuffer *buffer, const char *format, ...)
     __attribute__((format(printf, 2, 3)));
 

@@ -1,10 +1,10 @@
 #include "util/dlnaUtil_didl.h"
 
-#include <cstdio>
+#include <charconv>
 #include <cstring>
-#include <new>
-#include <string>
+#include <string_view>
 
+#include "util/dlnaUtil_xmlText.h"
 #include "util/dmsErrors.h"
 #include "util/osal_trace.h"
 
@@ -14,116 +14,132 @@ static constexpr char kTraceFile[] = "dlnaUtil_didl.cpp";
 
 namespace {
 
-constexpr char kDidlTag[] = "DIDL-Lite";
-constexpr char kDidlNamespaces[] =
-    "xmlns=\"urn:schemas-upnp-org:metadata-1-0/DIDL-Lite/\" "
+using namespace std::string_view_literals;
+
+constexpr std::string_view kHeader =
+    "<DIDL-Lite xmlns=\"urn:schemas-upnp-org:metadata-1-0/DIDL-Lite/\" "
     "xmlns:dc=\"http://purl.org/dc/elements/1.1/\" "
-    "xmlns:upnp=\"urn:schemas-upnp-org:metadata-1-0/upnp/\"";
-constexpr char kItemTag[] = "item";
-constexpr char kContainerTag[] = "container";
-constexpr char kResTag[] = "res";
+    "xmlns:upnp=\"urn:schemas-upnp-org:metadata-1-0/upnp/\">"sv;
+constexpr std::string_view kFooter = "</DIDL-Lite>"sv;
 // Virtual directory of the web server under which media files are served.
-constexpr char kWebDirectory[] = "/web";
+constexpr std::string_view kWebDirectory = "/web/"sv;
 
 bool lacksBuffer(const dlnaUtilBuffer *buffer) {
   return buffer == nullptr || buffer->data == nullptr;
 }
 
-// Returns `text` with the XML special characters replaced by entities, so
-// that file and folder names cannot break the document.  A NULL text is
-// written as empty.  May throw std::bad_alloc.
-std::string xmlEscaped(const char *text) {
-  if (text == nullptr) return {};
-  std::string escaped;
-  escaped.reserve(std::strlen(text));
-  for (const char *cursor = text; *cursor != '\0'; ++cursor) {
-    switch (*cursor) {
-      case '&': escaped += "&amp;"; break;
-      case '<': escaped += "&lt;"; break;
-      case '>': escaped += "&gt;"; break;
-      case '"': escaped += "&quot;"; break;
-      case '\'': escaped += "&apos;"; break;
-      default: escaped += *cursor; break;
+// Writes one answer's pieces straight into the buffer.  A browse page writes
+// some two thousand pieces, so there is no formatting and no temporary
+// string on this path.  The first failure sticks: later pieces are skipped
+// and status() reports it.
+class DidlWriter {
+ public:
+  explicit DidlWriter(dlnaUtilBuffer *buffer) : buffer_(buffer) {}
+
+  DidlWriter &raw(std::string_view text) {
+    // Most pieces fit the block as it is: copy them without a call.
+    if (status_ == 0 && text.size() < buffer_->size - buffer_->length) {
+      std::memcpy(buffer_->data + buffer_->length, text.data(), text.size());
+      dlnaUtil_commitToBuffer(buffer_, text.size());
+    } else if (status_ == 0) {
+      status_ = dlnaUtil_appendBytesToBuffer(buffer_, text.data(), text.size());
     }
+    return *this;
   }
-  return escaped;
-}
+
+  // XML-escaped text; NULL is written as nothing.
+  DidlWriter &text(const char *value) {
+    return value == nullptr ? *this : text(std::string_view(value));
+  }
+  DidlWriter &text(std::string_view value) {
+    if (status_ != 0) return *this;
+    char *tail = dlnaUtil_reserveInBuffer(buffer_, value.size() * kXmlTextMaxGrowth);
+    if (tail == nullptr) {
+      status_ = DLNA_UTIL_ERR_NO_MEMORY;
+      return *this;
+    }
+    dlnaUtil_commitToBuffer(buffer_, dlnaUtil_xmlEscapeInto(value, tail));
+    return *this;
+  }
+
+  DidlWriter &number(int64_t value) {
+    char digits[24];
+    const auto end = std::to_chars(digits, digits + sizeof digits, value).ptr;
+    return raw(std::string_view(digits, static_cast<size_t>(end - digits)));
+  }
+
+  // Zero-padded to `width` digits; value is known to be non-negative.
+  DidlWriter &padded(int64_t value, int width) {
+    char digits[24];
+    const auto end = std::to_chars(digits, digits + sizeof digits, value).ptr;
+    for (int length = static_cast<int>(end - digits); length < width; ++length) raw("0"sv);
+    return raw(std::string_view(digits, static_cast<size_t>(end - digits)));
+  }
+
+  // ` name="value"` with the value escaped, or a number.
+  DidlWriter &attribute(std::string_view name, const char *value) {
+    return raw(" "sv).raw(name).raw("=\""sv).text(value).raw("\""sv);
+  }
+  DidlWriter &attribute(std::string_view name, int64_t value) {
+    return raw(" "sv).raw(name).raw("=\""sv).number(value).raw("\""sv);
+  }
+
+  // `<name>text</name>` with the text escaped.
+  DidlWriter &element(std::string_view name, const char *value) {
+    return raw("<"sv).raw(name).raw(">"sv).text(value).raw("</"sv).raw(name).raw(">"sv);
+  }
+
+  int32_t status() const { return status_; }
+
+ private:
+  dlnaUtilBuffer *buffer_;
+  int32_t status_ = 0;
+};
 
 // Text of an inline character field, bounded by the field even if the
 // caller forgot the terminating NUL.
 template <size_t N>
-std::string inlineText(const char (&field)[N]) {
-  return std::string(field, strnlen(field, N));
+std::string_view inlineText(const char (&field)[N]) {
+  return std::string_view(field, strnlen(field, N));
 }
 
-// Runs the writes in order and stops at the first one that fails; returns its
-// code, or 0 when every write succeeded.
-template <typename... Writes>
-int32_t writeInOrder(Writes &&...writes) {
-  int32_t status = 0;
-  static_cast<void>((((status = writes()) == 0) && ...));
-  return status;
+// The playing time as H:MM:SS.mmm; hours are neither padded nor limited to
+// two digits.
+void writeDuration(DidlWriter &out, int64_t milliseconds) {
+  out.raw(" duration=\""sv)
+      .number(milliseconds / 3600000)
+      .raw(":"sv)
+      .padded(milliseconds % 3600000 / 60000, 2)
+      .raw(":"sv)
+      .padded(milliseconds % 60000 / 1000, 2)
+      .raw("."sv)
+      .padded(milliseconds % 1000, 3)
+      .raw("\""sv);
 }
 
-// Writes the playing time as H:MM:SS.mmm; hours are neither padded nor
-// limited to two digits.
-int32_t addDuration(dlnaUtilBuffer *buffer, int64_t milliseconds) {
-  const long long hours = milliseconds / 3600000;
-  const int minutes = static_cast<int>(milliseconds % 3600000 / 60000);
-  const int seconds = static_cast<int>(milliseconds % 60000 / 1000);
-  const int millis = static_cast<int>(milliseconds % 1000);
-  char text[48];
-  std::snprintf(text, sizeof text, "%lld:%02d:%02d.%03d", hours, minutes, seconds, millis);
-  return dlnaUtil_DIDLAddStringAttribute(buffer, "duration", text);
+void writeResource(DidlWriter &out, const dlnaUtilDidlItem &item) {
+  out.raw("<res"sv).attribute("protocolInfo"sv, item.protocolInfo);
+  if (item.size > 0) out.attribute("size"sv, item.size);
+  if (item.duration > 0) writeDuration(out, item.duration);
+  const std::string_view resolution = inlineText(item.resolution);
+  if (!resolution.empty()) out.raw(" resolution=\""sv).text(resolution).raw("\""sv);
+  if (item.bitrate > 0) out.attribute("bitrate"sv, int64_t{item.bitrate});
+  out.raw(">http://"sv)
+      .text(item.serverAddress)
+      .raw(":"sv)
+      .number(item.serverPort)
+      .raw(kWebDirectory)
+      .text(item.resourceName)
+      .raw("</res>"sv);
 }
 
-int32_t addResourceUrl(dlnaUtilBuffer *buffer, const dlnaUtilDidlItem &item) {
-  const std::string address = xmlEscaped(item.serverAddress);
-  const std::string resource = xmlEscaped(item.resourceName);
-  return dlnaUtil_appendToBufferWithFormat(buffer, "http://%s:%d%s/%s", address.c_str(),
-                                           item.serverPort, kWebDirectory, resource.c_str());
-}
-
-int32_t addResource(dlnaUtilBuffer *buffer, const dlnaUtilDidlItem &item) {
-  const std::string resolution = inlineText(item.resolution);
-  return writeInOrder(
-      [&] { return dlnaUtil_appendToBufferWithFormat(buffer, "<%s", kResTag); },
-      [&] { return dlnaUtil_DIDLAddStringAttribute(buffer, "protocolInfo", item.protocolInfo); },
-      [&] {
-        return item.size <= 0 ? 0
-                              : dlnaUtil_appendToBufferWithFormat(
-                                    buffer, " %s=\"%lld\"", "size",
-                                    static_cast<long long>(item.size));
-      },
-      [&] { return item.duration <= 0 ? 0 : addDuration(buffer, item.duration); },
-      [&] {
-        return resolution.empty()
-                   ? 0
-                   : dlnaUtil_DIDLAddStringAttribute(buffer, "resolution", resolution.c_str());
-      },
-      [&] {
-        return item.bitrate <= 0
-                   ? 0
-                   : dlnaUtil_DIDLAddIntegerAttribute(buffer, "bitrate", item.bitrate);
-      },
-      [&] { return dlnaUtil_appendToBuffer(buffer, ">"); },
-      [&] { return addResourceUrl(buffer, item); },
-      [&] { return dlnaUtil_appendToBufferWithFormat(buffer, "</%s>", kResTag); });
-}
-
-int32_t addItemMetadata(dlnaUtilBuffer *buffer, const dlnaUtilDidlItem &item) {
-  const std::string date = inlineText(item.date);
-  return writeInOrder(
-      [&] { return item.album ? dlnaUtil_DIDLAddElement(buffer, "upnp:album", item.album) : 0; },
-      [&] { return dlnaUtil_DIDLAddElement(buffer, "upnp:class", item.upnpClass); },
-      [&] { return dlnaUtil_DIDLAddElement(buffer, "dc:title", item.title); },
-      [&] { return item.genre ? dlnaUtil_DIDLAddElement(buffer, "upnp:genre", item.genre) : 0; },
-      [&] {
-        return item.creator ? dlnaUtil_DIDLAddElement(buffer, "dc:creator", item.creator) : 0;
-      },
-      [&] {
-        return date.empty() ? 0 : dlnaUtil_DIDLAddElement(buffer, "dc:date", date.c_str());
-      });
+void writeItemMetadata(DidlWriter &out, const dlnaUtilDidlItem &item) {
+  if (item.album != nullptr) out.element("upnp:album"sv, item.album);
+  out.element("upnp:class"sv, item.upnpClass).element("dc:title"sv, item.title);
+  if (item.genre != nullptr) out.element("upnp:genre"sv, item.genre);
+  if (item.creator != nullptr) out.element("dc:creator"sv, item.creator);
+  const std::string_view date = inlineText(item.date);
+  if (!date.empty()) out.raw("<dc:date>"sv).text(date).raw("</dc:date>"sv);
 }
 
 // Deliberately lenient: an item is refused only when every identifying field
@@ -144,61 +160,44 @@ int32_t dlnaUtil_DIDLAddStringAttribute(dlnaUtilBuffer *buffer, const char *name
                                         const char *value) {
   if (lacksBuffer(buffer)) return DLNA_UTIL_ERR_NULL_BUFFER;
   if (name == nullptr) return DLNA_UTIL_ERR_INVALID_PARAM;
-  try {
-    const std::string escaped = xmlEscaped(value);
-    return dlnaUtil_appendToBufferWithFormat(buffer, " %s=\"%s\"", name, escaped.c_str());
-  } catch (const std::bad_alloc &) {
-    return DLNA_UTIL_ERR_NO_MEMORY;
-  }
+  return DidlWriter(buffer).attribute(name, value).status();
 }
 
 int32_t dlnaUtil_DIDLAddIntegerAttribute(dlnaUtilBuffer *buffer, const char *name,
                                          int32_t value) {
   if (lacksBuffer(buffer)) return DLNA_UTIL_ERR_NULL_BUFFER;
   if (name == nullptr) return DLNA_UTIL_ERR_INVALID_PARAM;
-  return dlnaUtil_appendToBufferWithFormat(buffer, " %s=\"%d\"", name, value);
+  return DidlWriter(buffer).attribute(name, int64_t{value}).status();
 }
 
 int32_t dlnaUtil_DIDLAddElement(dlnaUtilBuffer *buffer, const char *name, const char *text) {
   if (lacksBuffer(buffer)) return DLNA_UTIL_ERR_NULL_BUFFER;
   if (name == nullptr) return DLNA_UTIL_ERR_INVALID_PARAM;
-  try {
-    const std::string escaped = xmlEscaped(text);
-    return dlnaUtil_appendToBufferWithFormat(buffer, "<%s>%s</%s>", name, escaped.c_str(), name);
-  } catch (const std::bad_alloc &) {
-    return DLNA_UTIL_ERR_NO_MEMORY;
-  }
+  return DidlWriter(buffer).element(name, text).status();
 }
 
 int32_t dlnaUtil_DIDLAddHeader(dlnaUtilBuffer *buffer) {
   if (lacksBuffer(buffer)) return DLNA_UTIL_ERR_NULL_BUFFER;
-  return dlnaUtil_appendToBufferWithFormat(buffer, "<%s %s>", kDidlTag, kDidlNamespaces);
+  return DidlWriter(buffer).raw(kHeader).status();
 }
 
 int32_t dlnaUtil_DIDLAddFooter(dlnaUtilBuffer *buffer) {
   if (lacksBuffer(buffer)) return DLNA_UTIL_ERR_NULL_BUFFER;
-  return dlnaUtil_appendToBufferWithFormat(buffer, "</%s>", kDidlTag);
+  return DidlWriter(buffer).raw(kFooter).status();
 }
 
 int32_t dlnaUtil_DIDLAddItem(dlnaUtilBuffer *buffer, const dlnaUtilDidlItem *item) {
   if (lacksBuffer(buffer)) return DLNA_UTIL_ERR_NULL_BUFFER;
   if (item == nullptr || itemIsRefused(*item)) return DLNA_UTIL_ERR_INVALID_PARAM;
-  try {
-    return writeInOrder(
-        [&] { return dlnaUtil_appendToBufferWithFormat(buffer, "<%s", kItemTag); },
-        [&] { return dlnaUtil_DIDLAddIntegerAttribute(buffer, "id", item->id); },
-        [&] { return dlnaUtil_DIDLAddIntegerAttribute(buffer, "parentID", item->parentID); },
-        [&] {
-          return dlnaUtil_DIDLAddIntegerAttribute(buffer, "restricted",
-                                                  static_cast<int32_t>(item->restricted));
-        },
-        [&] { return dlnaUtil_appendToBuffer(buffer, ">"); },
-        [&] { return addItemMetadata(buffer, *item); },
-        [&] { return item->protocolInfo ? addResource(buffer, *item) : 0; },
-        [&] { return dlnaUtil_appendToBufferWithFormat(buffer, "</%s>", kItemTag); });
-  } catch (const std::bad_alloc &) {
-    return DLNA_UTIL_ERR_NO_MEMORY;
-  }
+  DidlWriter out(buffer);
+  out.raw("<item"sv)
+      .attribute("id"sv, int64_t{item->id})
+      .attribute("parentID"sv, int64_t{item->parentID})
+      .attribute("restricted"sv, int64_t{static_cast<int32_t>(item->restricted)})
+      .raw(">"sv);
+  writeItemMetadata(out, *item);
+  if (item->protocolInfo != nullptr) writeResource(out, *item);
+  return out.raw("</item>"sv).status();
 }
 
 int32_t dlnaUtil_DIDLAddContainer(dlnaUtilBuffer *buffer,
@@ -208,27 +207,18 @@ int32_t dlnaUtil_DIDLAddContainer(dlnaUtilBuffer *buffer,
     return DLNA_UTIL_ERR_INVALID_PARAM;
   }
   const dlnaUtilDidlContainer &folder = *container;
-  return writeInOrder(
-      [&] { return dlnaUtil_appendToBufferWithFormat(buffer, "<%s", kContainerTag); },
-      [&] { return dlnaUtil_DIDLAddIntegerAttribute(buffer, "id", folder.id); },
-      [&] { return dlnaUtil_DIDLAddIntegerAttribute(buffer, "parentID", folder.parentID); },
-      [&] {
-        return folder.childCount < 0
-                   ? 0
-                   : dlnaUtil_DIDLAddIntegerAttribute(buffer, "childCount", folder.childCount);
-      },
-      [&] {
-        return dlnaUtil_DIDLAddIntegerAttribute(buffer, "restricted",
-                                                static_cast<int32_t>(folder.restricted));
-      },
-      [&] {
-        return folder.searchable >= 2
-                   ? 0
-                   : dlnaUtil_DIDLAddIntegerAttribute(buffer, "searchable",
-                                                      static_cast<int32_t>(folder.searchable));
-      },
-      [&] { return dlnaUtil_appendToBuffer(buffer, ">"); },
-      [&] { return dlnaUtil_DIDLAddElement(buffer, "upnp:class", folder.upnpClass); },
-      [&] { return dlnaUtil_DIDLAddElement(buffer, "dc:title", folder.title); },
-      [&] { return dlnaUtil_appendToBufferWithFormat(buffer, "</%s>", kContainerTag); });
+  DidlWriter out(buffer);
+  out.raw("<container"sv)
+      .attribute("id"sv, int64_t{folder.id})
+      .attribute("parentID"sv, int64_t{folder.parentID});
+  if (folder.childCount >= 0) out.attribute("childCount"sv, int64_t{folder.childCount});
+  out.attribute("restricted"sv, int64_t{static_cast<int32_t>(folder.restricted)});
+  if (folder.searchable < 2) {
+    out.attribute("searchable"sv, int64_t{static_cast<int32_t>(folder.searchable)});
+  }
+  return out.raw(">"sv)
+      .element("upnp:class"sv, folder.upnpClass)
+      .element("dc:title"sv, folder.title)
+      .raw("</container>"sv)
+      .status();
 }

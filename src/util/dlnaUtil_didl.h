@@ -4,14 +4,15 @@
 // Calling order for one answer: dlnaUtil_DIDLAddHeader, any number of items
 // and containers, dlnaUtil_DIDLAddFooter.  Every function returns 0 or a
 // DLNA_UTIL_ERR_* code, and fails with DLNA_UTIL_ERR_NULL_BUFFER before
-// looking at anything else when the buffer or its block is NULL.  Each write
-// is one formatted append; the first failing append ends the operation with
+// looking at anything else when the buffer or its block is NULL.  The first
+// failing append ends the operation with
 // its code and leaves what was written so far in the buffer (callers discard
 // the whole answer on error).
 //
-// Every text and string attribute value is written XML-escaped (& < > " '
-// become &amp; &lt; &gt; &quot; &apos;), so names taken from the file system
-// always give a well-formed document.  A NULL text is written as "(null)".
+// Every text and string attribute value is written as XML character data by
+// dlnaUtil_xmlEscapeInto (entities, valid UTF-8, no forbidden characters), so
+// names taken from the file system always give a well-formed document.  A
+// NULL text is written as empty.
 // Text fields are borrowed from the caller for the duration of the call.
 #ifndef DMS_UTIL_DLNAUTIL_DIDL_H
 #define DMS_UTIL_DLNAUTIL_DIDL_H

@@ -10,6 +10,7 @@
 #include "services/dmsCdsMgrSearch.h"
 #include "util/dlnaUtil_buffer.h"
 #include "util/dlnaUtil_didl.h"
+#include "util/dlnaUtil_xmlText.h"
 
 using namespace dmstest;
 
@@ -59,6 +60,34 @@ TEST(DidlWriter, EveryTextRoundTripsThroughAnXmlParser) {
     EXPECT_EQ(objects[1].res[0]["size"], "5000000000");
     EXPECT_EQ(objects[1].res[0]["duration"], "1:02:03.004");
     EXPECT_EQ(objects[1].res[0]["url"], "http://127.0.0.1:49152/web/1005.mp3");
+  }
+}
+
+// Bytes that are not well-formed UTF-8 are read as Latin-1 (C1 controls
+// become U+FFFD), characters XML forbids are dropped, and well-formed UTF-8
+// passes unchanged.
+TEST(XmlText, AnyBytesBecomeCharacterData) {
+  const struct {
+    std::string in, out;
+  } rows[] = {
+      {"plain & <tag> \"q\" 'a'", "plain &amp; &lt;tag&gt; &quot;q&quot; &apos;a&apos;"},
+      {"caf\xE9", "caf\xC3\xA9"},                                  // Latin-1
+      {"\x85x\x9F", "\xEF\xBF\xBDx\xEF\xBF\xBD"},                   // C1 controls
+      {"a\x01\x1B\x7F" "b\tc\nd\re", "ab\tc\nd\re"},                // C0 controls, DEL
+      {"\xF0\x9F\x8E\xB5 \xE2\x9C\x93", "\xF0\x9F\x8E\xB5 \xE2\x9C\x93"},  // 4- and 3-byte
+      {"\xC0\xAF", "\xC3\x80\xC2\xAF"},                             // overlong '/'
+      {"\xED\xA0\x80", "\xC3\xAD\xC2\xA0\xEF\xBF\xBD"},            // a surrogate
+      {"\xF4\x90\x80\x80", "\xC3\xB4\xEF\xBF\xBD\xEF\xBF\xBD\xEF\xBF\xBD"},  // past U+10FFFF
+      {"x\xEF\xBF\xBEy\xEF\xBF\xBF", "xy"},                          // U+FFFE, U+FFFF
+      {"end\xE2\x82", "end\xC3\xA2\xEF\xBF\xBD"},                    // cut short
+      {std::string("nul\0in", 6), "nulin"},
+  };
+  for (const auto &row : rows) {
+    SCOPED_TRACE(row.in);
+    EXPECT_EQ(dlnaUtil_xmlEscaped(row.in), row.out);
+    bool ok = false;
+    parseDidl(writeDocument(row.in.c_str(), row.in.c_str(), row.in.c_str()), &ok);
+    EXPECT_TRUE(ok);
   }
 }
 
