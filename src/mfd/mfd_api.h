@@ -10,6 +10,7 @@
 #define DMS_MFD_MFD_API_H
 
 #include <cstdint>
+#include <string_view>
 
 // Result codes of detection (0 is success).
 inline constexpr int32_t MFD_ERR_INVALID_PARAM = 1;  // missing argument, or a detector failed
@@ -164,6 +165,14 @@ int32_t mfd_detectMediaFormat(mfdInstance *handle, const char *path, mfdMediaInf
 // 0, or 1 when a pointer is NULL.
 int32_t mfd_getMediaProtocolDetails(const mfdMediaInfo *info, const char **mimeType,
                                     const char **profileName, const char **protocolInfo);
+
+// The extension (without the dot) a media URL gives a file of `formatId`
+// whose name ends in `fileExtension` (the text after its last dot, empty
+// when it has none): that text itself when it is a short run of letters and
+// digits naming the format, in whatever case, and the format's usual
+// extension otherwise.  Empty for an unknown format.  The result points into
+// `fileExtension` or a constant.
+std::string_view mfd_resourceExtension(uint32_t formatId, std::string_view fileExtension);
 
 // True when the file name's extension (after the last dot) is "pcm", "wav" or
 // "bmp", in any case: most detectors leave such files to their own detectors.

@@ -3,6 +3,9 @@
 // hostile arguments, each as rows of a table.
 #include <gtest/gtest.h>
 
+#include <iconv.h>
+
+#include <algorithm>
 #include <filesystem>
 
 #include "dms_test.h"
@@ -255,6 +258,77 @@ TEST(BrowsePages, EveryChildOnceAcrossPages) {
       char title[8];
       std::snprintf(title, sizeof title, "%03d", i);
       EXPECT_EQ(seen[i], title);
+    }
+  }
+}
+
+// True when `text` is UTF-8 that a strict XML 1.0 parser reads: glibc's
+// converter refuses any ill-formed sequence, and no decoded character may
+// be one XML forbids.
+bool isStrictXmlText(const std::string &text) {
+  iconv_t converter = iconv_open("UTF-32LE", "UTF-8");
+  std::string input = text;
+  std::u32string output(text.size() + 1, U'\0');
+  char *in = input.data();
+  char *out = reinterpret_cast<char *>(output.data());
+  size_t inLeft = input.size(), outLeft = output.size() * sizeof(char32_t);
+  const bool converted = iconv(converter, &in, &inLeft, &out, &outLeft) != static_cast<size_t>(-1);
+  iconv_close(converter);
+  if (!converted) return false;
+  output.resize(output.size() - outLeft / sizeof(char32_t));
+  for (char32_t c : output) {
+    if ((c < 0x20 && c != '\t' && c != '\n' && c != '\r') || c == 0xFFFE || c == 0xFFFF) return false;
+  }
+  return true;
+}
+
+// Names as old disks and other systems write them: no extension, dots
+// inside, a misleading extension, Latin-1 bytes and control characters.
+// Every page stays readable by a strict parser and every item plays from
+// the URL its page gives.
+TEST(OddFileNames, PagesStayWellFormedAndEveryUrlPlays) {
+  struct Row {
+    std::string name;
+    std::string title;      // as the page shows it
+    std::string extension;  // of the URL
+  } rows[] = {
+      {"Mr. Brightside", "Mr", ".mp3"},
+      {"01. Intro.final", "01. Intro", ".mp3"},
+      {"LOUD.MP3", "LOUD", ".MP3"},
+      {"song.mp3.part", "song.mp3", ".mp3"},
+      {"caf\xE9.mp3", "caf\xC3\xA9", ".mp3"},
+      {"caf\xC3\xA9 ok.mp3", "caf\xC3\xA9 ok", ".mp3"},
+      {"bell\x01" "esc\x1B.mp3", "bellesc", ".mp3"},
+      {"half\xE2\x82.mp3", "half\xC3\xA2\xEF\xBF\xBD", ".mp3"},
+      {"tab\tname.mp3", "tab\tname", ".mp3"},
+  };
+  TempDir tree;
+  const std::string song = tree.copy(kSong, "odd/" + rows[0].name);
+  for (const Row &row : rows) {
+    if (row.name != rows[0].name) std::filesystem::create_hard_link(song, tree / ("odd/" + row.name));
+  }
+  RunningServer server;
+  ASSERT_TRUE(server.start({tree / "odd"}));
+  const std::string folder = children(server.port(), "0").at(0).id();
+  const std::string bytes = readFile(song);
+  for (const CdsAnswer &page : {browse(server.port(), folder, "BrowseDirectChildren"),
+                                search(server.port(), folder, "dc:title contains \"\"")}) {
+    ASSERT_TRUE(page.wellFormed);
+    EXPECT_TRUE(isStrictXmlText(page.result));
+    ASSERT_EQ(page.objects.size(), std::size(rows));
+    for (const Row &row : rows) {
+      SCOPED_TRACE(row.name);
+      auto found = std::find_if(page.objects.begin(), page.objects.end(),
+                                [&](const DidlObject &object) { return object.title() == row.title; });
+      ASSERT_NE(found, page.objects.end());
+      const std::string url = found->res.at(0).at("url");
+      EXPECT_EQ(url.substr(url.rfind('.')), row.extension);
+      const std::string path = url.substr(url.find("/web/"));
+      const HttpResponse answer = httpGet(server.mediaPort(), path);
+      EXPECT_EQ(answer.status, 200);
+      EXPECT_EQ(answer.body, bytes);
+      EXPECT_EQ(httpGet(server.port(), path).status, 200);
+      EXPECT_TRUE(isStrictXmlText(browse(server.port(), found->id(), "BrowseMetadata").result));
     }
   }
 }
