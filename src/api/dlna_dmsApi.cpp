@@ -138,16 +138,27 @@ int32_t startSdk(dmsHandle *handle, dmsConfig *config) {
   return DMS_SUCCESS;
 }
 
-// Registers the description once, to prove it and to set the subscription
-// time-out, then unregisters it again: start registers for good.
-int32_t proveDescription(dmsHandle *handle) {
+// Registers the device with the SDK (which then serves its description and
+// routes its actions and subscriptions to the event manager) and sets the
+// subscription time-out.  Nothing is announced: start advertises.
+int32_t registerDevice(dmsHandle *handle) {
   int result = UpnpRegisterRootDevice2(UPNPREG_BUF_DESC, handle->description, 0, 1,
-                                       dmsDeviceEventHandlerCbf, nullptr, &handle->deviceHandle);
+                                       dmsDeviceEventHandlerCbf, handle->eventMgr, &handle->deviceHandle);
   if (result != UPNP_E_SUCCESS) return traceSdkFailure(result, "UpnpRegisterRootDevice2", DMS_ERR_INVALID_PARAM);
+  handle->registered = 1;
+  // Events and subscriptions go out under the handle of this registration.
+  handle->eventMgr->deviceHandle = handle->deviceHandle;
   result = UpnpSetMaxSubscriptionTimeOut(handle->deviceHandle, DMS_ADVERTISEMENT_MAX_AGE);
-  int unregister = UpnpUnRegisterRootDevice(handle->deviceHandle);
   if (result != UPNP_E_SUCCESS) return traceSdkFailure(result, "UpnpSetMaxSubscriptionTimeOut", DMS_ERR_INVALID_PARAM);
-  if (unregister != UPNP_E_SUCCESS) return traceSdkFailure(unregister, "UpnpUnRegisterRootDevice", DMS_ERR_INVALID_PARAM);
+  return DMS_SUCCESS;
+}
+
+// Unregisters the device: the SDK sends ssdp:byebye and stops answering for it.
+int32_t unregisterDevice(dmsHandle *handle) {
+  if (!handle->registered) return DMS_SUCCESS;
+  handle->registered = 0;
+  int result = UpnpUnRegisterRootDevice(handle->deviceHandle);
+  if (result != UPNP_E_SUCCESS) return traceSdkFailure(result, "UpnpUnRegisterRootDevice", DMS_ERR_INVALID_PARAM);
   return DMS_SUCCESS;
 }
 
@@ -160,8 +171,8 @@ int32_t listenForMedia(dmsHandle *handle, int32_t port) {
                                        handle->contentList, dmsMediaServerLimits{});
   if (result != DMS_SUCCESS) return result;
   handle->mediaPort = dmsMediaServerPort(handle->mediaServer);
-  // Written while no Browse can run: at create, or while the device is
-  // unregistered.
+  // Browse may be running (the device is registered from create): the
+  // port is atomic, and an answer names either the old port or the new.
   if (handle->cdsContext != nullptr) handle->cdsContext->serverPort = handle->mediaPort;
   return DMS_SUCCESS;
 }
@@ -176,7 +187,7 @@ int32_t openMediaServer(dmsHandle *handle, int32_t port) {
 }
 
 int32_t createServices(dmsHandle *handle) {
-  int32_t result = dmsDevEventMgrInit(&handle->eventMgr, handle->deviceHandle, handle->uuid);
+  int32_t result = dmsDevEventMgrInit(&handle->eventMgr, -1, handle->uuid);
   if (result != 0) return traceSdkFailure(result, "dmsDevEventMgrInit", result);
   result = dmsCdsMgrInit(&handle->cdsContext, handle->eventMgr, handle->contentList,
                          handle->config.ipAddress, handle->mediaPort);
@@ -231,8 +242,8 @@ int32_t createServer(dmsHandle **out, dmsConfig *config, const dmsDeviceInfo *de
                                    config->numSharedPaths, config->maxContent);
   if (result != DMS_SUCCESS) return traceSdkFailure(result, "dmsClmCreateContentList", result);
   if ((result = openMediaServer(handle, config->port + 1)) != DMS_SUCCESS) return result;
-  if ((result = proveDescription(handle)) != DMS_SUCCESS) return result;
   if ((result = createServices(handle)) != DMS_SUCCESS) return result;
+  if ((result = registerDevice(handle)) != DMS_SUCCESS) return result;
   if (!initLocking(handle)) {
     return traceSdkFailure(DMS_ERR_MUTEX_FAILURE, "osal_pthread_mutex_init", DMS_ERR_MUTEX_FAILURE);
   }
@@ -261,20 +272,19 @@ int32_t startServer(dmsHandle *handle) {
     int32_t opened = openMediaServer(handle, handle->mediaPort);
     if (opened != DMS_SUCCESS) return opened;
   }
-  int result = UpnpRegisterRootDevice2(UPNPREG_BUF_DESC, handle->description, 0, 1,
-                                       dmsDeviceEventHandlerCbf, handle->eventMgr,
-                                       &handle->deviceHandle);
-  if (result != UPNP_E_SUCCESS) return traceSdkFailure(result, "UpnpRegisterRootDevice2", DMS_ERR_INVALID_PARAM);
-  // Events and subscriptions must go out under the handle of this
-  // registration, not the one create used to prove the description.
-  handle->eventMgr->deviceHandle = handle->deviceHandle;
+  // Registered since create, or again after a stop.
+  if (!handle->registered) {
+    int32_t registered = registerDevice(handle);
+    if (registered != DMS_SUCCESS) return registered;
+  }
+  int result = UPNP_E_SUCCESS;
   for (int round = 0; round < 2; ++round) {
     result = UpnpSendAdvertisement(handle->deviceHandle, DMS_ADVERTISEMENT_MAX_AGE);
     if (result != UPNP_E_SUCCESS) return traceSdkFailure(result, "UpnpSendAdvertisement", DMS_ERR_UPNP_FAILURE);
   }
   int32_t status = setState(handle, DMS_STATE_STARTED, true, "osal_pthread_mutex_lock");
   if (status != DMS_SUCCESS) return status;
-  // A second start without a stop re-registers the device but keeps the one
+  // A second start without a stop advertises again but keeps the one
   // advertiser that is already running.
   if (handle->hasAdvertiserThread) return DMS_SUCCESS;
   if (pthread_create(&handle->advertiserThread, nullptr, dmsDeviceAdvertiser, handle) != 0) {
@@ -291,13 +301,12 @@ int32_t stopServer(dmsHandle *handle) {
     pthread_join(handle->advertiserThread, nullptr);
     handle->hasAdvertiserThread = 0;
   }
-  int result = UpnpUnRegisterRootDevice(handle->deviceHandle);
+  const int32_t unregistered = unregisterDevice(handle);
   // Media connections are closed whatever the players do, so that a host
   // that stops on SIGTERM exits at once.
   dmsMediaServerStop(handle->mediaServer);
   handle->mediaServer = nullptr;
-  if (result != UPNP_E_SUCCESS) return traceSdkFailure(result, "UpnpUnRegisterRootDevice", DMS_ERR_INVALID_PARAM);
-  return DMS_SUCCESS;
+  return unregistered;
 }
 
 int32_t setMediaPort(dmsHandle *handle, int32_t port) {
@@ -385,7 +394,6 @@ extern "C" DMS_EXPORT dmsContentListInfo *dlna_dmsGetContentList(dmsHandle *hand
 }
 
 int dmsDeviceEventHandlerCbf(Upnp_EventType eventType, const void *event, void *cookie) {
-  // While create proves the description there is no event manager yet.
   if (cookie == nullptr) return 0;
   dmsGuardVoid("dmsDeviceEventHandlerCbf", [&] {
     int32_t result = dmsDevEventMgrEventProcess(static_cast<dmsDevEventMgr *>(cookie), eventType, event);

@@ -32,10 +32,16 @@ inline constexpr int32_t DMS_ADVERTISEMENT_MAX_AGE = 1800;
 //
 // Locking: `mutex` guards `state` and `lastAdvertisement` (and `wake` waits on it), which the host
 // thread (start, stop) and the advertiser thread share.  Every other field is
-// written by the host thread only while no SDK callback can reach the server
-// (create, destroy, or between stop and start).
+// written by the host thread only; fields SDK callbacks read (through the
+// services) are written only while the device is unregistered, or are
+// atomic in the service that reads them.
+//
+// Registration: the device is registered once at create and stays so until
+// stop, then again from start to stop.  Registering only to unregister again
+// would announce a departure (ssdp:byebye) at every start.
 struct dmsHandle {
   UpnpDevice_Handle deviceHandle;
+  int32_t registered;  // deviceHandle is registered with the SDK
   dmsContentListInfo *contentList;
   dmsDevEventMgr *eventMgr;
   dmsCdsMgrHandle *cdsContext;

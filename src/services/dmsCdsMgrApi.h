@@ -29,7 +29,7 @@ struct dmsCdsMgrHandle {
   dmsDevEventMgr *eventMgr = nullptr;         // borrowed: outlives the service
   dmsContentListInfo *contentList = nullptr;  // borrowed: outlives the service
   char serverAddress[256] = {0};
-  int32_t serverPort = 0;
+  std::atomic<int32_t> serverPort{0};  // the media port; set while Browse may run
   std::atomic<uint32_t> notifyCount{0};  // content changes evented; Browse's UpdateID
   std::unique_ptr<dmsCdsEventModerator> moderator;  // sends the change events
 };

@@ -250,7 +250,73 @@ TEST(ServerLifecycle, ReconfigurationIsSeenByControlPoints) {
   EXPECT_EQ(dlna_dmsRestart(nullptr), DMS_ERR_INVALID_PARAM);
 }
 
-// Calls out of order or with bad arguments are refused with their codes and
+// Collects the SSDP messages multicast on loopback.
+class SsdpListener {
+ public:
+  SsdpListener() : fd_(::socket(AF_INET, SOCK_DGRAM, 0)) {
+    const int on = 1;
+    ::setsockopt(fd_, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+    sockaddr_in any{};
+    any.sin_family = AF_INET;
+    any.sin_port = htons(1900);
+    EXPECT_EQ(::bind(fd_, reinterpret_cast<sockaddr *>(&any), sizeof any), 0);
+    ip_mreq group{};
+    inet_pton(AF_INET, "239.255.255.250", &group.imr_multiaddr);
+    inet_pton(AF_INET, "127.0.0.1", &group.imr_interface);
+    EXPECT_EQ(::setsockopt(fd_, IPPROTO_IP, IP_ADD_MEMBERSHIP, &group, sizeof group), 0);
+  }
+  ~SsdpListener() { ::close(fd_); }
+  SsdpListener(const SsdpListener &) = delete;
+  SsdpListener &operator=(const SsdpListener &) = delete;
+  // Every message that arrives within timeoutMs of the one before.
+  std::vector<std::string> drain(int timeoutMs) {
+    std::vector<std::string> messages;
+    pollfd ready{fd_, POLLIN, 0};
+    while (::poll(&ready, 1, timeoutMs) == 1) {
+      char datagram[2048];
+      const ssize_t length = ::recv(fd_, datagram, sizeof datagram, 0);
+      if (length <= 0) break;
+      messages.emplace_back(datagram, static_cast<size_t>(length));
+    }
+    return messages;
+  }
+
+ private:
+  int fd_;
+};
+
+// A starting server announces no departure, and from the moment its
+// description answers, so does its ContentDirectory.
+TEST(ServerLifecycle, StartingSaysNoByebyeAndServesEverythingAtOnce) {
+  TempDir folder;
+  folder.copy("audio/mp3/mpeg1-44k-cbr128.mp3", "one.mp3");
+  SsdpListener ssdp;
+  std::atomic<bool> done{false};
+  std::atomic<int> described{0}, unanswered{0};
+  std::thread prober([&] {
+    while (!done) {
+      if (httpGet(kPort, "/description.xml").status == 200) {
+        ++described;
+        if (browse(kPort, "0", "BrowseMetadata").status != 200) ++unanswered;
+      }
+      std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+  });
+  RunningServer server;
+  const bool created = server.create({folder.path()});
+  std::this_thread::sleep_for(std::chrono::milliseconds(200));
+  const bool started = created && server.startCreated();
+  std::vector<std::string> messages = ssdp.drain(1000);
+  done = true;
+  prober.join();
+  ASSERT_TRUE(started);
+  auto isAlive = [](const std::string &m) { return m.find("ssdp:alive") != std::string::npos; };
+  EXPECT_TRUE(std::any_of(messages.begin(), messages.end(), isAlive));
+  for (const std::string &message : messages) EXPECT_EQ(message.find("ssdp:byebye"), std::string::npos);
+  EXPECT_GT(described.load(), 0);
+  EXPECT_EQ(unanswered.load(), 0);
+}
+
 // leave the server as it was.
 TEST(ServerLifecycle, MisuseIsRefusedAndHarmless) {
   TempDir folder;

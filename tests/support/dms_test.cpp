@@ -421,8 +421,8 @@ std::string Subscriber::next(int timeoutMs) {
 
 // ---- a running server ------------------------------------------------------
 
-bool RunningServer::start(const std::vector<std::string> &folders, const std::string &name,
-                          int maxContent) {
+bool RunningServer::create(const std::vector<std::string> &folders, const std::string &name,
+                           int maxContent) {
   EXPECT_EQ(::chdir(DMS_TEST_WWW), 0);
   EXPECT_EQ(dlna_dmsInit(), 0);
   std::vector<std::string> copies(folders);
@@ -446,6 +446,10 @@ bool RunningServer::start(const std::vector<std::string> &folders, const std::st
     return false;
   }
   port_ = config.port;
+  return true;
+}
+
+bool RunningServer::startCreated() {
   const int32_t started = dlna_dmsStart(handle_);
   EXPECT_EQ(started, 0);
   return started == 0;

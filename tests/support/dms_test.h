@@ -183,7 +183,13 @@ class RunningServer {
   RunningServer &operator=(const RunningServer &) = delete;
   // False (with a test failure) when create or start fails.
   bool start(const std::vector<std::string> &folders, const std::string &name = "Test Server",
-             int maxContent = 10000);
+             int maxContent = 10000) {
+    return create(folders, name, maxContent) && startCreated();
+  }
+  // The two halves of start, for tests of what happens in between.
+  bool create(const std::vector<std::string> &folders, const std::string &name = "Test Server",
+              int maxContent = 10000);
+  bool startCreated();
   void stop();
   int port() const { return port_; }
   int mediaPort() const { return dlna_dmsGetMediaPort(handle_); }
