@@ -336,12 +336,6 @@ int32_t destroyServer(dmsHandle *handle) {
   return tearDownServer(handle);
 }
 
-// Runs `body` and turns anything it throws into DMS_ERR_FAILURE.
-template <typename Body>
-int32_t guarded(const char *name, Body body) {
-  return dmsGuard(name, DMS_ERR_FAILURE, body);
-}
-
 }  // namespace
 
 extern "C" DMS_EXPORT int32_t dlna_dmsCreate(dmsHandle **out, dmsConfig *config,
@@ -350,7 +344,7 @@ extern "C" DMS_EXPORT int32_t dlna_dmsCreate(dmsHandle **out, dmsConfig *config,
     DMS_TRACE(OSAL_TRACE_ERR, "Error in Input Parameters\n");
     return DMS_ERR_INVALID_PARAM;
   }
-  return guarded("dlna_dmsCreate", [&] { return createServer(out, config, deviceInfo); });
+  return dmsApiGuard("dlna_dmsCreate", [&] { return createServer(out, config, deviceInfo); });
 }
 
 extern "C" DMS_EXPORT int32_t dlna_dmsStart(dmsHandle *handle) {
@@ -358,7 +352,7 @@ extern "C" DMS_EXPORT int32_t dlna_dmsStart(dmsHandle *handle) {
     DMS_TRACE(OSAL_TRACE_ERR, "Error in Input Parameters\n");
     return DMS_ERR_INVALID_PARAM;
   }
-  return guarded("dlna_dmsStart", [&] { return startServer(handle); });
+  return dmsApiGuard("dlna_dmsStart", [&] { return startServer(handle); });
 }
 
 extern "C" DMS_EXPORT int32_t dlna_dmsStop(dmsHandle *handle) {
@@ -366,7 +360,7 @@ extern "C" DMS_EXPORT int32_t dlna_dmsStop(dmsHandle *handle) {
     DMS_TRACE(OSAL_TRACE_ERR, "Error in Input Parameters\n");
     return DMS_ERR_INVALID_PARAM;
   }
-  return guarded("dlna_dmsStop", [&] { return stopServer(handle); });
+  return dmsApiGuard("dlna_dmsStop", [&] { return stopServer(handle); });
 }
 
 extern "C" DMS_EXPORT int32_t dlna_dmsDestroy(dmsHandle *handle) {
@@ -374,7 +368,7 @@ extern "C" DMS_EXPORT int32_t dlna_dmsDestroy(dmsHandle *handle) {
     DMS_TRACE(OSAL_TRACE_ERR, "Error in Input Parameters\n");
     return DMS_ERR_INVALID_PARAM;
   }
-  return guarded("dlna_dmsDestroy", [&] { return destroyServer(handle); });
+  return dmsApiGuard("dlna_dmsDestroy", [&] { return destroyServer(handle); });
 }
 
 extern "C" DMS_EXPORT int32_t dlna_dmsSetMediaPort(dmsHandle *handle, int32_t port) {
@@ -382,15 +376,18 @@ extern "C" DMS_EXPORT int32_t dlna_dmsSetMediaPort(dmsHandle *handle, int32_t po
     DMS_TRACE(OSAL_TRACE_ERR, "Error in Input Parameters\n");
     return DMS_ERR_INVALID_PARAM;
   }
-  return guarded("dlna_dmsSetMediaPort", [&] { return setMediaPort(handle, port); });
+  return dmsApiGuard("dlna_dmsSetMediaPort", [&] { return setMediaPort(handle, port); });
 }
 
 extern "C" DMS_EXPORT int32_t dlna_dmsGetMediaPort(const dmsHandle *handle) {
-  return handle == nullptr || handle->mediaServer == nullptr ? 0 : handle->mediaPort;
+  if (handle == nullptr) return 0;
+  return dmsGuard("dlna_dmsGetMediaPort", 0, [&] { return handle->mediaServer == nullptr ? 0 : handle->mediaPort; });
 }
 
 extern "C" DMS_EXPORT dmsContentListInfo *dlna_dmsGetContentList(dmsHandle *handle) {
-  return handle == nullptr ? nullptr : handle->contentList;
+  if (handle == nullptr) return nullptr;
+  return dmsGuard("dlna_dmsGetContentList", static_cast<dmsContentListInfo *>(nullptr),
+                  [&] { return handle->contentList; });
 }
 
 int dmsDeviceEventHandlerCbf(Upnp_EventType eventType, const void *event, void *cookie) {

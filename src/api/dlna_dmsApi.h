@@ -11,6 +11,7 @@
 #include <ctime>
 
 #include "dlna_dms.h"
+#include "util/dmsGuard.h"
 
 struct dmsDevEventMgr;
 struct dmsCdsMgrHandle;
@@ -67,6 +68,13 @@ struct dmsHandle {
   dmsMediaServer *mediaServer;
   int32_t mediaPort;
 };
+
+// Runs the body of an exported function: what it returns, or
+// DMS_ERR_FAILURE (traced) when it throws.
+template <typename Body>
+int32_t dmsApiGuard(const char *name, Body &&body) {
+  return dmsGuard(name, DMS_ERR_FAILURE, body);
+}
 
 // Formats the device description from the handle's configuration, device
 // information and UUID into a newly malloc'ed text (*out).  Argument values

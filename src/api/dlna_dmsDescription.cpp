@@ -10,6 +10,7 @@
 
 #include "api/dlna_dmsApi.h"
 #include "util/dlnaUtil_xmlText.h"
+#include "util/dmsGuard.h"
 #include "util/osal_trace.h"
 
 namespace {
@@ -144,7 +145,7 @@ bool advertiseIfDue(dmsHandle *handle) {
 
 int32_t dmsFormatDeviceDescription(const dmsHandle *handle, char **out) {
   if (handle == nullptr || out == nullptr) return DMS_ERR_INVALID_PARAM;
-  try {
+  return dmsGuard("dmsFormatDeviceDescription", DMS_ERR_NO_MEMORY, [&] {
     const dmsDeviceInfo &info = handle->deviceInfo;
     const std::string args[9] = {
         escapeXml(handle->config.friendlyName, sizeof handle->config.friendlyName),
@@ -169,9 +170,7 @@ int32_t dmsFormatDeviceDescription(const dmsHandle *handle, char **out) {
 #pragma GCC diagnostic pop
     *out = text;
     return DMS_SUCCESS;
-  } catch (const std::bad_alloc &) {
-    return DMS_ERR_NO_MEMORY;
-  }
+  });
 }
 
 void *dmsDeviceAdvertiser(void *arg) {
@@ -180,15 +179,18 @@ void *dmsDeviceAdvertiser(void *arg) {
     DMS_TRACE(OSAL_TRACE_ERR, "Error in Input Parameters\n");
     return nullptr;
   }
-  while (readState(handle) == DMS_STATE_STARTED) {
-    if (!advertiseIfDue(handle)) break;
-    // Sleep a second, or less when stop changes the state meanwhile.
-    timespec until{};
-    clock_gettime(CLOCK_MONOTONIC, &until);
-    until.tv_sec += 1;
-    pthread_mutex_lock(&handle->mutex);
-    if (handle->state == DMS_STATE_STARTED) pthread_cond_timedwait(&handle->wake, &handle->mutex, &until);
-    pthread_mutex_unlock(&handle->mutex);
-  }
+  // A thread body is a C edge like any callback.
+  dmsGuardVoid("dmsDeviceAdvertiser", [&] {
+    while (readState(handle) == DMS_STATE_STARTED) {
+      if (!advertiseIfDue(handle)) break;
+      // Sleep a second, or less when stop changes the state meanwhile.
+      timespec until{};
+      clock_gettime(CLOCK_MONOTONIC, &until);
+      until.tv_sec += 1;
+      pthread_mutex_lock(&handle->mutex);
+      if (handle->state == DMS_STATE_STARTED) pthread_cond_timedwait(&handle->wake, &handle->mutex, &until);
+      pthread_mutex_unlock(&handle->mutex);
+    }
+  });
   return nullptr;
 }

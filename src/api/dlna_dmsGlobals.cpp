@@ -1,4 +1,5 @@
 // Library-wide set-up and the host-tunable scan switch.
+#include "api/dlna_dmsApi.h"
 #include "dlna_dms.h"
 #include "util/osal_trace.h"
 
@@ -8,8 +9,10 @@ DMS_EXPORT __attribute__((weak)) int KVSUPPORT_XR_VAL = 0;
 }
 
 extern "C" DMS_EXPORT int32_t dlna_dmsInit(void) {
-  osal_traceInitialize();
-  return DMS_SUCCESS;
+  return dmsApiGuard("dlna_dmsInit", [] {
+    osal_traceInitialize();
+    return DMS_SUCCESS;
+  });
 }
 
 extern "C" DMS_EXPORT int32_t dlna_dmsDeinit(void) { return DMS_SUCCESS; }

@@ -21,13 +21,7 @@ int32_t readState(dmsHandle *handle) {
   return state;
 }
 
-}  // namespace
-
-extern "C" DMS_EXPORT int32_t dlna_dmsRestart(dmsHandle *handle) {
-  if (handle == nullptr) {
-    DMS_TRACE(OSAL_TRACE_ERR, "Error in Input Parameters\n");
-    return DMS_ERR_INVALID_PARAM;
-  }
+int32_t restartServer(dmsHandle *handle) {
   if (readState(handle) != DMS_STATE_STARTED) {
     DMS_TRACE(OSAL_TRACE_ERR, "DMS Not Started Yet\n");
     return DMS_ERR_NOT_STARTED;
@@ -49,6 +43,47 @@ extern "C" DMS_EXPORT int32_t dlna_dmsRestart(dmsHandle *handle) {
   return DMS_SUCCESS;
 }
 
+// Every change ends in a restart; its failure is the change's.
+int32_t restartAfterChange(dmsHandle *handle) {
+  int32_t result = restartServer(handle);
+  if (result != DMS_SUCCESS) DMS_TRACE(OSAL_TRACE_ERR, "Error while Restarting the DMS \n");
+  return result;
+}
+
+int32_t renameServer(dmsHandle *handle, const char *friendlyName) {
+  std::snprintf(handle->config.friendlyName, sizeof handle->config.friendlyName, "%s", friendlyName);
+  char *description = nullptr;
+  int32_t result = dmsFormatDeviceDescription(handle, &description);
+  if (result != DMS_SUCCESS) return result;
+  std::free(handle->description);
+  handle->description = description;
+  return restartAfterChange(handle);
+}
+
+int32_t addSharedPath(dmsHandle *handle, char *newSharedPath) {
+  int32_t result = dmsClmAddToContentList(handle->contentList, newSharedPath);
+  if (result != DMS_SUCCESS) {
+    DMS_TRACE(OSAL_TRACE_ERR, "Error [%d] in %s()\n", result, "dmsClmCreateContentList");
+    return result;
+  }
+  return restartAfterChange(handle);
+}
+
+int32_t deleteSharedPath(dmsHandle *handle, const char *sharedPath) {
+  dmsClmRemoveFromContentList(handle->contentList, sharedPath);
+  return restartAfterChange(handle);
+}
+
+}  // namespace
+
+extern "C" DMS_EXPORT int32_t dlna_dmsRestart(dmsHandle *handle) {
+  if (handle == nullptr) {
+    DMS_TRACE(OSAL_TRACE_ERR, "Error in Input Parameters\n");
+    return DMS_ERR_INVALID_PARAM;
+  }
+  return dmsApiGuard("dlna_dmsRestart", [&] { return restartServer(handle); });
+}
+
 extern "C" DMS_EXPORT int32_t dlna_dmsUpdateFriendlyName(dmsHandle *handle, const char *friendlyName) {
   if (handle == nullptr || friendlyName == nullptr) {
     DMS_TRACE(OSAL_TRACE_ERR, "Error in Input Parameters\n");
@@ -58,18 +93,7 @@ extern "C" DMS_EXPORT int32_t dlna_dmsUpdateFriendlyName(dmsHandle *handle, cons
     DMS_TRACE(OSAL_TRACE_ERR, "Friendly Name should not exceed %d characters\n", static_cast<int>(kMaxFriendlyName));
     return DMS_ERR_INVALID_PARAM;
   }
-  std::snprintf(handle->config.friendlyName, sizeof handle->config.friendlyName, "%s", friendlyName);
-  char *description = nullptr;
-  int32_t result = dmsFormatDeviceDescription(handle, &description);
-  if (result != DMS_SUCCESS) return result;
-  std::free(handle->description);
-  handle->description = description;
-  result = dlna_dmsRestart(handle);
-  if (result != DMS_SUCCESS) {
-    DMS_TRACE(OSAL_TRACE_ERR, "Error while Restarting the DMS \n");
-    return result;
-  }
-  return DMS_SUCCESS;
+  return dmsApiGuard("dlna_dmsUpdateFriendlyName", [&] { return renameServer(handle, friendlyName); });
 }
 
 extern "C" DMS_EXPORT int32_t dlna_dmsAddSharedPath(dmsHandle *handle, char *newSharedPath) {
@@ -81,17 +105,7 @@ extern "C" DMS_EXPORT int32_t dlna_dmsAddSharedPath(dmsHandle *handle, char *new
     DMS_TRACE(OSAL_TRACE_ERR, "Error in Input Parameters: p_ch_newSharedPath\n");
     return DMS_ERR_INVALID_PARAM;
   }
-  int32_t result = dmsClmAddToContentList(handle->contentList, newSharedPath);
-  if (result != DMS_SUCCESS) {
-    DMS_TRACE(OSAL_TRACE_ERR, "Error [%d] in %s()\n", result, "dmsClmCreateContentList");
-    return result;
-  }
-  result = dlna_dmsRestart(handle);
-  if (result != DMS_SUCCESS) {
-    DMS_TRACE(OSAL_TRACE_ERR, "Error while Restarting the DMS \n");
-    return result;
-  }
-  return DMS_SUCCESS;
+  return dmsApiGuard("dlna_dmsAddSharedPath", [&] { return addSharedPath(handle, newSharedPath); });
 }
 
 extern "C" DMS_EXPORT int32_t dlna_dmsDeleteSharedPath(dmsHandle *handle, const char *sharedPath) {
@@ -99,8 +113,5 @@ extern "C" DMS_EXPORT int32_t dlna_dmsDeleteSharedPath(dmsHandle *handle, const 
     DMS_TRACE(OSAL_TRACE_ERR, "Error in Input Parameters\n");
     return DMS_ERR_INVALID_PARAM;
   }
-  dmsClmRemoveFromContentList(handle->contentList, sharedPath);
-  int32_t result = dlna_dmsRestart(handle);
-  if (result != DMS_SUCCESS) DMS_TRACE(OSAL_TRACE_ERR, "Error while Restarting the DMS \n");
-  return result;
+  return dmsApiGuard("dlna_dmsDeleteSharedPath", [&] { return deleteSharedPath(handle, sharedPath); });
 }

@@ -12,6 +12,7 @@
 #include "content/dmsClmScan.h"
 #include "content/dmsClmChange.h"
 #include "content/dmsFsmApi.h"
+#include "util/dmsGuard.h"
 #include "util/osal_trace.h"
 
 static constexpr char kTraceFile[] = "dmsClmApi";
@@ -243,14 +244,9 @@ int32_t dmsClmCreateContentList(dmsContentListInfo **out, char **sharedPaths,
     return DMS_ERR_INVALID_PARAM;
   }
   *out = nullptr;
-  try {
+  return dmsGuard("dmsClmCreateContentList", DMS_ERR_NO_MEMORY, [&] {
     return createList(out, sharedPaths, numSharedPaths, maxContent);
-  } catch (const std::bad_alloc &) {
-    DMS_TRACE(OSAL_TRACE_ERR, "Error in Memory Allocation\n");
-    return DMS_ERR_NO_MEMORY;
-  } catch (...) {
-    return DMS_ERR_FAILURE;
-  }
+  });
 }
 
 int32_t dmsClmFreeContentList(dmsContentListInfo *list) {
@@ -275,16 +271,11 @@ int32_t dmsClmAddToContentList(dmsContentListInfo *list, const char *sharedPath)
     DMS_TRACE(OSAL_TRACE_ERR, "Can't add path [%s], since its a file\n", sharedPath);
     return DMS_ERR_INVALID_PARAM;
   }
-  try {
+  return dmsGuard("dmsClmAddToContentList", DMS_ERR_NO_MEMORY, [&] {
     std::lock_guard changing(list->changeMutex);
     addSharedPaths(list, {{sharedPath, DMS_CLM_TYPE_CONTAINER, static_cast<int64_t>(status.st_size)}});
     return DMS_SUCCESS;
-  } catch (const std::bad_alloc &) {
-    DMS_TRACE(OSAL_TRACE_ERR, "Memory Allocation Failed. Requested Size %d \n", 0);
-    return DMS_ERR_NO_MEMORY;
-  } catch (...) {
-    return DMS_ERR_FAILURE;
-  }
+  });
 }
 
 int32_t dmsClmRemoveFromContentList(dmsContentListInfo *list, const char *sharedPath) {
@@ -307,21 +298,21 @@ int32_t dmsClmRemoveFromContentList(dmsContentListInfo *list, const char *shared
   return DMS_SUCCESS;
 }
 
+// A lock the system refuses (std::system_error) is DMS_ERR_SYNC.
 extern "C" DMS_EXPORT int32_t dmsClmLockContentList(dmsContentListInfo *list) {
   if (list == nullptr) return DMS_ERR_INVALID_PARAM;
-  try {
+  return dmsGuard("dmsClmLockContentList", DMS_ERR_SYNC, [&] {
     list->hostLock.lock();
     return DMS_SUCCESS;
-  } catch (const std::system_error &error) {
-    DMS_TRACE(OSAL_TRACE_ERR, "Error in osal_pthread_mutex_destroy(): %s\n", error.what());
-    return DMS_ERR_SYNC;
-  }
+  });
 }
 
 extern "C" DMS_EXPORT int32_t dmsClmUnlockContentList(dmsContentListInfo *list) {
   if (list == nullptr) return DMS_ERR_INVALID_PARAM;
-  list->hostLock.unlock();
-  return DMS_SUCCESS;
+  return dmsGuard("dmsClmUnlockContentList", DMS_ERR_SYNC, [&] {
+    list->hostLock.unlock();
+    return DMS_SUCCESS;
+  });
 }
 
 int32_t dmsClmGetContentEntryById(dmsContentListInfo *list, dmsContentEntry **out, uint32_t id) {

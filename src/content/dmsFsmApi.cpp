@@ -22,18 +22,15 @@ static constexpr char kTraceFile[] = "dmsFsmApi";
 int32_t dmsFsmInit(dmsFsmMonitor **out, dmsContentListInfo *owner) {
   if (out == nullptr) return DMS_ERR_INVALID_PARAM;
   *out = nullptr;
-  std::unique_ptr<dmsFsmMonitor> monitor;
-  try {
-    monitor = std::make_unique<dmsFsmMonitor>();
-  } catch (const std::bad_alloc &) {
-    return DMS_ERR_NO_MEMORY;
-  }
-  monitor->inotifyDescriptor = inotify_init1(IN_CLOEXEC | IN_NONBLOCK);
-  if (monitor->inotifyDescriptor < 0) return -96;
-  DMS_TRACE(OSAL_TRACE_INFO, "Monitor FD: [%d]\n", monitor->inotifyDescriptor);
-  monitor->owner = owner;
-  *out = monitor.release();
-  return DMS_SUCCESS;
+  return dmsGuard("dmsFsmInit", DMS_ERR_NO_MEMORY, [&]() -> int32_t {
+    auto monitor = std::make_unique<dmsFsmMonitor>();
+    monitor->inotifyDescriptor = inotify_init1(IN_CLOEXEC | IN_NONBLOCK);
+    if (monitor->inotifyDescriptor < 0) return -96;
+    DMS_TRACE(OSAL_TRACE_INFO, "Monitor FD: [%d]\n", monitor->inotifyDescriptor);
+    monitor->owner = owner;
+    *out = monitor.release();
+    return DMS_SUCCESS;
+  });
 }
 
 int32_t dmsFsmDeinit(dmsFsmMonitor *monitor) {
@@ -129,13 +126,11 @@ int32_t dmsFsmStartMonitor(dmsFsmMonitor *monitor, dmsContentEntry *root,
   monitor->handler = handler;
   monitor->stopRequest = false;
   if (handler == nullptr || monitor->owner == nullptr || monitor->thread.joinable()) return DMS_SUCCESS;
-  try {
+  // A thread the system refuses (std::system_error) is DMS_ERR_SYNC.
+  return dmsGuard("dmsFsmStartMonitor", DMS_ERR_SYNC, [&] {
     monitor->thread = std::thread(fsmMonitorThread, monitor);
-  } catch (const std::system_error &error) {
-    std::printf("Error [%d] in %s()\n", error.code().value(), "osal_pthread_create");
-    return DMS_ERR_SYNC;
-  }
-  return DMS_SUCCESS;
+    return DMS_SUCCESS;
+  });
 }
 
 int32_t dmsFsmStopMonitor(dmsFsmMonitor *monitor) {

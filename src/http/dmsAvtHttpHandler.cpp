@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "http/dmsAvtHttpMedia.h"
+#include "util/dmsGuard.h"
 #include "util/osal_trace.h"
 
 namespace {
@@ -197,6 +198,49 @@ UpnpWebFileHandle openFile(const char *path) {
   return handle.release();
 }
 
+// Reads at the handle's position; LPCM leaves in network byte order.  The
+// bytes read, or 0 at the end or on an error: the SDK would send stale
+// memory for a -1.
+int readFile(FileHandle &handle, char *buffer, size_t count) {
+  const ssize_t got = handle.swapSamples
+                          ? static_cast<ssize_t>(dmsAvtHttpReadSwapped(handle.descriptor, buffer, count,
+                                                                       handle.position, handle.dataOffset,
+                                                                       handle.scratch))
+                          : ::pread(handle.descriptor, buffer, count, handle.position);
+  if (got <= 0) return 0;
+  handle.position += got;
+  DMS_TRACE(OSAL_TRACE_INFO, "Read: [%d] Requested: [%d] Pos: [%lld]\n", static_cast<int>(got),
+            static_cast<int>(count), static_cast<long long>(handle.position));
+  return static_cast<int>(got);
+}
+
+// Moves the read position: SEEK_SET counts from the first served byte (past
+// a WAV header), SEEK_END from the end of the file.  0, or -1 for a target
+// before the start.
+int seekFile(FileHandle &file, off_t offset, int origin) {
+  int64_t target;
+  switch (origin) {
+    case SEEK_SET: target = file.dataOffset + offset; break;
+    case SEEK_CUR: target = file.position + offset; break;
+    case SEEK_END: {
+      struct stat status {};
+      if (::fstat(file.descriptor, &status) != 0) {
+        DMS_TRACE(OSAL_TRACE_ERR, "%s: cannot stat: %s\n", file.path.c_str(), std::strerror(errno));
+        return -1;
+      }
+      target = status.st_size + offset;
+      break;
+    }
+    default: target = -1; break;
+  }
+  if (target < 0) {
+    DMS_TRACE(OSAL_TRACE_ERR, "%s: cannot seek: %s\n", file.path.c_str(), std::strerror(EINVAL));
+    return -1;
+  }
+  file.position = target;
+  return 0;
+}
+
 }  // namespace
 
 int32_t dmsAvtHttp_init(const char *baseDirectory, dmsContentListInfo *contentList) {
@@ -204,7 +248,7 @@ int32_t dmsAvtHttp_init(const char *baseDirectory, dmsContentListInfo *contentLi
     DMS_TRACE(OSAL_TRACE_ERR, "Invalid Argument \n");
     return -1;
   }
-  try {
+  return dmsGuard("dmsAvtHttp_init", -1, [&] {
     std::array<std::string, kFixedFiles.size()> paths;
     std::array<int64_t, kFixedFiles.size()> sizes{};
     for (size_t i = 0; i < kFixedFiles.size(); ++i) {
@@ -223,9 +267,7 @@ int32_t dmsAvtHttp_init(const char *baseDirectory, dmsContentListInfo *contentLi
     files.sizes = sizes;
     files.contentList = contentList;
     return 0;
-  } catch (...) {
-    return -1;
-  }
+  });
 }
 
 int32_t dmsAvtHttp_deinit() {
@@ -249,11 +291,7 @@ int32_t dmsAvtHttp_setCallbacks() {
 
 int dmsAvtHttp_getInfo(const char *path, UpnpFileInfo *info, const void * /*cookie*/) {
   if (path == nullptr || info == nullptr) return -1;
-  try {
-    return getFileInfo(path, info);
-  } catch (...) {
-    return -1;
-  }
+  return dmsGuard("dmsAvtHttp_getInfo", -1, [&] { return getFileInfo(path, info); });
 }
 
 UpnpWebFileHandle dmsAvtHttp_open(const char *path, enum UpnpOpenFileMode mode,
@@ -268,14 +306,7 @@ UpnpWebFileHandle dmsAvtHttp_open(const char *path, enum UpnpOpenFileMode mode,
     DMS_TRACE(OSAL_TRACE_ERR, "Invalid UPnP Mode \n");
     return nullptr;
   }
-  try {
-    return openFile(path);
-  } catch (const std::bad_alloc &) {
-    DMS_TRACE(OSAL_TRACE_ERR, "Unable to Allocate Memory \n");
-    return nullptr;
-  } catch (...) {
-    return nullptr;
-  }
+  return dmsGuard("dmsAvtHttp_open", UpnpWebFileHandle{nullptr}, [&] { return openFile(path); });
 }
 
 int dmsAvtHttp_read(UpnpWebFileHandle fileHandle, char *buffer, size_t count,
@@ -286,30 +317,19 @@ int dmsAvtHttp_read(UpnpWebFileHandle fileHandle, char *buffer, size_t count,
     return 0;
   }
   if (buffer == nullptr || count == 0) return 0;
-  auto *handle = static_cast<FileHandle *>(fileHandle);
-  ssize_t got;
-  try {
-    got = handle->swapSamples
-              ? static_cast<ssize_t>(dmsAvtHttpReadSwapped(handle->descriptor, buffer, count,
-                                                           handle->position, handle->dataOffset,
-                                                           handle->scratch))
-              : ::pread(handle->descriptor, buffer, count, handle->position);
-  } catch (...) {
-    return 0;
-  }
-  if (got <= 0) return 0;
-  handle->position += got;
-  DMS_TRACE(OSAL_TRACE_INFO, "Read: [%d] Requested: [%d] Pos: [%lld]\n", static_cast<int>(got),
-            static_cast<int>(count), static_cast<long long>(handle->position));
-  return static_cast<int>(got);
+  return dmsGuard("dmsAvtHttp_read", 0, [&] {
+    return readFile(*static_cast<FileHandle *>(fileHandle), buffer, count);
+  });
 }
 
 int dmsAvtHttp_write(UpnpWebFileHandle, char *, size_t, const void *) {
-  static constexpr char kRow[] = "######################################################\n";
-  DMS_TRACE(OSAL_TRACE_WARN, "%s", kRow);
-  DMS_TRACE(OSAL_TRACE_WARN, "            Function not yet implemented\n");
-  DMS_TRACE(OSAL_TRACE_WARN, "%s", kRow);
-  return 0;
+  return dmsGuard("dmsAvtHttp_write", 0, [] {
+    static constexpr char kRow[] = "######################################################\n";
+    DMS_TRACE(OSAL_TRACE_WARN, "%s", kRow);
+    DMS_TRACE(OSAL_TRACE_WARN, "            Function not yet implemented\n");
+    DMS_TRACE(OSAL_TRACE_WARN, "%s", kRow);
+    return 0;
+  });
 }
 
 int dmsAvtHttp_seek(UpnpWebFileHandle fileHandle, off_t offset, int origin,
@@ -318,32 +338,14 @@ int dmsAvtHttp_seek(UpnpWebFileHandle fileHandle, off_t offset, int origin,
     DMS_TRACE(OSAL_TRACE_ERR, "Invalid File Handle %d\n", 0);
     return -1;
   }
-  auto *handle = static_cast<FileHandle *>(fileHandle);
-  int64_t target;
-  switch (origin) {
-    case SEEK_SET: target = handle->dataOffset + offset; break;
-    case SEEK_CUR: target = handle->position + offset; break;
-    case SEEK_END: {
-      struct stat status {};
-      if (::fstat(handle->descriptor, &status) != 0) {
-        DMS_TRACE(OSAL_TRACE_ERR, "%s: cannot stat: %s\n", handle->path.c_str(), std::strerror(errno));
-        return -1;
-      }
-      target = status.st_size + offset;
-      break;
-    }
-    default: target = -1; break;
-  }
-  if (target < 0) {
-    DMS_TRACE(OSAL_TRACE_ERR, "%s: cannot seek: %s\n", handle->path.c_str(), std::strerror(EINVAL));
-    return -1;
-  }
-  handle->position = target;
-  return 0;
+  return dmsGuard("dmsAvtHttp_seek", -1,
+                  [&] { return seekFile(*static_cast<FileHandle *>(fileHandle), offset, origin); });
 }
 
 int dmsAvtHttp_close(UpnpWebFileHandle fileHandle, const void * /*cookie*/) {
   if (fileHandle == nullptr) return -1;
-  std::unique_ptr<FileHandle> owned(static_cast<FileHandle *>(fileHandle));
-  return 0;
+  return dmsGuard("dmsAvtHttp_close", -1, [&] {
+    std::unique_ptr<FileHandle> owned(static_cast<FileHandle *>(fileHandle));
+    return 0;
+  });
 }

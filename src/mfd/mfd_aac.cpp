@@ -11,6 +11,7 @@
 #include "mfd/mfd_api.h"
 #include "mfd/mfd_audio.h"
 #include "mfd/mfd_reader.h"
+#include "util/dmsGuard.h"
 #include "util/osal_trace.h"
 
 static constexpr char kTraceFile[] = "mfd_aac.c";
@@ -134,15 +135,12 @@ int parseMode3(int fd, mfdMediaInfo *info) {
 
 int mediaFormatAacDetect(int fd, mfdMediaInfo *info, int mode, const char *path) {
   if (info == nullptr || mfd_hasExcludedExtension(path)) return 0;
-  try {
+  return dmsGuardRecover("mediaFormatAacDetect", MFD_ERR_INVALID_PARAM, [&] {
     if (mode == MFD_MODE_DETECT) {
       t_aacHeaderWord = 0;
       return detectMode2(info);
     }
     if (mode == MFD_MODE_PARSE) return parseMode3(fd, info);
-  } catch (const std::exception &) {
-    t_aacHeaderWord = 0;
-    return MFD_ERR_INVALID_PARAM;
-  }
-  return 0;
+    return 0;
+  }, [&] { t_aacHeaderWord = 0; });
 }

@@ -26,6 +26,7 @@
 #include <shared_mutex>
 
 #include "mfd/mfd_reader.h"
+#include "util/dmsGuard.h"
 #include "util/osal_trace.h"
 
 static constexpr char kTraceFile[] = "mfd_api.c";
@@ -381,7 +382,7 @@ int32_t getFormatIndex(uint32_t formatId) {
 
 int32_t mfd_openInstance(mfdInstance **handle) {
   if (handle == nullptr) return DMS_MFD_ERROR(MFD_ERR_INVALID_PARAM);
-  try {
+  return dmsGuard("mfd_openInstance", DMS_MFD_ERROR(MFD_ERR_INVALID_PARAM), [&] {
     auto instance = std::make_unique<mfdInstance>(mfdInstance{0});
     std::unique_lock lock(gs_mfdRegistryLock);
     mfdInstanceSlot &slot = ga_s_mfdInstanceTable[0];
@@ -392,16 +393,14 @@ int32_t mfd_openInstance(mfdInstance **handle) {
     ++slot.state->openCount;
     *handle = instance.release();
     return 0;
-  } catch (...) {
-    return DMS_MFD_ERROR(MFD_ERR_INVALID_PARAM);
-  }
+  });
 }
 
 int32_t mfd_registerFormat(mfdInstance *handle, uint32_t formatId) {
   if (handle == nullptr) return DMS_MFD_ERROR(MFD_ERR_INVALID_PARAM);
   mfdMediaProfileTag *row = formatId < MFD_FORMAT_END ? rowOf(formatId) : nullptr;
   if (row == nullptr) return DMS_MFD_ERROR(MFD_ERR_UNSUPPORTED);
-  try {
+  return dmsGuard("mfd_registerFormat", DMS_MFD_ERROR(MFD_ERR_INVALID_PARAM), [&] {
     std::unique_lock lock(gs_mfdRegistryLock);
     mfdInstanceState *state = stateOf(handle);
     if (state == nullptr) return DMS_MFD_ERROR(MFD_ERR_NO_INSTANCE);
@@ -414,15 +413,13 @@ int32_t mfd_registerFormat(mfdInstance *handle, uint32_t formatId) {
     row->next = rowOf(added->next.get());
     ga_s_mfdObjectTable[index] = {formatId, added};
     return 0;
-  } catch (...) {
-    return DMS_MFD_ERROR(MFD_ERR_INVALID_PARAM);
-  }
+  });
 }
 
 int32_t mfd_unregisterFormat(mfdInstance *handle, uint32_t formatId) {
   if (handle == nullptr) return DMS_MFD_ERROR(MFD_ERR_NO_INSTANCE);
   if (formatId >= MFD_FORMAT_END) return DMS_MFD_ERROR(MFD_ERR_UNSUPPORTED);
-  try {
+  return dmsGuard("mfd_unregisterFormat", DMS_MFD_ERROR(MFD_ERR_INVALID_PARAM), [&] {
     std::unique_lock lock(gs_mfdRegistryLock);
     mfdInstanceState *state = stateOf(handle);
     if (state == nullptr) return DMS_MFD_ERROR(MFD_ERR_NO_INSTANCE);
@@ -440,23 +437,19 @@ int32_t mfd_unregisterFormat(mfdInstance *handle, uint32_t formatId) {
       row->next = nullptr;
     }
     return 0;
-  } catch (...) {
-    return DMS_MFD_ERROR(MFD_ERR_INVALID_PARAM);
-  }
+  });
 }
 
 int32_t mfd_closeInstance(mfdInstance *handle) {
   if (handle == nullptr) return DMS_MFD_ERROR(MFD_ERR_INVALID_PARAM);
   std::unique_ptr<mfdInstance> owned(handle);
-  try {
+  return dmsGuard("mfd_closeInstance", DMS_MFD_ERROR(MFD_ERR_INVALID_PARAM), [&] {
     std::unique_lock lock(gs_mfdRegistryLock);
     mfdInstanceState *state = stateOf(handle);
     if (state != nullptr && --state->openCount > 0) return 0;
     clearRegistry();
     return 0;
-  } catch (...) {
-    return DMS_MFD_ERROR(MFD_ERR_INVALID_PARAM);
-  }
+  });
 }
 
 bool mfd_hasExcludedExtension(const char *path) {
@@ -486,13 +479,13 @@ int32_t mfd_detectMediaFormat(mfdInstance *handle, const char *path, mfdMediaInf
     DMS_TRACE(OSAL_TRACE_ERR, "Error [%d] in %s()\n", errno, "osal_fstat");
     status = {};
   } else {
-    try {
-      result = runDetectors(handle, file.fd(), path, info, findings);
-    } catch (...) {
-      mfd_getDataDeInit();
-      *info = mfdMediaInfo{};
-      result = MFD_ERR_INVALID_PARAM;
-    }
+    result = dmsGuardRecover(
+        "mfd_detectMediaFormat", MFD_ERR_INVALID_PARAM,
+        [&] { return runDetectors(handle, file.fd(), path, info, findings); },
+        [&] {
+          mfd_getDataDeInit();
+          *info = mfdMediaInfo{};
+        });
   }
   info->fileSize = status.st_size;
   info->dataOffset = 0;

@@ -20,6 +20,7 @@
 #include "mfd/mfd_api.h"
 #include "mfd/mfd_asf.h"
 #include "mfd/mfd_video.h"
+#include "util/dmsGuard.h"
 #include "util/osal_trace.h"
 
 static constexpr char kTraceFile[] = "mfd_asf.c";
@@ -265,14 +266,9 @@ int parseMode3(int fd, mfdMediaInfo *info) {
 
 int mediaFormatWmDetect(int fd, mfdMediaInfo *info, int mode, const char * /*path*/) {
   if (info == nullptr) return 0;
-  try {
+  return dmsGuardRecover("mediaFormatWmDetect", MFD_ERR_INVALID_PARAM, [&] {
     if (mode == MFD_MODE_DETECT) return detectMode2(info);
     if (mode == MFD_MODE_PARSE) return parseMode3(fd, info);
-  } catch (...) {
-    // Only allocation can throw: report it as a failed detection.
-    DMS_TRACE(OSAL_TRACE_ERR, "Error [%d] in %s()\n", MFD_ERR_INVALID_PARAM, "mediaFormatWmDetect");
-    if (mode == MFD_MODE_DETECT) *info = mfdMediaInfo{};
-    return MFD_ERR_INVALID_PARAM;
-  }
-  return 0;
+    return 0;
+  }, [&] { if (mode == MFD_MODE_DETECT) *info = mfdMediaInfo{}; });
 }

@@ -12,6 +12,7 @@
 
 #include "mfd/mfd_api.h"
 #include "mfd/mfd_reader.h"
+#include "util/dmsGuard.h"
 #include "util/osal_trace.h"
 
 static constexpr char kTraceFile[] = "mfd_jpeg.c";
@@ -267,9 +268,7 @@ int detect(mfdMediaInfo *info, int mode) {
 
 int mediaFormatJpegDetect(int /*fd*/, mfdMediaInfo *info, int mode, const char * /*path*/) {
   if (info == nullptr) return MFD_ERR_INVALID_PARAM;
-  try {
+  return dmsGuard("mediaFormatJpegDetect", MFD_ERR_INVALID_PARAM, [&] {
     return detect(info, mode);
-  } catch (const std::bad_alloc &) {
-    return MFD_ERR_INVALID_PARAM;
-  }
+  });
 }

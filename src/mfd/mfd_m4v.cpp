@@ -11,6 +11,7 @@
 
 #include "mfd/mfd_api.h"
 #include "mfd/mfd_video.h"
+#include "util/dmsGuard.h"
 #include "util/osal_trace.h"
 
 static constexpr char kTraceFile[] = "mfd_m4v.c";
@@ -52,12 +53,7 @@ int detectMode2(mfdMediaInfo *info, const char *path) {
 
 int mediaFormatM4vDetect(int /*fd*/, mfdMediaInfo *info, int mode, const char *path) {
   if (info == nullptr || mode != MFD_MODE_DETECT) return 0;
-  try {
+  return dmsGuardRecover("mediaFormatM4vDetect", MFD_ERR_INVALID_PARAM, [&] {
     return detectMode2(info, path);
-  } catch (...) {
-    // Only allocation can throw: report it as a failed detection.
-    DMS_TRACE(OSAL_TRACE_ERR, "Error [%d] in %s()\n", MFD_ERR_INVALID_PARAM, "mediaFormatM4vDetect");
-    *info = mfdMediaInfo{};
-    return MFD_ERR_INVALID_PARAM;
-  }
+  }, [&] { *info = mfdMediaInfo{}; });
 }

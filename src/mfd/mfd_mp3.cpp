@@ -14,6 +14,7 @@
 #include "mfd/mfd_api.h"
 #include "mfd/mfd_audio.h"
 #include "mfd/mfd_reader.h"
+#include "util/dmsGuard.h"
 #include "util/osal_trace.h"
 
 static constexpr char kTraceFile[] = "mfd_mp3.c";
@@ -297,15 +298,12 @@ int parseMode3(int fd, mfdMediaInfo *info) {
 
 int mediaFormatMp3Detect(int fd, mfdMediaInfo *info, int mode, const char *path) {
   if (info == nullptr || mfd_hasExcludedExtension(path)) return 0;
-  try {
+  return dmsGuardRecover("mediaFormatMp3Detect", MFD_ERR_INVALID_PARAM, [&] {
     if (mode == MFD_MODE_DETECT) {
       t_mp3Finding = Mp3Finding{};
       return detectMode2(info);
     }
     if (mode == MFD_MODE_PARSE) return parseMode3(fd, info);
-  } catch (const std::exception &) {
-    t_mp3Finding = Mp3Finding{};
-    return MFD_ERR_INVALID_PARAM;
-  }
-  return 0;
+    return 0;
+  }, [&] { t_mp3Finding = Mp3Finding{}; });
 }

@@ -17,6 +17,7 @@
 #include "mfd/mfd_mpts_psi.h"
 #include "mfd/mfd_reader.h"
 #include "mfd/mfd_video.h"
+#include "util/dmsGuard.h"
 #include "util/osal_trace.h"
 
 static constexpr char kTraceFile[] = "mfd_mpts.c";
@@ -213,14 +214,9 @@ int parseMode3(int fd, mfdMediaInfo *info) {
 
 int mediaFormatMptsDetect(int fd, mfdMediaInfo *info, int mode, const char *path) {
   if (info == nullptr) return 0;
-  try {
+  return dmsGuardRecover("mediaFormatMptsDetect", MFD_ERR_INVALID_PARAM, [&] {
     if (mode == MFD_MODE_DETECT) return detectMode2(info, path);
     if (mode == MFD_MODE_PARSE) return parseMode3(fd, info);
-  } catch (...) {
-    // Only allocation can throw: report it as a failed detection.
-    DMS_TRACE(OSAL_TRACE_ERR, "Error [%d] in %s()\n", MFD_ERR_INVALID_PARAM, "mediaFormatMptsDetect");
-    if (mode == MFD_MODE_DETECT) *info = mfdMediaInfo{};
-    return MFD_ERR_INVALID_PARAM;
-  }
-  return 0;
+    return 0;
+  }, [&] { if (mode == MFD_MODE_DETECT) *info = mfdMediaInfo{}; });
 }

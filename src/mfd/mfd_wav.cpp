@@ -11,6 +11,7 @@
 #include "mfd/mfd_api.h"
 #include "mfd/mfd_audio.h"
 #include "mfd/mfd_reader.h"
+#include "util/dmsGuard.h"
 #include "util/osal_trace.h"
 
 static constexpr char kTraceFile[] = "mfd_wav.c";
@@ -112,11 +113,9 @@ int detectMode2(mfdMediaInfo *info) {
 // WAV files are recognised by their header whatever they are called.
 int mediaFormatWavDetect(int fd, mfdMediaInfo *info, int mode, const char * /*path*/) {
   if (info == nullptr) return 0;
-  try {
+  return dmsGuard("mediaFormatWavDetect", MFD_ERR_INVALID_PARAM, [&] {
     if (mode == MFD_MODE_DETECT) return detectMode2(info);
     if (mode == MFD_MODE_PARSE) return parseMode3(fd, info);
-  } catch (const std::exception &) {
-    return MFD_ERR_INVALID_PARAM;
-  }
-  return 0;
+    return 0;
+  });
 }

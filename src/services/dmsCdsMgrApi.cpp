@@ -19,6 +19,7 @@
 #include "dlna_dms.h"
 #include "util/dlnaUtil_xmlParser.h"
 #include "util/dmsErrors.h"
+#include "util/dmsGuard.h"
 #include "util/osal_trace.h"
 
 static constexpr char kTraceFile[] = "dmsCdsMgrApi";
@@ -259,40 +260,36 @@ int32_t dmsCdsMgrInit(dmsCdsMgrHandle **handleOut, dmsDevEventMgr *eventMgr,
     if (handleOut != nullptr) *handleOut = nullptr;
     return DMS_ERR_INVALID_PARAM;
   }
-  std::unique_ptr<dmsCdsMgrHandle> handle;
-  try {
-    handle = std::make_unique<dmsCdsMgrHandle>();
-  } catch (const std::bad_alloc &) {
-    DMS_TRACE(OSAL_TRACE_ERR, "Memory Allocation for size %d bytes Failed\n",
-              static_cast<int>(sizeof(dmsCdsMgrHandle)));
-    *handleOut = nullptr;
-    return DMS_ERR_NO_MEMORY;
-  }
-  // Filled before registering, so that no callback can see a half-made record.
-  handle->eventMgr = eventMgr;
-  handle->contentList = contentList;
-  std::strncpy(handle->serverAddress, serverAddress, sizeof(handle->serverAddress) - 1);
-  handle->serverPort = serverPort;
-  handle->notifyCount = 0;
-  int32_t result = dmsDevEventMgrRegisterCdsEventCallback(
-      eventMgr, handle.get(), dmsCdsMgrActionRequestCbf, dmsCdsMgrStateVariableRequestCbf);
-  if (result != DMS_SUCCESS) {
-    DMS_TRACE(OSAL_TRACE_ERR, "Function %s Failed with error = %d\n",
-              "dmsDevEventMgrRegisterCdsEventCallback", result);
-    *handleOut = nullptr;
-    return result;
-  }
-  dmsCdsMgrHandle *made = handle.get();
-  made->moderator = std::make_unique<dmsCdsEventModerator>(
-      [made](const std::string &containerUpdateIds, uint32_t systemUpdateId) {
-        DMS_TRACE(OSAL_TRACE_INFO, "ContainterUpdateIDs %s\n", containerUpdateIds.c_str());
-        const std::string system = std::to_string(systemUpdateId);
-        const char *names[2] = {"ContainerUpdateIDs", "SystemUpdateID"};
-        const char *values[2] = {containerUpdateIds.c_str(), system.c_str()};
-        dmsDevEventMgrNotifyEvent(made->eventMgr, DMS_CDS_SERVICE_ID, names, values);
-      });
-  *handleOut = handle.release();
-  return DMS_SUCCESS;
+  *handleOut = nullptr;
+  return dmsGuard("dmsCdsMgrInit", DMS_ERR_NO_MEMORY, [&]() -> int32_t {
+    auto handle = std::make_unique<dmsCdsMgrHandle>();
+    // Filled before registering, so that no callback can see a half-made record.
+    handle->eventMgr = eventMgr;
+    handle->contentList = contentList;
+    std::strncpy(handle->serverAddress, serverAddress, sizeof(handle->serverAddress) - 1);
+    handle->serverPort = serverPort;
+    handle->notifyCount = 0;
+    dmsCdsMgrHandle *made = handle.get();
+    made->moderator = std::make_unique<dmsCdsEventModerator>(
+        [made](const std::string &containerUpdateIds, uint32_t systemUpdateId) {
+          DMS_TRACE(OSAL_TRACE_INFO, "ContainterUpdateIDs %s\n", containerUpdateIds.c_str());
+          const std::string system = std::to_string(systemUpdateId);
+          const char *names[2] = {"ContainerUpdateIDs", "SystemUpdateID"};
+          const char *values[2] = {containerUpdateIds.c_str(), system.c_str()};
+          dmsDevEventMgrNotifyEvent(made->eventMgr, DMS_CDS_SERVICE_ID, names, values);
+        });
+    // Registered last: nothing after it may fail and leave the manager
+    // pointing at a record that is gone.
+    int32_t result = dmsDevEventMgrRegisterCdsEventCallback(
+        eventMgr, handle.get(), dmsCdsMgrActionRequestCbf, dmsCdsMgrStateVariableRequestCbf);
+    if (result != DMS_SUCCESS) {
+      DMS_TRACE(OSAL_TRACE_ERR, "Function %s Failed with error = %d\n",
+                "dmsDevEventMgrRegisterCdsEventCallback", result);
+      return result;
+    }
+    *handleOut = handle.release();
+    return DMS_SUCCESS;
+  });
 }
 
 int32_t dmsCdsMgrDeInit(dmsCdsMgrHandle *handle) {
@@ -322,16 +319,10 @@ int32_t dmsCdsMgrActionRequestCbf(void *actionRequest, void *handle) {
     return DMS_ERR_INVALID_PARAM;
   }
   // Called on the SDK's worker threads: nothing may escape into the C library.
-  try {
+  return dmsGuard("dmsCdsMgrActionRequestCbf", DMS_ERR_NO_MEMORY, [&] {
     return handleActionRequest(static_cast<UpnpActionRequest *>(actionRequest),
                                static_cast<dmsCdsMgrHandle *>(handle));
-  } catch (const std::bad_alloc &) {
-    DMS_TRACE(OSAL_TRACE_ERR, "Error [%d] in %s()\n", DMS_ERR_NO_MEMORY, "handleActionRequest");
-    return DMS_ERR_NO_MEMORY;
-  } catch (...) {
-    DMS_TRACE(OSAL_TRACE_ERR, "Error [%d] in %s()\n", DMS_ERR_FAILURE, "handleActionRequest");
-    return DMS_ERR_FAILURE;
-  }
+  });
 }
 
 int32_t dmsCdsMgrStateVariableRequestCbf(void *stateVarRequest, void *handle) {
@@ -340,13 +331,10 @@ int32_t dmsCdsMgrStateVariableRequestCbf(void *stateVarRequest, void *handle) {
     DMS_TRACE(OSAL_TRACE_ERR, "Input Parameter Error: Pointer NULL\n");
     return DMS_ERR_INVALID_PARAM;
   }
-  try {
+  return dmsGuard("dmsCdsMgrStateVariableRequestCbf", DMS_ERR_FAILURE, [&] {
     return answerStateVarQuery(static_cast<const dmsCdsMgrHandle *>(handle),
                                static_cast<UpnpStateVarRequest *>(stateVarRequest));
-  } catch (...) {
-    DMS_TRACE(OSAL_TRACE_ERR, "Error [%d] in %s()\n", DMS_ERR_FAILURE, "answerStateVarQuery");
-    return DMS_ERR_FAILURE;
-  }
+  });
 }
 
 int32_t dmsCdsMgrReleaseRespArgs(dmsCdsRespArgs *respArgs) {

@@ -11,6 +11,7 @@
 #include "dlna_dms.h"
 #include "services/dmsCdsMgrSearch.h"
 #include "util/dmsErrors.h"
+#include "util/dmsGuard.h"
 #include "util/osal_trace.h"
 
 static constexpr char kTraceFile[] = "dmsCdsMgrResponseHandler";
@@ -181,12 +182,8 @@ int32_t dmsCdsCreateRespBrowse(dmsCdsMgrHandle *handle, void *requestArgs,
   dmsCdsNameResultArguments(respArgs);
   int32_t status = dmsCdsSetItemFilterFlags(browseArgs->filter, browseArgs->filterFlags);
   if (status != DMS_SUCCESS) return status;
-  try {
-    status = dispatchBrowse(handle, browseArgs, respArgs, buffer);
-  } catch (...) {  // nothing below throws; the lock is released all the same
-    DMS_TRACE(OSAL_TRACE_ERR, "Memory Allocation Failed \n");
-    status = DMS_ERR_NO_MEMORY;
-  }
+  status = dmsGuard("dmsCdsCreateRespBrowse", DMS_ERR_NO_MEMORY,
+                    [&] { return dispatchBrowse(handle, browseArgs, respArgs, buffer); });
   if (status != DMS_SUCCESS) return status;
   return dmsCdsSetUpdateIdArgument(handle, respArgs);
 }

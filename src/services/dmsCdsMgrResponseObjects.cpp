@@ -16,6 +16,7 @@
 
 #include "dlna_dms.h"
 #include "services/dmsCdsMgrResponseHandler.h"
+#include "util/dmsGuard.h"
 #include "util/osal_trace.h"
 
 // These are the response handler's builders and keep its trace source.
@@ -205,13 +206,10 @@ int32_t dmsCdsSetItemFilterFlags(const char *filter, uint8_t *filterFlags) {
     for (int32_t flag = 0; flag < DMS_CDS_FILTER_COUNT; ++flag) filterFlags[flag] = 0;
     return DMS_SUCCESS;
   }
-  try {
+  return dmsGuard("dmsCdsSetItemFilterFlags", DMS_ERR_NO_MEMORY, [&] {
     std::string filterCopy(filter);
     return dmsCdsParseItemFilter(filterFlags, filterCopy.data());
-  } catch (const std::bad_alloc &) {
-    DMS_TRACE(OSAL_TRACE_ERR, "Memory Allocation Failed \n");
-    return DMS_ERR_NO_MEMORY;
-  }
+  });
 }
 
 int32_t dmsCdsPrepareObjectRequest(const dmsCdsMgrHandle *handle, const char *filter,
@@ -224,7 +222,7 @@ int32_t dmsCdsPrepareObjectRequest(const dmsCdsMgrHandle *handle, const char *fi
     request->containerSearchable = true;
     return DMS_SUCCESS;
   }
-  try {
+  return dmsGuard("dmsCdsPrepareObjectRequest", DMS_ERR_NO_MEMORY, [&] {
     // The container parser marks what it is asked for on a scratch record.
     dlnaUtilDidlContainer asked{};
     asked.childCount = -1;
@@ -235,10 +233,7 @@ int32_t dmsCdsPrepareObjectRequest(const dmsCdsMgrHandle *handle, const char *fi
     request->containerChildCount = asked.childCount == 0;
     request->containerSearchable = asked.searchable == 0;
     return DMS_SUCCESS;
-  } catch (const std::bad_alloc &) {
-    DMS_TRACE(OSAL_TRACE_ERR, "Memory Allocation Failed \n");
-    return DMS_ERR_NO_MEMORY;
-  }
+  });
 }
 
 int32_t dmsCdsGetItemClass(const mfdMediaInfo *mediaInfo, const char **classOut) {
@@ -268,7 +263,7 @@ int32_t dmsCdsBuildItem(const dmsCdsObjectRequest *request, dmsContentEntry *ent
   const uint8_t *flags = request->filterFlags;
   dlnaUtilDidlItem &item = record->item;
   item = dlnaUtilDidlItem{};
-  try {
+  return dmsGuard("dmsCdsBuildItem", DMS_ERR_NO_MEMORY, [&]() -> int32_t {
     const std::string fileName = lastComponent(entry->path);
     const size_t dot = fileName.rfind('.');
     const std::string_view ownExtension =
@@ -281,29 +276,26 @@ int32_t dmsCdsBuildItem(const dmsCdsObjectRequest *request, dmsContentEntry *ent
     record->title = fileName.substr(0, dot);
     record->resourceName = std::to_string(entry->id);
     if (!extension.empty()) record->resourceName.append(".").append(extension);
-  } catch (const std::bad_alloc &) {
-    DMS_TRACE(OSAL_TRACE_ERR, "Memory Allocation Failed \n");
-    return DMS_ERR_NO_MEMORY;
-  }
-  item.id = static_cast<int32_t>(entry->id);
-  item.parentID = parentIdOf(*entry);
-  item.restricted = 0;
-  item.title = record->title.c_str();
-  item.resourceName = record->resourceName.c_str();
-  const int32_t status = dmsCdsGetItemClass(&info, &item.upnpClass);
-  if (status != DMS_SUCCESS) {
-    DMS_TRACE(OSAL_TRACE_ERR, "Function %s Failed with error = %d\n", "dmsCdsGetItemClass", status);
-    return status;
-  }
-  item.serverAddress = request->handle->serverAddress;
-  item.serverPort = request->handle->serverPort;
-  item.filter = request->filter;
-  item.protocolInfo = flags[DMS_CDS_FILTER_RES] == 0 ? info.protocolInfo : nullptr;
-  item.size = flags[DMS_CDS_FILTER_SIZE] == 0 ? info.fileSize : -1;
-  item.creator = flags[DMS_CDS_FILTER_CREATOR] == 0 ? kUnknownText : nullptr;
-  item.genre = flags[DMS_CDS_FILTER_GENRE] == 0 ? kUnknownText : nullptr;
-  fillMediaProperties(info, flags, item);
-  return DMS_SUCCESS;
+    item.id = static_cast<int32_t>(entry->id);
+    item.parentID = parentIdOf(*entry);
+    item.restricted = 0;
+    item.title = record->title.c_str();
+    item.resourceName = record->resourceName.c_str();
+    const int32_t status = dmsCdsGetItemClass(&info, &item.upnpClass);
+    if (status != DMS_SUCCESS) {
+      DMS_TRACE(OSAL_TRACE_ERR, "Function %s Failed with error = %d\n", "dmsCdsGetItemClass", status);
+      return status;
+    }
+    item.serverAddress = request->handle->serverAddress;
+    item.serverPort = request->handle->serverPort;
+    item.filter = request->filter;
+    item.protocolInfo = flags[DMS_CDS_FILTER_RES] == 0 ? info.protocolInfo : nullptr;
+    item.size = flags[DMS_CDS_FILTER_SIZE] == 0 ? info.fileSize : -1;
+    item.creator = flags[DMS_CDS_FILTER_CREATOR] == 0 ? kUnknownText : nullptr;
+    item.genre = flags[DMS_CDS_FILTER_GENRE] == 0 ? kUnknownText : nullptr;
+    fillMediaProperties(info, flags, item);
+    return DMS_SUCCESS;
+  });
 }
 
 int32_t dmsCdsBuildContainer(const dmsCdsObjectRequest *request, dmsContentEntry *entry,
@@ -312,27 +304,24 @@ int32_t dmsCdsBuildContainer(const dmsCdsObjectRequest *request, dmsContentEntry
     DMS_TRACE(OSAL_TRACE_ERR, "Input Parameter Error: Pointer NULL\n");
     return DMS_ERR_INVALID_PARAM;
   }
-  try {
+  return dmsGuard("dmsCdsBuildContainer", DMS_ERR_NO_MEMORY, [&]() -> int32_t {
     record->title = lastComponent(entry->path);
-  } catch (const std::bad_alloc &) {
-    DMS_TRACE(OSAL_TRACE_ERR, "Memory Allocation Failed \n");
-    return DMS_ERR_NO_MEMORY;
-  }
-  const size_t childCount = entry->children.size();
-  dlnaUtilDidlContainer &container = record->container;
-  container.id = static_cast<int32_t>(entry->id);
-  container.parentID = parentIdOf(*entry);
-  container.childCount = -1;
-  if (request->containerChildCount) {
-    container.childCount = childCount > static_cast<size_t>(std::numeric_limits<int32_t>::max())
-                               ? std::numeric_limits<int32_t>::max()
-                               : static_cast<int32_t>(childCount);
-  }
-  container.restricted = 1;
-  container.searchable = request->containerSearchable ? 1 : static_cast<uint32_t>(-1);
-  container.title = record->title.c_str();
-  container.upnpClass = kFolderClass;
-  return DMS_SUCCESS;
+    const size_t childCount = entry->children.size();
+    dlnaUtilDidlContainer &container = record->container;
+    container.id = static_cast<int32_t>(entry->id);
+    container.parentID = parentIdOf(*entry);
+    container.childCount = -1;
+    if (request->containerChildCount) {
+      container.childCount = childCount > static_cast<size_t>(std::numeric_limits<int32_t>::max())
+                                 ? std::numeric_limits<int32_t>::max()
+                                 : static_cast<int32_t>(childCount);
+    }
+    container.restricted = 1;
+    container.searchable = request->containerSearchable ? 1 : static_cast<uint32_t>(-1);
+    container.title = record->title.c_str();
+    container.upnpClass = kFolderClass;
+    return DMS_SUCCESS;
+  });
 }
 
 bool dmsCdsItemIsValid(const dlnaUtilDidlItem &item) {

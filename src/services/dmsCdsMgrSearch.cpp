@@ -9,6 +9,7 @@
 
 #include "dlna_dms.h"
 #include "util/dmsErrors.h"
+#include "util/dmsGuard.h"
 #include "util/osal_trace.h"
 
 static constexpr char kTraceFile[] = "dmsCdsMgrSearch";
@@ -192,7 +193,7 @@ struct WalkFrame {
 
 int32_t parseSearchCapabilities(const char *searchCriteria, dmsCdsSearchState *state) {
   if (searchCriteria == nullptr || state == nullptr) return DMS_ERR_INVALID_PARAM;
-  try {
+  return dmsGuard("parseSearchCapabilities", DMS_ERR_NO_MEMORY, [&] {
     const std::vector<std::string> tokens = tokensOf(searchCriteria);
     bool andPending = false;  // a doubled "and" counts once; a leading one not at all
     for (size_t index = 0; index < tokens.size(); ++index) {
@@ -220,16 +221,13 @@ int32_t parseSearchCapabilities(const char *searchCriteria, dmsCdsSearchState *s
     }
     state->containersWanted = std::strstr(searchCriteria, kContainerClassName) != nullptr;
     return DMS_SUCCESS;
-  } catch (const std::bad_alloc &) {
-    DMS_TRACE(OSAL_TRACE_ERR, "Memory Allocation Failed \n");
-    return DMS_ERR_NO_MEMORY;
-  }
+  });
 }
 
 int32_t dmsCdsCheckForContentMatch(const dlnaUtilDidlItem *item, const char *searchCriteria,
                                    const dmsCdsSearchTerm *term) {
   if (item == nullptr || term == nullptr) return 0;
-  try {
+  return dmsGuard("dmsCdsCheckForContentMatch", 0, [&]() -> int32_t {
     switch (term->property) {
       case DMS_CDS_SEARCH_PROPERTY_TITLE:
         return matchText(term->searchOperator, item->title);
@@ -241,9 +239,7 @@ int32_t dmsCdsCheckForContentMatch(const dlnaUtilDidlItem *item, const char *sea
       default:
         return 0;
     }
-  } catch (const std::bad_alloc &) {
-    return 0;
-  }
+  });
 }
 
 int32_t dmsCdsCreateRespSearchRecursive(dmsCdsMgrHandle *handle, dmsCdsSearchState *state,
@@ -254,7 +250,7 @@ int32_t dmsCdsCreateRespSearchRecursive(dmsCdsMgrHandle *handle, dmsCdsSearchSta
     DMS_TRACE(OSAL_TRACE_ERR, "Input Parameter Error: Pointer NULL\n");
     return DMS_ERR_INVALID_PARAM;
   }
-  try {
+  return dmsGuard("dmsCdsCreateRespSearchRecursive", DMS_ERR_NO_MEMORY, [&] {
     std::vector<WalkFrame> stack{{container, 0}};
     while (!stack.empty()) {
       WalkFrame &frame = stack.back();
@@ -274,10 +270,7 @@ int32_t dmsCdsCreateRespSearchRecursive(dmsCdsMgrHandle *handle, dmsCdsSearchSta
       if (!isItem) stack.push_back({child, 0});  // `frame` is not used past this point
     }
     return DMS_SUCCESS;
-  } catch (const std::bad_alloc &) {
-    DMS_TRACE(OSAL_TRACE_ERR, "Memory Allocation Failed \n");
-    return DMS_ERR_NO_MEMORY;
-  }
+  });
 }
 
 int32_t dmsCdsCreateRespSearchItems(dmsCdsMgrHandle *handle, dmsCdsSearchState *state,
@@ -343,7 +336,7 @@ int32_t dmsCdsCreateRespSearch(dmsCdsMgrHandle *handle, void *requestArgs,
     return DMS_ERR_INVALID_PARAM;
   }
   dmsCdsNameResultArguments(respArgs);
-  try {
+  return dmsGuard("dmsCdsCreateRespSearch", DMS_ERR_NO_MEMORY, [&] {
     dmsCdsSearchState state;
     state.searchArgs = searchArgs;
     int32_t status = dmsCdsSetItemFilterFlags(searchArgs->filter, state.filterFlags);
@@ -363,10 +356,7 @@ int32_t dmsCdsCreateRespSearch(dmsCdsMgrHandle *handle, void *requestArgs,
       return status;
     }
     return dmsCdsSetUpdateIdArgument(handle, respArgs);
-  } catch (const std::bad_alloc &) {
-    DMS_TRACE(OSAL_TRACE_ERR, "Memory Allocation Failed \n");
-    return DMS_ERR_NO_MEMORY;
-  }
+  });
 }
 
 int32_t dmsCdsCreateRespBrowseRecursive(dmsCdsMgrHandle *handle, dmsCdsBrowseArgs *browseArgs,
@@ -375,7 +365,7 @@ int32_t dmsCdsCreateRespBrowseRecursive(dmsCdsMgrHandle *handle, dmsCdsBrowseArg
     DMS_TRACE(OSAL_TRACE_ERR, "Input Parameter Error: Pointer NULL\n");
     return DMS_ERR_INVALID_PARAM;
   }
-  try {
+  return dmsGuard("dmsCdsCreateRespBrowseRecursive", DMS_ERR_NO_MEMORY, [&] {
     char noCriteria[] = "";
     dmsCdsSearchArgs searchArgs;
     searchArgs.containerId = browseArgs->objectId;
@@ -387,8 +377,5 @@ int32_t dmsCdsCreateRespBrowseRecursive(dmsCdsMgrHandle *handle, dmsCdsBrowseArg
     state.searchArgs = &searchArgs;
     std::memcpy(state.filterFlags, browseArgs->filterFlags, sizeof state.filterFlags);
     return dmsCdsCreateRespSearchItems(handle, &state, respArgs, buffer);
-  } catch (const std::bad_alloc &) {
-    DMS_TRACE(OSAL_TRACE_ERR, "Memory Allocation Failed \n");
-    return DMS_ERR_NO_MEMORY;
-  }
+  });
 }

@@ -6,6 +6,7 @@
 
 #include "dlna_dms.h"
 #include "services/dmsCmsEventHandler.h"
+#include "util/dmsGuard.h"
 #include "util/osal_trace.h"
 
 static constexpr char kTraceFile[] = "dmsCmsApi";
@@ -90,23 +91,19 @@ int32_t dmsCmsInit(dmsCmsInstance **out, dmsDevEventMgr *mgr) {
     return DMS_ERR_INVALID_PARAM;
   }
   *out = nullptr;
-  std::unique_ptr<dmsCmsInstance> instance;
-  try {
-    instance = std::make_unique<dmsCmsInstance>();
-  } catch (...) {
-    DMS_TRACE(OSAL_TRACE_ERR, "Memory allocation Failed\n");
-    return DMS_ERR_NO_MEMORY;
-  }
-  instance->instanceId = gs_s32_cmsInstanceId.fetch_add(1);
-  instance->eventMgr = mgr;
-  int32_t rc = dmsDevEventMgrRegisterCmsEventCallback(mgr, instance.get(), dmsCmsActionRequestCbf,
-                                                      dmsCmsStateVariableRequestCbf);
-  if (rc != DMS_SUCCESS) {
-    DMS_TRACE(OSAL_TRACE_ERR, "%s%d\n", "CMS Event Manager Register failed, ErrorCode::", rc);
-    return rc;  // the instance is released here, nothing refers to it
-  }
-  *out = instance.release();
-  return DMS_SUCCESS;
+  return dmsGuard("dmsCmsInit", DMS_ERR_NO_MEMORY, [&]() -> int32_t {
+    auto instance = std::make_unique<dmsCmsInstance>();
+    instance->instanceId = gs_s32_cmsInstanceId.fetch_add(1);
+    instance->eventMgr = mgr;
+    int32_t rc = dmsDevEventMgrRegisterCmsEventCallback(mgr, instance.get(), dmsCmsActionRequestCbf,
+                                                        dmsCmsStateVariableRequestCbf);
+    if (rc != DMS_SUCCESS) {
+      DMS_TRACE(OSAL_TRACE_ERR, "%s%d\n", "CMS Event Manager Register failed, ErrorCode::", rc);
+      return rc;  // the instance is released here, nothing refers to it
+    }
+    *out = instance.release();
+    return DMS_SUCCESS;
+  });
 }
 
 int32_t dmsCmsDeInit(dmsCmsInstance *instance) {

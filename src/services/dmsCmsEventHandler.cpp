@@ -10,6 +10,7 @@
 #include "services/dmsCmsRequestHandler.h"
 #include "services/dmsCmsResponseHandler.h"
 #include "services/dmsServiceCommon.h"
+#include "util/dmsGuard.h"
 #include "util/osal_trace.h"
 
 static constexpr char kTraceFile[] = "dmsCmsEventHandler";
@@ -79,13 +80,10 @@ int32_t dmsCmsActionRequestCbf(void *sdkRequest, void *serviceContext) {
     DMS_TRACE(OSAL_TRACE_ERR, "Null argument\n");
     return DMS_ERR_INVALID_PARAM;
   }
-  try {
+  return dmsGuard("dmsCmsActionRequestCbf", DMS_ERR_NO_MEMORY, [&] {
     return runAction(static_cast<UpnpActionRequest *>(sdkRequest),
                      static_cast<dmsCmsInstance *>(serviceContext));
-  } catch (...) {
-    DMS_TRACE(OSAL_TRACE_ERR, "Memory allocation Failed\n");
-    return DMS_ERR_NO_MEMORY;
-  }
+  });
 }
 
 int32_t dmsCmsStateVariableRequestCbf(void *sdkRequest, void *serviceContext) {

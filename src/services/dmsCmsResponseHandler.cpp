@@ -5,6 +5,7 @@
 #include <iterator>
 
 #include "dlna_dms.h"
+#include "util/dmsGuard.h"
 #include "util/osal_trace.h"
 
 static constexpr char kTraceFile[] = "dmsCmsResponseHandler";
@@ -52,18 +53,15 @@ int32_t dmsCmsCreateRespGetProtocolInfo(const dmsCmsActionArgument *argument,
     DMS_TRACE(OSAL_TRACE_ERR, "Null argument\n");
     return DMS_ERR_INVALID_PARAM;
   }
-  try {
+  return dmsGuard("dmsCmsCreateRespGetProtocolInfo", DMS_ERR_NO_MEMORY, [&]() -> int32_t {
     joinProtocolInfo(gap_ch_dmsSupportedMediaProfileProtocolInfo, response->protocolInfoList);
-  } catch (...) {
-    DMS_TRACE(OSAL_TRACE_ERR, "Memory Allocation Failed\n");
-    return DMS_ERR_NO_MEMORY;
-  }
-  response->count = 2;
-  response->argNames[0] = "Source";
-  response->argValues[0] = response->protocolInfoList.c_str();
-  response->argNames[1] = "Sink";
-  response->argValues[1] = "";
-  return DMS_SUCCESS;
+    response->count = 2;
+    response->argNames[0] = "Source";
+    response->argValues[0] = response->protocolInfoList.c_str();
+    response->argNames[1] = "Sink";
+    response->argValues[1] = "";
+    return DMS_SUCCESS;
+  });
 }
 
 int32_t dmsCmsCreateRespGetConnectionIDs(const dmsCmsActionArgument *argument,

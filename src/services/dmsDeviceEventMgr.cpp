@@ -14,6 +14,7 @@
 #include "dlna_dms.h"
 #include "services/dmsCmsApi.h"
 #include "services/dmsMsMrsApi.h"
+#include "util/dmsGuard.h"
 #include "util/osal_trace.h"
 
 static constexpr char kTraceFile[] = "dmsDeviceEventMgr.c";
@@ -252,17 +253,14 @@ int32_t dmsDevEventMgrInit(dmsDevEventMgr **out, UpnpDevice_Handle deviceHandle,
     return DMS_ERR_INVALID_PARAM;
   }
   *out = nullptr;
-  try {
+  return dmsGuard("dmsDevEventMgrInit", DMS_ERR_NO_MEMORY, [&] {
     auto mgr = std::make_unique<dmsDevEventMgr>();  // every slot starts empty
     mgr->instanceId = gs_s32_instanceId.fetch_add(1);
     mgr->deviceHandle = deviceHandle;
     mgr->udn = udn;
     *out = mgr.release();
     return DMS_SUCCESS;
-  } catch (...) {
-    DMS_TRACE(OSAL_TRACE_ERR, "Error [%d] in %s()\n", DMS_ERR_NO_MEMORY, "make_unique");
-    return DMS_ERR_NO_MEMORY;
-  }
+  });
 }
 
 int32_t dmsDevEventMgrRegisterCmsEventCallback(dmsDevEventMgr *mgr, void *cmsContext,
@@ -303,7 +301,7 @@ int32_t dmsDevEventMgrEventProcess(dmsDevEventMgr *mgr, Upnp_EventType eventType
     return DMS_ERR_INVALID_PARAM;
   }
   // Called on the SDK's threads: nothing may escape into the C library.
-  try {
+  return dmsGuard("dmsDevEventMgrEventProcess", DMS_ERR_NO_MEMORY, [&] {
     // The SDK hands its request records as const, but the answer is written
     // into them (error code, result document, current value).
     void *request = const_cast<void *>(event);
@@ -318,10 +316,7 @@ int32_t dmsDevEventMgrEventProcess(dmsDevEventMgr *mgr, Upnp_EventType eventType
         DMS_TRACE(OSAL_TRACE_ERR, "Error in Input Parameters\n");
         return DMS_ERR_INVALID_PARAM;
     }
-  } catch (...) {
-    DMS_TRACE(OSAL_TRACE_ERR, "Error [%d] in %s()\n", DMS_ERR_NO_MEMORY, __func__);
-    return DMS_ERR_NO_MEMORY;
-  }
+  });
 }
 
 int32_t dmsDevEventMgrAddActionResponse(dmsDevEventMgr *mgr, UpnpActionRequest *actionRequest,
@@ -362,7 +357,9 @@ int32_t dmsDevEventMgrNotifyEvent(dmsDevEventMgr *mgr, const char *serviceId,
     DMS_TRACE(OSAL_TRACE_ERR, "Input Parameter Error: Pointer NULL\n");
     return DMS_ERR_INVALID_PARAM;
   }
-  try {
+  // A failed notification is traced and otherwise ignored: the next change
+  // sends the current values again.
+  dmsGuardVoid("dmsDevEventMgrNotifyEvent", [&] {
     // Every event of this server carries exactly two variables.
     constexpr size_t kEventedVariables = 2;
     PropertySet propertySet;
@@ -374,10 +371,7 @@ int32_t dmsDevEventMgrNotifyEvent(dmsDevEventMgr *mgr, const char *serviceId,
     if (rc != UPNP_E_SUCCESS) {
       DMS_TRACE(OSAL_TRACE_ERR, "Function %s Failed with error = %d\n", "UpnpNotify", rc);
     }
-  } catch (...) {
-    DMS_TRACE(OSAL_TRACE_ERR, "Function %s Failed with error = %d\n", "UpnpNotify",
-              UPNP_E_OUTOF_MEMORY);
-  }
+  });
   return DMS_SUCCESS;
 }
 

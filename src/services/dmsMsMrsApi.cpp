@@ -6,6 +6,7 @@
 
 #include "dlna_dms.h"
 #include "services/dmsMsMrsEventHandler.h"
+#include "util/dmsGuard.h"
 #include "util/osal_trace.h"
 
 static constexpr char kTraceFile[] = "dmsMsMrsApi";
@@ -29,23 +30,19 @@ int32_t dmsMsMrsInit(dmsMsMrsInstance **out, dmsDevEventMgr *mgr) {
     return DMS_ERR_INVALID_PARAM;
   }
   *out = nullptr;
-  std::unique_ptr<dmsMsMrsInstance> instance;
-  try {
-    instance = std::make_unique<dmsMsMrsInstance>();
-  } catch (...) {
-    DMS_TRACE(OSAL_TRACE_ERR, "Memory allocation Failed\n");
-    return DMS_ERR_NO_MEMORY;
-  }
-  instance->instanceId = gs_s32_MsMrsInstanceId.fetch_add(1);
-  instance->eventMgr = mgr;
-  int32_t rc = dmsDevEventMgrRegisterMsMrsEventCallback(
-      mgr, instance.get(), dmsMsMrsActionRequestCbf, dmsMsMrsStateVariableRequestCbf);
-  if (rc != DMS_SUCCESS) {
-    DMS_TRACE(OSAL_TRACE_ERR, "%s%d\n", "MsMrs Event Manager Register failed, ErrorCode::", rc);
-    return rc;  // the instance is released here, nothing refers to it
-  }
-  *out = instance.release();
-  return DMS_SUCCESS;
+  return dmsGuard("dmsMsMrsInit", DMS_ERR_NO_MEMORY, [&]() -> int32_t {
+    auto instance = std::make_unique<dmsMsMrsInstance>();
+    instance->instanceId = gs_s32_MsMrsInstanceId.fetch_add(1);
+    instance->eventMgr = mgr;
+    int32_t rc = dmsDevEventMgrRegisterMsMrsEventCallback(
+        mgr, instance.get(), dmsMsMrsActionRequestCbf, dmsMsMrsStateVariableRequestCbf);
+    if (rc != DMS_SUCCESS) {
+      DMS_TRACE(OSAL_TRACE_ERR, "%s%d\n", "MsMrs Event Manager Register failed, ErrorCode::", rc);
+      return rc;  // the instance is released here, nothing refers to it
+    }
+    *out = instance.release();
+    return DMS_SUCCESS;
+  });
 }
 
 int32_t dmsMsMrsDeInit(dmsMsMrsInstance *instance) {

@@ -10,6 +10,7 @@
 #include "services/dmsMsMrsRequestHandler.h"
 #include "services/dmsMsMrsResponseHandler.h"
 #include "services/dmsServiceCommon.h"
+#include "util/dmsGuard.h"
 #include "util/osal_trace.h"
 
 static constexpr char kTraceFile[] = "dmsMsMrsEventHandler";
@@ -79,13 +80,10 @@ int32_t dmsMsMrsActionRequestCbf(void *sdkRequest, void *serviceContext) {
     DMS_TRACE(OSAL_TRACE_ERR, "Null argument\n");
     return DMS_ERR_INVALID_PARAM;
   }
-  try {
+  return dmsGuard("dmsMsMrsActionRequestCbf", DMS_ERR_NO_MEMORY, [&] {
     return runAction(static_cast<UpnpActionRequest *>(sdkRequest),
                      static_cast<dmsMsMrsInstance *>(serviceContext));
-  } catch (...) {
-    DMS_TRACE(OSAL_TRACE_ERR, "Memory allocation Failed\n");
-    return DMS_ERR_NO_MEMORY;
-  }
+  });
 }
 
 int32_t dmsMsMrsStateVariableRequestCbf(void *sdkRequest, void *serviceContext) {

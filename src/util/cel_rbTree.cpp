@@ -5,6 +5,8 @@
 #include <new>
 #include <vector>
 
+#include "util/dmsGuard.h"
+
 namespace {
 
 constexpr char kSourceName[] = "cel_rbTree";
@@ -24,12 +26,9 @@ void printPrefix(const char *functionName, int line) {
 // Nodes are owned by the tree's links once inserted; this pair is the only
 // place where they come into and go out of existence.
 std::unique_ptr<cel_rbTreeNode> allocateNode(void *item) noexcept {
-  try {
-    return std::make_unique<cel_rbTreeNode>(
-        cel_rbTreeNode{CEL_RBTREE_RED, nullptr, nullptr, nullptr, item});
-  } catch (const std::bad_alloc &) {
-    return nullptr;
-  }
+  return dmsGuard("cel_rbTreeInsert", std::unique_ptr<cel_rbTreeNode>(), [&] {
+    return std::make_unique<cel_rbTreeNode>(cel_rbTreeNode{CEL_RBTREE_RED, nullptr, nullptr, nullptr, item});
+  });
 }
 
 void freeNode(cel_rbTreeNode *node) noexcept { std::unique_ptr<cel_rbTreeNode> owned(node); }
@@ -317,11 +316,11 @@ int32_t cel_rbTreeVerifyProperties(cel_rbTree *tree) {
   if (tree == nullptr) return CEL_RBTREE_ERR_INVALID_ARG;
   if (tree->root == nullptr) return CEL_RBTREE_OK;
   PropertyScan scan;
-  try {
+  const int32_t scanned = dmsGuard("cel_rbTreeVerifyProperties", CEL_RBTREE_ERR_NO_MEMORY, [&] {
     scan = scanProperties(tree->root);
-  } catch (const std::bad_alloc &) {
-    return CEL_RBTREE_ERR_NO_MEMORY;
-  }
+    return CEL_RBTREE_OK;
+  });
+  if (scanned != CEL_RBTREE_OK) return scanned;
   if (scan.badColor) {
     printPrefix(__func__, __LINE__);
     std::printf("Error in tree property 1\n");

@@ -7,6 +7,7 @@
 #include <new>
 
 #include "util/dmsErrors.h"
+#include "util/dmsGuard.h"
 #include "util/osal_trace.h"
 
 // The buffer reports every failure through its return code only; callers
@@ -46,19 +47,16 @@ bool makeRoom(dlnaUtilBuffer *buffer, size_t extra) {
 
 int32_t dlnaUtil_allocateBuffer(dlnaUtilBuffer **handleOut) {
   if (handleOut == nullptr || *handleOut != nullptr) return DLNA_UTIL_ERR_INVALID_PARAM;
-  std::unique_ptr<dlnaUtilBuffer> record;
-  try {
-    record = std::make_unique<dlnaUtilBuffer>();
-  } catch (const std::bad_alloc &) {
-    return DLNA_UTIL_ERR_NO_MEMORY;
-  }
-  // The block is managed with realloc so that it can grow in place.
-  record->data = static_cast<char *>(std::calloc(kInitialSize, 1));
-  if (record->data == nullptr) return DLNA_UTIL_ERR_NO_MEMORY;
-  record->length = 0;
-  record->size = kInitialSize;
-  *handleOut = record.release();
-  return 0;
+  return dmsGuard("dlnaUtil_allocateBuffer", DLNA_UTIL_ERR_NO_MEMORY, [&]() -> int32_t {
+    auto record = std::make_unique<dlnaUtilBuffer>();
+    // The block is managed with realloc so that it can grow in place.
+    record->data = static_cast<char *>(std::calloc(kInitialSize, 1));
+    if (record->data == nullptr) return DLNA_UTIL_ERR_NO_MEMORY;
+    record->length = 0;
+    record->size = kInitialSize;
+    *handleOut = record.release();
+    return 0;
+  });
 }
 
 int32_t dlnaUtil_releaseBuffer(dlnaUtilBuffer *buffer) {

@@ -14,6 +14,7 @@
 #include <cstring>
 #include <mutex>
 
+#include "util/dmsGuard.h"
 #include "util/osal_trace.h"
 
 // This unit reports on standard output only; the name is kept for any trace
@@ -106,7 +107,7 @@ int32_t makeUuid(const timeval *fixedNow, char *uuidText) {
   makeNode(node);
   timeval now{};
   uint16_t clockSeq = 0;
-  try {
+  return dmsGuard("dlnaUtil_getUuid", -1, [&] {
     std::lock_guard<std::mutex> lock(g_clockMutex);
     if (fixedNow != nullptr) {
       now = *fixedNow;
@@ -114,17 +115,15 @@ int32_t makeUuid(const timeval *fixedNow, char *uuidText) {
       gettimeofday(&now, nullptr);
     }
     clockSeq = advanceClock(now);
-  } catch (...) {
-    return -1;
-  }
-  return dlnaUtilFormatUuid(&now, clockSeq, node, uuidText);
+    return dlnaUtilFormatUuid(&now, clockSeq, node, uuidText);
+  });
 }
 
 }  // namespace
 
 int32_t dlnaUtilGetRandomBytes(uint8_t *buffer, int32_t count) {
   if (buffer == nullptr || count < 1) return -1;
-  try {
+  return dmsGuard("dlnaUtilGetRandomBytes", -1, [&] {
     std::lock_guard<std::mutex> lock(g_randomMutex);
     if (!g_b_randomInitialised) initialiseRandomSource();
     if (g_s32_randomFd < 0) {
@@ -139,9 +138,7 @@ int32_t dlnaUtilGetRandomBytes(uint8_t *buffer, int32_t count) {
       total += static_cast<int32_t>(got);
     }
     return total;
-  } catch (...) {
-    return -1;
-  }
+  });
 }
 
 void dlnaUtilNodeFromHwAddr(const uint8_t *hwAddr, uint8_t *node) {

@@ -29,6 +29,20 @@ Result dmsGuard(const char *where, Result onError, Body &&body) noexcept {
   return onError;
 }
 
+// The same, and `recover()` (which must not throw) runs after anything
+// thrown, before `onError` is returned: for state the body leaves half made.
+template <typename Result, typename Body, typename Recover>
+Result dmsGuardRecover(const char *where, Result onError, Body &&body, Recover &&recover) noexcept {
+  bool thrown = true;
+  const Result result = dmsGuard(where, onError, [&] {
+    Result value = body();
+    thrown = false;
+    return value;
+  });
+  if (thrown) recover();
+  return result;
+}
+
 // The same for a body that returns nothing.
 template <typename Body>
 void dmsGuardVoid(const char *where, Body &&body) noexcept {

@@ -8,6 +8,7 @@
 #include <ctime>
 #include <algorithm>
 #include <string>
+#include <string_view>
 
 std::atomic<uint32_t> g_u32_osalTraceLevel{0x0003};
 
@@ -43,6 +44,26 @@ void osal_traceInitialize() {
   if (std::sscanf(value, "%x", &mask) == 1) g_u32_osalTraceLevel.store(mask);
 }
 
+namespace {
+
+// "int32_t {anonymous}::writeEntry(const X&, ...)" or
+// "dmsCdsBuildItem(...)::<lambda()>" becomes "writeEntry" or
+// "dmsCdsBuildItem"; a plain name is kept as it is.
+std::string bareFunctionName(const char *signature) {
+  if (signature == nullptr) return {};
+  std::string_view text(signature);
+  const size_t open = text.find('(');
+  if (open == std::string_view::npos) return std::string(text);
+  text = text.substr(0, open);
+  const size_t space = text.rfind(' ');
+  if (space != std::string_view::npos) text = text.substr(space + 1);
+  const size_t scope = text.rfind("::");
+  if (scope != std::string_view::npos) text = text.substr(scope + 2);
+  return std::string(text);
+}
+
+}  // namespace
+
 int32_t osal_tracePrintf(uint32_t level, const char *functionName, const char *fileName,
                          int32_t line, uint32_t /*ignored*/, const char *format, ...) {
   if ((level & g_u32_osalTraceLevel.load(std::memory_order_relaxed)) == 0) return -1;
@@ -61,7 +82,7 @@ int32_t osal_tracePrintf(uint32_t level, const char *functionName, const char *f
   int prefixLength = std::snprintf(prefix, sizeof prefix, "[%s.%03d] [%s] [%s][%d][%s()]  ",
                                    timeText, static_cast<int>(now.tv_usec / 1000),
                                    levelName(level), fileName ? fileName : "",
-                                   static_cast<int>(line), functionName ? functionName : "");
+                                   static_cast<int>(line), bareFunctionName(functionName).c_str());
   std::string text(prefix, prefixLength > 0 ? std::min<size_t>(prefixLength, sizeof prefix - 1) : 0);
   if (format != nullptr) {
     va_list args;

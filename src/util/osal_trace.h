@@ -24,14 +24,18 @@ void osal_traceInitialize();
 
 // Writes "[time.ms] [LEVL] [file][line][function()]  " and the formatted
 // message as one line on standard output when `level` is enabled.  The
-// caller supplies any line feed.  Always returns -1.
+// caller supplies any line feed.  `functionName` may be a full signature:
+// only the function's name is printed.  Always returns -1.
 int32_t osal_tracePrintf(uint32_t level, const char *functionName, const char *fileName,
                          int32_t line, uint32_t ignored, const char *format, ...)
     __attribute__((format(printf, 6, 7)));
 
 // Traces from the calling function; each source file defines
 // `static constexpr char kTraceFile[]` with the name its lines carry.
+// The function is named by its full signature, which inside a lambda (a
+// guarded body) still names the enclosing function; osal_tracePrintf prints
+// only the name.
 #define DMS_TRACE(level, ...) \
-  osal_tracePrintf((level), __func__, kTraceFile, __LINE__, 0, __VA_ARGS__)
+  osal_tracePrintf((level), __PRETTY_FUNCTION__, kTraceFile, __LINE__, 0, __VA_ARGS__)
 
 #endif  // DMS_UTIL_OSAL_TRACE_H
