@@ -382,7 +382,7 @@ int32_t getFormatIndex(uint32_t formatId) {
 
 int32_t mfd_openInstance(mfdInstance **handle) {
   if (handle == nullptr) return DMS_MFD_ERROR(MFD_ERR_INVALID_PARAM);
-  return dmsGuard("mfd_openInstance", DMS_MFD_ERROR(MFD_ERR_INVALID_PARAM), [&] {
+  return dmsGuard("mfd_openInstance", MFD_ERR_INVALID_PARAM, [&] {
     auto instance = std::make_unique<mfdInstance>(mfdInstance{0});
     std::unique_lock lock(gs_mfdRegistryLock);
     mfdInstanceSlot &slot = ga_s_mfdInstanceTable[0];
@@ -400,7 +400,7 @@ int32_t mfd_registerFormat(mfdInstance *handle, uint32_t formatId) {
   if (handle == nullptr) return DMS_MFD_ERROR(MFD_ERR_INVALID_PARAM);
   mfdMediaProfileTag *row = formatId < MFD_FORMAT_END ? rowOf(formatId) : nullptr;
   if (row == nullptr) return DMS_MFD_ERROR(MFD_ERR_UNSUPPORTED);
-  return dmsGuard("mfd_registerFormat", DMS_MFD_ERROR(MFD_ERR_INVALID_PARAM), [&] {
+  return dmsGuard("mfd_registerFormat", MFD_ERR_INVALID_PARAM, [&] {
     std::unique_lock lock(gs_mfdRegistryLock);
     mfdInstanceState *state = stateOf(handle);
     if (state == nullptr) return DMS_MFD_ERROR(MFD_ERR_NO_INSTANCE);
@@ -419,7 +419,7 @@ int32_t mfd_registerFormat(mfdInstance *handle, uint32_t formatId) {
 int32_t mfd_unregisterFormat(mfdInstance *handle, uint32_t formatId) {
   if (handle == nullptr) return DMS_MFD_ERROR(MFD_ERR_NO_INSTANCE);
   if (formatId >= MFD_FORMAT_END) return DMS_MFD_ERROR(MFD_ERR_UNSUPPORTED);
-  return dmsGuard("mfd_unregisterFormat", DMS_MFD_ERROR(MFD_ERR_INVALID_PARAM), [&] {
+  return dmsGuard("mfd_unregisterFormat", MFD_ERR_INVALID_PARAM, [&] {
     std::unique_lock lock(gs_mfdRegistryLock);
     mfdInstanceState *state = stateOf(handle);
     if (state == nullptr) return DMS_MFD_ERROR(MFD_ERR_NO_INSTANCE);
@@ -443,7 +443,7 @@ int32_t mfd_unregisterFormat(mfdInstance *handle, uint32_t formatId) {
 int32_t mfd_closeInstance(mfdInstance *handle) {
   if (handle == nullptr) return DMS_MFD_ERROR(MFD_ERR_INVALID_PARAM);
   std::unique_ptr<mfdInstance> owned(handle);
-  return dmsGuard("mfd_closeInstance", DMS_MFD_ERROR(MFD_ERR_INVALID_PARAM), [&] {
+  return dmsGuard("mfd_closeInstance", MFD_ERR_INVALID_PARAM, [&] {
     std::unique_lock lock(gs_mfdRegistryLock);
     mfdInstanceState *state = stateOf(handle);
     if (state != nullptr && --state->openCount > 0) return 0;
