@@ -291,6 +291,10 @@ TEST(ServerLifecycle, StartingSaysNoByebyeAndServesEverythingAtOnce) {
   TempDir folder;
   folder.copy("audio/mp3/mpeg1-44k-cbr128.mp3", "one.mp3");
   SsdpListener ssdp;
+  RunningServer server;
+  const bool created = server.create({folder.path()});
+  // Probed from create's return on: while create runs, the SDK's own web
+  // server is still being set up.
   std::atomic<bool> done{false};
   std::atomic<int> described{0}, unanswered{0};
   std::thread prober([&] {
@@ -302,8 +306,6 @@ TEST(ServerLifecycle, StartingSaysNoByebyeAndServesEverythingAtOnce) {
       std::this_thread::sleep_for(std::chrono::milliseconds(2));
     }
   });
-  RunningServer server;
-  const bool created = server.create({folder.path()});
   std::this_thread::sleep_for(std::chrono::milliseconds(200));
   const bool started = created && server.startCreated();
   std::vector<std::string> messages = ssdp.drain(1000);
@@ -317,6 +319,7 @@ TEST(ServerLifecycle, StartingSaysNoByebyeAndServesEverythingAtOnce) {
   EXPECT_EQ(unanswered.load(), 0);
 }
 
+// Calls out of order or with bad arguments are refused with their codes and
 // leave the server as it was.
 TEST(ServerLifecycle, MisuseIsRefusedAndHarmless) {
   TempDir folder;
