@@ -25,6 +25,7 @@
 #include <mutex>
 #include <shared_mutex>
 
+#include "mfd/mfd_formats.h"
 #include "mfd/mfd_reader.h"
 #include "util/dmsGuard.h"
 #include "util/osal_trace.h"
@@ -46,50 +47,6 @@ int32_t reportError(const char *function, int32_t line, int32_t code) {
 // The steps of a detection trace under the driver's name.
 #define DMS_DETECT_TRACE(level, ...) \
   osal_tracePrintf((level), "mfd_detectMediaFormat", kTraceFile, __LINE__, 0, __VA_ARGS__)
-
-// Indexed as listed; ids 16 and 19 have no name of their own.
-const char *const gp_a_ch_mfdMediaStringTags[26] = {
-    "INVALID",     "ATRAC3",      "ATRAC3_PLUS", "AC3",         "MP1",    "MP2",
-    "MP3",         "MP4_AUDIO",   "MPEG2/4_AAC", "MPEG2/4_AAC", "WMA",    "LPCM",
-    "WAV",         "MPEG1_PART2", "MPEG2_PART2", "MPEG4_PART2", "WMV",    "JPEG",
-    "PNG",         "GIF",         "TIFF",        "ASF",         "MPEG_PS", "MPEG_TS",
-    "MP4",         "0",
-};
-
-// The registry.  Priority is the try order key (lower first); the window is
-// the reader's local buffer size for the format's detector.
-mfdMediaProfileTag ga_s_mfdMediaProfileTags[21] = {
-    // formatId                 ext     prio  window detect   next
-    {MFD_FORMAT_ATRAC3,         "ea3",  4,    256,   nullptr, nullptr},
-    {MFD_FORMAT_ATRAC3_PLUS,    "ea3",  5,    256,   nullptr, nullptr},
-    {MFD_FORMAT_JPEG,           "jpg",  2,    256,   nullptr, nullptr},
-    {MFD_FORMAT_MP4,            "mp4",  1,    32,    nullptr, nullptr},
-    {MFD_FORMAT_PNG,            "png",  6,    32,    nullptr, nullptr},
-    {MFD_FORMAT_MP3,            "mp3",  13,   32,    nullptr, nullptr},
-    {MFD_FORMAT_LPCM,           "pcm",  14,   32,    nullptr, nullptr},
-    {MFD_FORMAT_MPEG1_VIDEO,    "mpg",  17,   128,   nullptr, nullptr},
-    {MFD_FORMAT_MPEG2_VIDEO,    "mpg",  18,   128,   nullptr, nullptr},
-    {MFD_FORMAT_AC3,            "ac3",  9,    32,    nullptr, nullptr},
-    {MFD_FORMAT_AAC,            "adts", 10,   256,   nullptr, nullptr},
-    {MFD_FORMAT_AAC2,           "adts", 11,   256,   nullptr, nullptr},
-    {MFD_FORMAT_WMA,            "wma",  15,   256,   nullptr, nullptr},
-    {MFD_FORMAT_WAV,            "wav",  3,    256,   nullptr, nullptr},
-    {MFD_FORMAT_MPEG4_PART2,    "mp4v", 19,   256,   nullptr, nullptr},
-    {MFD_FORMAT_WMV,            "wmv",  16,   256,   nullptr, nullptr},
-    {MFD_FORMAT_GIF,            "gif",  7,    32,    nullptr, nullptr},
-    {MFD_FORMAT_TIFF,           "tif",  8,    32,    nullptr, nullptr},
-    {MFD_FORMAT_MPEG_PS,        "mpg",  12,   128,   nullptr, nullptr},
-    {MFD_FORMAT_MPEG_TS,        "ts",   0,    128,   nullptr, nullptr},
-    {MFD_FORMAT_END,            "",     0,    0,     nullptr, nullptr},
-};
-
-mfdDetectCallback gpa_f_mfdMediaFormatCallBack[20] = {
-    mediaFormatAtracDetect, mediaFormatAtracDetect, mediaFormatJpegDetect, mediaFormatMp4Detect,
-    mediaFormatPngDetect,   mediaFormatMp3Detect,   mediaFormatLpcmDetect, mediaFormatMpegDetect,
-    mediaFormatMpegDetect,  mediaFormatAc3Detect,   mediaFormatAacDetect,  mediaFormatAacDetect,
-    mediaFormatWmDetect,    mediaFormatWavDetect,   mediaFormatM4vDetect,  mediaFormatWmDetect,
-    mediaFormatGifDetect,   mediaFormatTiffDetect,  mediaFormatMpegDetect, mediaFormatMptsDetect,
-};
 
 // What callers hold: the index of the instance table slot.
 struct mfdInstance {
@@ -359,18 +316,9 @@ void completeRecord(int fd, mfdMediaInfo *info, const DetectorFindings &findings
 
 }  // namespace
 
-// The table has no names for ids 16 and 19, so from WMV on the names sit one
-// or two places below the ids.
 const char *mfd_formatTag(uint32_t formatId) {
-  if (formatId <= MFD_FORMAT_MPEG4_PART2) return gp_a_ch_mfdMediaStringTags[formatId];
-  if (formatId == MFD_FORMAT_WMV) return gp_a_ch_mfdMediaStringTags[16];
-  if (formatId == MFD_FORMAT_JPEG || formatId == MFD_FORMAT_JPEG2) {
-    return gp_a_ch_mfdMediaStringTags[17];
-  }
-  if (formatId >= MFD_FORMAT_PNG && formatId < MFD_FORMAT_END) {
-    return gp_a_ch_mfdMediaStringTags[formatId - 2];
-  }
-  return gp_a_ch_mfdMediaStringTags[0];
+  const mfdFormatRow *row = mfd_formatRow(formatId);
+  return row != nullptr ? row->tag : gp_a_ch_mfdMediaStringTags[0];
 }
 
 int32_t getFormatIndex(uint32_t formatId) {

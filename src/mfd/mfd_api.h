@@ -9,6 +9,7 @@
 #ifndef DMS_MFD_MFD_API_H
 #define DMS_MFD_MFD_API_H
 
+#include <array>
 #include <cstdint>
 #include <string_view>
 
@@ -74,7 +75,7 @@ inline constexpr uint32_t MFD_CODEC_AVC = 16;
 inline constexpr uint32_t MFD_CODEC_OTHER = 255;
 
 // Tag string of each format id ("INVALID", "ATRAC3", ... "MP4", "0").
-extern const char *const gp_a_ch_mfdMediaStringTags[26];
+extern const std::array<const char *, 26> gp_a_ch_mfdMediaStringTags;
 
 // The tag string of `formatId` ("WMV" for 17, "JPEG" for 18 and 19, ...);
 // "INVALID" for 0, 16 and ids of 27 and above.
@@ -133,18 +134,17 @@ struct mfdMediaProfileTag {
 };
 
 // The registry: 20 formats and the end row (id 27).
-extern mfdMediaProfileTag ga_s_mfdMediaProfileTags[21];
+extern std::array<mfdMediaProfileTag, 21> ga_s_mfdMediaProfileTags;
 
 // The detector of each registry row, in row order (not by id); copied into
 // the row and its list node when the format is registered.  Writable so that
 // tests can put their own detectors in before registering.
-extern mfdDetectCallback gpa_f_mfdMediaFormatCallBack[20];
+extern std::array<mfdDetectCallback, 20> gpa_f_mfdMediaFormatCallBack;
 
 // The formats the server registers, in the order it registers them: the
 // order fixes the try order (ids 25, 26, 18, 12, 1, 20, 21, 22, 3, 24, 6, 11,
 // 10, 8, 15, 17).
-inline constexpr uint32_t ga_u32_mfdServerFormatIds[16] = {1,  3,  6,  10, 8,  12, 11, 15,
-                                                           17, 18, 20, 21, 22, 24, 25, 26};
+extern const std::array<uint32_t, 16> ga_u32_mfdServerFormatIds;
 
 // Registry row index of `formatId` (the MPEG-2 video row for an unknown id).
 int32_t getFormatIndex(uint32_t formatId);

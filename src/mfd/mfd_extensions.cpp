@@ -1,5 +1,5 @@
-// File-name extensions by format: which extensions a file of each detected
-// format may carry in its media URL, and the usual one for a file whose own
+// The extension of a media URL: the file's own when the format table lists
+// it for the detected format, the format's usual one for a file whose own
 // name has none that fits (no extension, a dotted name like "Mr. Brightside",
 // or a misleading one).
 #include <strings.h>
@@ -7,43 +7,9 @@
 #include <string_view>
 
 #include "mfd/mfd_api.h"
+#include "mfd/mfd_formats.h"
 
 namespace {
-
-struct FormatExtensions {
-  uint32_t formatId;
-  const char *usual;     // given when the file's own extension does not fit
-  const char *accepted;  // space-separated, besides the usual one
-};
-
-constexpr FormatExtensions kFormatExtensions[] = {
-    // format                   usual   also accepted
-    {MFD_FORMAT_ATRAC3,         "oma",  "omg aa3 ea3 at3"},
-    {MFD_FORMAT_ATRAC3_PLUS,    "oma",  "omg aa3 ea3 at3"},
-    {MFD_FORMAT_AC3,            "ac3",  "a52"},
-    {MFD_FORMAT_MP1,            "mp1",  "mpa mpga mp2 mp3"},
-    {MFD_FORMAT_MP2,            "mp2",  "mpa mpga mp1 mp3"},
-    {MFD_FORMAT_MP3,            "mp3",  "mpa mpga mp2"},
-    {MFD_FORMAT_MP4_AUDIO,      "m4a",  "mp4 m4b"},
-    {MFD_FORMAT_AAC,            "aac",  "adts adt"},
-    {MFD_FORMAT_AAC2,           "aac",  "adts adt"},
-    {MFD_FORMAT_WMA,            "wma",  "asf"},
-    {MFD_FORMAT_LPCM,           "pcm",  "lpcm l16 raw"},
-    {MFD_FORMAT_WAV,            "wav",  "wave"},
-    {MFD_FORMAT_MPEG1_VIDEO,    "mpg",  "mpeg mpe m1v mpv"},
-    {MFD_FORMAT_MPEG2_VIDEO,    "mpg",  "mpeg mpe m2v mpv"},
-    {MFD_FORMAT_MPEG4_PART2,    "m4v",  "mp4v cmp divx xvid"},
-    {MFD_FORMAT_WMV,            "wmv",  "asf"},
-    {MFD_FORMAT_JPEG,           "jpg",  "jpeg jpe jfif"},
-    {MFD_FORMAT_JPEG2,          "jpg",  "jpeg jpe jfif"},
-    {MFD_FORMAT_PNG,            "png",  ""},
-    {MFD_FORMAT_GIF,            "gif",  ""},
-    {MFD_FORMAT_TIFF,           "tif",  "tiff"},
-    {MFD_FORMAT_ASF,            "asf",  "wma wmv"},
-    {MFD_FORMAT_MPEG_PS,        "mpg",  "mpeg mpe vob dat m2p ps"},
-    {MFD_FORMAT_MPEG_TS,        "ts",   "m2ts mts m2t tp trp tts"},
-    {MFD_FORMAT_MP4,            "mp4",  "m4a m4v m4b mov 3gp 3g2"},
-};
 
 constexpr size_t kMaxExtensionLength = 5;
 
@@ -73,13 +39,9 @@ bool listHolds(std::string_view list, std::string_view extension) {
 }  // namespace
 
 std::string_view mfd_resourceExtension(uint32_t formatId, std::string_view fileExtension) {
-  for (const FormatExtensions &row : kFormatExtensions) {
-    if (row.formatId != formatId) continue;
-    if (isShortAlphanumeric(fileExtension) &&
-        (listHolds(row.usual, fileExtension) || listHolds(row.accepted, fileExtension))) {
-      return fileExtension;
-    }
-    return row.usual;
-  }
-  return {};
+  const mfdFormatRow *row = mfd_formatRow(formatId);
+  if (row == nullptr) return {};
+  const std::string_view extensions(row->extensions);
+  if (isShortAlphanumeric(fileExtension) && listHolds(extensions, fileExtension)) return fileExtension;
+  return extensions.substr(0, extensions.find(' '));
 }

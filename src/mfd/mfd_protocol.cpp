@@ -1,21 +1,20 @@
 // Protocol info mapping: the MIME type, the DLNA profile field and the full
 // protocolInfo that the server publishes for a detected file.  Every string
-// is a constant; the choice depends only on the detected properties.
+// is a constant; the choice depends only on the detected properties.  The
+// format table picks the mapping of each format.
 #include <cstdint>
 #include <iterator>
 
 #include "mfd/mfd_api.h"
+#include "mfd/mfd_formats.h"
+#include "mfd/mfd_protocol.h"
 #include "util/osal_trace.h"
 
 static constexpr char kTraceFile[] = "mfd_protocol.c";
 
 namespace {
 
-struct ProtocolStrings {
-  const char *mimeType;
-  const char *profileName;
-  const char *protocolInfo;
-};
+using ProtocolStrings = mfdProtocolStrings;
 
 constexpr ProtocolStrings kNoMapping = {"", "", ""};
 
@@ -218,61 +217,53 @@ const ProtocolStrings &asfStrings(const mfdMediaInfo &info) {
   return kAsf;
 }
 
-const ProtocolStrings &protocolStrings(const mfdMediaInfo &info) {
-  switch (info.formatId) {
-    case MFD_FORMAT_ATRAC3:
-    case MFD_FORMAT_ATRAC3_PLUS:
-      return kAtrac;
-    case MFD_FORMAT_AC3:
-      return kAc3;
-    case MFD_FORMAT_MP1:
-    case MFD_FORMAT_MP2:
-      return kMpegAudio;
-    case MFD_FORMAT_MP3:
-      return kMp3;
-    case MFD_FORMAT_AAC:
-    case MFD_FORMAT_AAC2:
-      return kAac;
-    case MFD_FORMAT_WMA:
-      // No detector reports WMA by itself (ASF files come as id 23).
-      DMS_TRACE(OSAL_TRACE_ERR, "Format id %u is never reported by itself\n", info.formatId);
-      return kNoMapping;
-    case MFD_FORMAT_LPCM:
-      return info.profileCode >= 1 && info.profileCode <= 4 ? kPcmRows[info.profileCode - 1]
-                                                            : kPcmOther;
-    case MFD_FORMAT_WAV:
-      return getWavProtocolDetails(info);
-    case MFD_FORMAT_MPEG1_VIDEO:
-    case MFD_FORMAT_MPEG2_VIDEO:
-      DMS_TRACE(OSAL_TRACE_ERR, "E_MFD_MEDIA_FORMAT_ID_VIDEO_MPEG2_PART2\n");
-      return kMpegVideo;
-    case MFD_FORMAT_MPEG4_PART2:
-      return kMpeg4Video;
-    case MFD_FORMAT_WMV:
-      return kWmv;
-    case MFD_FORMAT_JPEG:
-    case MFD_FORMAT_JPEG2:
-      return imageStrings(kJpegRows, kJpeg, info.width, info.height);
-    case MFD_FORMAT_PNG:
-      return imageStrings(kPngRows, kPng, info.width, info.height);
-    case MFD_FORMAT_GIF:
-      return info.width <= 1600 && info.height <= 1200 ? kGifLarge : kGif;
-    case MFD_FORMAT_TIFF:
-      return kTiff;
-    case MFD_FORMAT_ASF:
-      return asfStrings(info);
-    case MFD_FORMAT_MPEG_PS:
-      return mpegPsStrings(info.profileCode);
-    case MFD_FORMAT_MPEG_TS:
-      return kMpegVideo;
-    case MFD_FORMAT_MP4:
-      return mp4Strings(info);
-    default:
-      return kNoMapping;
-  }
+}  // namespace
+
+// The mappings the format table names, one per format family.
+const mfdProtocolStrings &mfdProtocolNone(const mfdMediaInfo &) { return kNoMapping; }
+const mfdProtocolStrings &mfdProtocolAtrac(const mfdMediaInfo &) { return kAtrac; }
+const mfdProtocolStrings &mfdProtocolAc3(const mfdMediaInfo &) { return kAc3; }
+const mfdProtocolStrings &mfdProtocolMpegAudio(const mfdMediaInfo &) { return kMpegAudio; }
+const mfdProtocolStrings &mfdProtocolMp3(const mfdMediaInfo &) { return kMp3; }
+const mfdProtocolStrings &mfdProtocolAac(const mfdMediaInfo &) { return kAac; }
+
+const mfdProtocolStrings &mfdProtocolWma(const mfdMediaInfo &info) {
+  // No detector reports WMA by itself (ASF files come as id 23).
+  DMS_TRACE(OSAL_TRACE_ERR, "Format id %u is never reported by itself\n", info.formatId);
+  return kNoMapping;
 }
 
-}  // namespace
+const mfdProtocolStrings &mfdProtocolLpcm(const mfdMediaInfo &info) {
+  return info.profileCode >= 1 && info.profileCode <= 4 ? kPcmRows[info.profileCode - 1] : kPcmOther;
+}
+
+const mfdProtocolStrings &mfdProtocolWav(const mfdMediaInfo &info) { return getWavProtocolDetails(info); }
+
+const mfdProtocolStrings &mfdProtocolMpegVideo(const mfdMediaInfo &) {
+  DMS_TRACE(OSAL_TRACE_ERR, "E_MFD_MEDIA_FORMAT_ID_VIDEO_MPEG2_PART2\n");
+  return kMpegVideo;
+}
+
+const mfdProtocolStrings &mfdProtocolMpeg4Video(const mfdMediaInfo &) { return kMpeg4Video; }
+const mfdProtocolStrings &mfdProtocolWmv(const mfdMediaInfo &) { return kWmv; }
+
+const mfdProtocolStrings &mfdProtocolJpeg(const mfdMediaInfo &info) {
+  return imageStrings(kJpegRows, kJpeg, info.width, info.height);
+}
+
+const mfdProtocolStrings &mfdProtocolPng(const mfdMediaInfo &info) {
+  return imageStrings(kPngRows, kPng, info.width, info.height);
+}
+
+const mfdProtocolStrings &mfdProtocolGif(const mfdMediaInfo &info) {
+  return info.width <= 1600 && info.height <= 1200 ? kGifLarge : kGif;
+}
+
+const mfdProtocolStrings &mfdProtocolTiff(const mfdMediaInfo &) { return kTiff; }
+const mfdProtocolStrings &mfdProtocolAsf(const mfdMediaInfo &info) { return asfStrings(info); }
+const mfdProtocolStrings &mfdProtocolMpegPs(const mfdMediaInfo &info) { return mpegPsStrings(info.profileCode); }
+const mfdProtocolStrings &mfdProtocolMpegTs(const mfdMediaInfo &) { return kMpegVideo; }
+const mfdProtocolStrings &mfdProtocolMp4(const mfdMediaInfo &info) { return mp4Strings(info); }
 
 int32_t mfd_getMediaProtocolDetails(const mfdMediaInfo *info, const char **mimeType,
                                     const char **profileName, const char **protocolInfo) {
@@ -280,7 +271,8 @@ int32_t mfd_getMediaProtocolDetails(const mfdMediaInfo *info, const char **mimeT
     DMS_TRACE(OSAL_TRACE_ERR, "Error in Input Parameters\n");
     return MFD_ERR_INVALID_PARAM;
   }
-  const ProtocolStrings &strings = protocolStrings(*info);
+  const mfdFormatRow *row = mfd_formatRow(info->formatId);
+  const ProtocolStrings &strings = row != nullptr ? row->protocol(*info) : kNoMapping;
   *mimeType = strings.mimeType;
   *profileName = strings.profileName;
   *protocolInfo = strings.protocolInfo;

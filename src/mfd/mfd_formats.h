@@ -1,0 +1,40 @@
+// The format table: one row per format id, holding everything the server
+// knows about the format.  Adding a format means adding one row here and one
+// detector file; the registry arrays, the server's registration order, the
+// tag strings, the published strings and the URL extensions all follow from
+// the rows (checked at compile time against the order the server has always
+// used).
+#ifndef DMS_MFD_MFD_FORMATS_H
+#define DMS_MFD_MFD_FORMATS_H
+
+#include <cstdint>
+#include <string_view>
+
+#include "mfd/mfd_api.h"
+#include "mfd/mfd_protocol.h"
+
+struct mfdFormatRow {
+  uint32_t formatId;
+  // Tag string ("MP3"); a row that shares the tag of the row before it (JPEG
+  // id 19) has none of its own in gp_a_ch_mfdMediaStringTags.
+  const char *tag;
+  bool sharesTag;
+  // File-name extensions, space-separated, the usual one first.
+  const char *extensions;
+  // Detection: the detector and, for formats with a registry row, the
+  // registry's extension, try priority (lower first) and reader window (32,
+  // 128 or 256 bytes).  A row without a detector has no registry row.
+  mfdDetectCallback detect;
+  const char *registryExtension;
+  int32_t priority;
+  uint32_t window;
+  // Position in the server's registration order; -1: not registered by it.
+  int32_t serverOrder;
+  // MIME type, DLNA profile and protocolInfo of a detected file.
+  mfdProtocolMapping protocol;
+};
+
+// The row of `formatId`, or NULL for ids without one (0, 16, 27 and above).
+const mfdFormatRow *mfd_formatRow(uint32_t formatId);
+
+#endif  // DMS_MFD_MFD_FORMATS_H

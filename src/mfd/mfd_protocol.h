@@ -1,0 +1,39 @@
+// The strings a detected file is published with, by format family.  Each
+// function maps one detected record to its MIME type, DLNA profile field and
+// protocolInfo; the format table (mfd_formats.cpp) names one per format.
+// Every string is a constant.
+#ifndef DMS_MFD_MFD_PROTOCOL_H
+#define DMS_MFD_MFD_PROTOCOL_H
+
+#include "mfd/mfd_api.h"
+
+struct mfdProtocolStrings {
+  const char *mimeType;
+  const char *profileName;
+  const char *protocolInfo;
+};
+
+using mfdProtocolMapping = const mfdProtocolStrings &(*)(const mfdMediaInfo &info);
+
+const mfdProtocolStrings &mfdProtocolNone(const mfdMediaInfo &info);  // "", "", ""
+const mfdProtocolStrings &mfdProtocolAtrac(const mfdMediaInfo &info);
+const mfdProtocolStrings &mfdProtocolAc3(const mfdMediaInfo &info);
+const mfdProtocolStrings &mfdProtocolMpegAudio(const mfdMediaInfo &info);  // MPEG-1 layers 1 and 2
+const mfdProtocolStrings &mfdProtocolMp3(const mfdMediaInfo &info);
+const mfdProtocolStrings &mfdProtocolAac(const mfdMediaInfo &info);
+const mfdProtocolStrings &mfdProtocolWma(const mfdMediaInfo &info);  // never reported alone: none
+const mfdProtocolStrings &mfdProtocolLpcm(const mfdMediaInfo &info);
+const mfdProtocolStrings &mfdProtocolWav(const mfdMediaInfo &info);
+const mfdProtocolStrings &mfdProtocolMpegVideo(const mfdMediaInfo &info);
+const mfdProtocolStrings &mfdProtocolMpeg4Video(const mfdMediaInfo &info);
+const mfdProtocolStrings &mfdProtocolWmv(const mfdMediaInfo &info);
+const mfdProtocolStrings &mfdProtocolJpeg(const mfdMediaInfo &info);
+const mfdProtocolStrings &mfdProtocolPng(const mfdMediaInfo &info);
+const mfdProtocolStrings &mfdProtocolGif(const mfdMediaInfo &info);
+const mfdProtocolStrings &mfdProtocolTiff(const mfdMediaInfo &info);
+const mfdProtocolStrings &mfdProtocolAsf(const mfdMediaInfo &info);
+const mfdProtocolStrings &mfdProtocolMpegPs(const mfdMediaInfo &info);
+const mfdProtocolStrings &mfdProtocolMpegTs(const mfdMediaInfo &info);
+const mfdProtocolStrings &mfdProtocolMp4(const mfdMediaInfo &info);
+
+#endif  // DMS_MFD_MFD_PROTOCOL_H
