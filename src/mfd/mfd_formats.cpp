@@ -46,14 +46,14 @@ constexpr size_t countIf(bool (*test)(const mfdFormatRow &)) {
   for (const mfdFormatRow &row : kFormats) count += test(row) ? 1 : 0;
   return count;
 }
-static_assert(countIf([](const mfdFormatRow &row) { return row.detect != nullptr; }) == kRegistryRows);
+static_assert(countIf([](const mfdFormatRow &row) { return row.window > 0; }) == kRegistryRows);
 static_assert(countIf([](const mfdFormatRow &row) { return row.serverOrder >= 0; }) == kServerFormats);
 
 constexpr std::array<mfdMediaProfileTag, kRegistryRows + 1> registryRows() {
   std::array<mfdMediaProfileTag, kRegistryRows + 1> rows{};
   size_t next = 0;
   for (const mfdFormatRow &row : kFormats) {
-    if (row.detect == nullptr) continue;
+    if (row.window == 0) continue;
     rows[next++] = {row.formatId, row.registryExtension, row.priority, row.window, nullptr, nullptr};
   }
   rows[next] = {MFD_FORMAT_END, "", 0, 0, nullptr, nullptr};
@@ -64,7 +64,7 @@ constexpr std::array<mfdDetectCallback, kRegistryRows> detectors() {
   std::array<mfdDetectCallback, kRegistryRows> callbacks{};
   size_t next = 0;
   for (const mfdFormatRow &row : kFormats) {
-    if (row.detect != nullptr) callbacks[next++] = row.detect;
+    if (row.window > 0) callbacks[next++] = row.detect;
   }
   return callbacks;
 }

@@ -23,7 +23,8 @@ struct mfdFormatRow {
   const char *extensions;
   // Detection: the detector and, for formats with a registry row, the
   // registry's extension, try priority (lower first) and reader window (32,
-  // 128 or 256 bytes).  A row without a detector has no registry row.
+  // 128 or 256 bytes).  A row with a window of 0 has no registry row and no
+  // detector.
   mfdDetectCallback detect;
   const char *registryExtension;
   int32_t priority;
