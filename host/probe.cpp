@@ -6,6 +6,7 @@
 #include <string>
 #include <string_view>
 
+#include "content/dmsClmTags.h"
 #include "mfd/mfd_api.h"
 #include "util/osal_trace.h"
 
@@ -105,6 +106,17 @@ std::string describe(const char *path, int32_t result, const mfdMediaInfo &info)
   appendField(line, "fileSize", info.fileSize);
   appendField(line, "dataOffset", info.dataOffset);
   appendField(line, "durationMs", info.duration);
+  dmsTagText tags;
+  if (result == 0 && dmsClmReadTags(path, info, tags)) {
+    appendField(line, "title", tags.title);
+    appendField(line, "artist", tags.artist);
+    appendField(line, "albumArtist", tags.albumArtist);
+    appendField(line, "album", tags.album);
+    appendField(line, "genre", tags.genre);
+    appendField(line, "date", tags.date);
+    appendField(line, "track", tags.track);
+    appendField(line, "disc", tags.disc);
+  }
   line += "}\n";
   return line;
 }

@@ -36,6 +36,7 @@
 #include <string>
 #include <vector>
 
+#include "content/dmsClmTags.h"
 #include "dlna_dms.h"
 #include "content/dmsRwLock.h"
 #include "mfd/mfd_api.h"
@@ -61,6 +62,7 @@ struct dmsContentEntry {
   std::vector<dmsContentEntry *> children;   // containers: in the order added; owned
   int64_t fileSize = 0;                      // items: size when the entry was made
   std::unique_ptr<mfdMediaInfo> mediaInfo;   // items: what detection found
+  std::unique_ptr<dmsMediaTags> tags;        // items: their tags; NULL none
   int32_t watchDescriptor = -1;              // containers: inotify watch, -1 none
 
   dmsContentEntry() = default;
@@ -83,6 +85,7 @@ struct dmsContentListInfo {
   dmsFsmMonitor *monitor = nullptr;
   uint32_t nextId = DMS_CLM_FIRST_ID;
   mfdInstance *detector = nullptr;
+  dmsTagPool tagPool;  // the entries' tag texts (change mutex)
   void *cdsContext = nullptr;  // the ContentDirectory, told of changes (change mutex)
 
   // Update record handed to the ContentDirectory on every change.

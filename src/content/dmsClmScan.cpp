@@ -84,8 +84,10 @@ bool takeFromBudget(dmsScanBudget &budget, uint32_t type) {
 }
 
 // Runs detection; true (with the record) when the file is media.
-bool detectMedia(dmsContentListInfo *list, const std::string &path,
-                 std::unique_ptr<mfdMediaInfo> &media) {
+// Detects the file at out.path and, for media, reads its tags.
+bool detectMedia(dmsContentListInfo *list, dmsPendingEntry &out) {
+  const std::string &path = out.path;
+  std::unique_ptr<mfdMediaInfo> &media = out.mediaInfo;
   media = std::make_unique<mfdMediaInfo>();
   int32_t result = mfd_detectMediaFormat(list->detector, path.c_str(), media.get());
   if (result == MFD_ERR_UNSUPPORTED) return false;  // not media: dropped silently
@@ -94,7 +96,10 @@ bool detectMedia(dmsContentListInfo *list, const std::string &path,
               "Error [%d] in %s() for file [%s]\n", result, "mfd_detectMediaFormat", path.c_str());
     return false;
   }
-  return media->mediaClass != MFD_CLASS_NONE && media->formatId != MFD_FORMAT_NONE;
+  if (media->mediaClass == MFD_CLASS_NONE || media->formatId == MFD_FORMAT_NONE) return false;
+  dmsTagText tags;
+  if (dmsClmReadTags(path, *media, tags)) out.tags = std::make_unique<dmsTagText>(std::move(tags));
+  return true;
 }
 
 int32_t walkFolder(dmsContentListInfo *list, dmsPendingEntry &folder, dmsScanBudget &budget,
@@ -110,7 +115,7 @@ bool prepareEntry(dmsContentListInfo *list, const std::string &path, uint32_t ty
   out.type = type;
   out.fileSize = fileSize;
   if (type == DMS_CLM_TYPE_ITEM) {
-    if (!detectMedia(list, path, out.mediaInfo)) {
+    if (!detectMedia(list, out)) {
       --budget.count;
       return false;
     }
@@ -185,7 +190,7 @@ bool dmsClmPrepareTopEntry(dmsContentListInfo *list, const std::string &path, ui
   out.path = path;
   out.type = type;
   out.fileSize = fileSize;
-  if (type == DMS_CLM_TYPE_ITEM && !detectMedia(list, path, out.mediaInfo)) {
+  if (type == DMS_CLM_TYPE_ITEM && !detectMedia(list, out)) {
     --budget.count;
     return false;
   }
@@ -212,6 +217,7 @@ dmsContentEntry *createEntryAndAddToList(dmsContentListInfo *list, dmsPendingEnt
   entry->parent = parent;
   entry->fileSize = pending.fileSize;
   entry->mediaInfo = std::move(pending.mediaInfo);
+  if (pending.tags != nullptr) entry->tags = dmsClmPoolTags(list->tagPool, *pending.tags);
   int32_t result = cel_rbTreeInsert(&list->entriesById, entry.get());
   if (result != 0) {
     DMS_TRACE(OSAL_TRACE_ERR, "Error [%d] in %s()\n", result, "cel_rbTreeInsert");

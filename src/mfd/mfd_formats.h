@@ -13,6 +13,15 @@
 #include "mfd/mfd_api.h"
 #include "mfd/mfd_protocol.h"
 
+// Where a format keeps its tags, for the tag reader (TagLib's file types).
+enum class mfdTagLayout : uint8_t {
+  kNone,  // no tags the server reads
+  kMpeg,  // ID3v2 (2.2, 2.3, 2.4), ID3v1 and APE around MPEG audio or ADTS
+  kMp4,   // iTunes-style atoms
+  kAsf,   // ASF attributes
+  kWav,   // RIFF INFO list and "id3 " chunk
+};
+
 struct mfdFormatRow {
   uint32_t formatId;
   // Tag string ("MP3"); a row that shares the tag of the row before it (JPEG
@@ -33,6 +42,7 @@ struct mfdFormatRow {
   int32_t serverOrder;
   // MIME type, DLNA profile and protocolInfo of a detected file.
   mfdProtocolMapping protocol;
+  mfdTagLayout tags;
 };
 
 // The row of `formatId`, or NULL for ids without one (0, 16, 27 and above).

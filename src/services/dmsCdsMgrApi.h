@@ -34,7 +34,8 @@ struct dmsCdsMgrHandle {
   std::unique_ptr<dmsCdsEventModerator> moderator;  // sends the change events
 };
 
-// Indexes of the nine Filter flags; a flag of 1 leaves the property out.
+// Indexes of the Filter flags; a flag of 1 leaves the property out.  The last
+// two are for properties read from tags.
 enum dmsCdsFilterFlag : int {
   DMS_CDS_FILTER_RES = 0,
   DMS_CDS_FILTER_SIZE,
@@ -45,6 +46,8 @@ enum dmsCdsFilterFlag : int {
   DMS_CDS_FILTER_BITRATE,
   DMS_CDS_FILTER_CREATOR,
   DMS_CDS_FILTER_GENRE,
+  DMS_CDS_FILTER_ARTIST,
+  DMS_CDS_FILTER_TRACK,
   DMS_CDS_FILTER_COUNT
 };
 

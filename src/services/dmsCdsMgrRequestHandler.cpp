@@ -209,6 +209,8 @@ const dmsCdsItemFilterRule gsa_s_dmsCdsItemFilterRules[] = {
     {ruleEquals,                  "res@duration",    DMS_CDS_FILTER_RES,      DMS_CDS_FILTER_DURATION},
     {ruleContains,                "res@resolution",  DMS_CDS_FILTER_RES,      DMS_CDS_FILTER_RESOLUTION},
     {ruleContains,                "res@bitrate",     DMS_CDS_FILTER_RES,      DMS_CDS_FILTER_BITRATE},
+    {ruleEquals,                  "upnp:artist",     DMS_CDS_FILTER_ARTIST,   -1},
+    {ruleEquals,                  "upnp:originalTrackNumber", DMS_CDS_FILTER_TRACK, -1},
 };
 
 void applyItemFilterToken(uint8_t *filterFlags, std::string_view token) {

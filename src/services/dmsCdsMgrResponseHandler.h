@@ -43,6 +43,9 @@ struct dmsCdsItemRecord {
   dlnaUtilDidlItem item{};
   std::string title;
   std::string resourceName;
+  // The artist from the file's tags, which Search on dc:creator matches
+  // whatever the Filter lets the page show; NULL when there is none.
+  const char *artist = nullptr;
 
   dmsCdsItemRecord() = default;
   dmsCdsItemRecord(const dmsCdsItemRecord &) = delete;

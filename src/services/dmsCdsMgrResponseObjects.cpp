@@ -181,6 +181,23 @@ void fillMediaProperties(const mfdMediaInfo &info, const uint8_t *flags, dlnaUti
   if (flags[DMS_CDS_FILTER_BITRATE] != 0) item.bitrate = -1;
 }
 
+// What the file's own tags say replaces what is shown without them: the title
+// (the file name otherwise), the artist as creator, the album, the genre
+// (all "Unknown" otherwise) and the date (the file's time otherwise); the
+// artist and the track number are added.  Each honours the Filter.
+void applyTags(const dmsMediaTags *tags, const uint8_t *flags, dlnaUtilDidlItem &item) {
+  if (tags == nullptr) return;
+  if (tags->title != nullptr) item.title = tags->title;
+  if (tags->artist != nullptr && item.creator != nullptr) item.creator = tags->artist;
+  if (tags->artist != nullptr && flags[DMS_CDS_FILTER_ARTIST] == 0) item.artist = tags->artist;
+  if (tags->album != nullptr && item.album != nullptr) item.album = tags->album;
+  if (tags->genre != nullptr && item.genre != nullptr) item.genre = tags->genre;
+  if (tags->date != nullptr && flags[DMS_CDS_FILTER_DATE] == 0) {
+    std::snprintf(item.date, sizeof item.date, "%s", tags->date);
+  }
+  if (flags[DMS_CDS_FILTER_TRACK] == 0) item.originalTrackNumber = tags->track;
+}
+
 // The last component of `path`, trailing slashes ignored.
 std::string lastComponent(const std::string &path) {
   const size_t end = path.find_last_not_of('/');
@@ -294,6 +311,8 @@ int32_t dmsCdsBuildItem(const dmsCdsObjectRequest *request, dmsContentEntry *ent
     item.creator = flags[DMS_CDS_FILTER_CREATOR] == 0 ? kUnknownText : nullptr;
     item.genre = flags[DMS_CDS_FILTER_GENRE] == 0 ? kUnknownText : nullptr;
     fillMediaProperties(info, flags, item);
+    applyTags(entry->tags.get(), flags, item);
+    record->artist = entry->tags != nullptr ? entry->tags->artist : nullptr;
     return DMS_SUCCESS;
   });
 }

@@ -155,7 +155,9 @@ int32_t visitItem(dmsCdsSearchState &state, dmsContentEntry *entry,
     DMS_TRACE(OSAL_TRACE_ERR, "Item detail information is not valid\n");
     return DMS_ERR_INVALID_PARAM;
   }
-  if (!itemMatches(state, record.item) || !countMatch(*state.searchArgs, counters)) {
+  dlnaUtilDidlItem matched = record.item;
+  if (record.artist != nullptr) matched.creator = record.artist;
+  if (!itemMatches(state, matched) || !countMatch(*state.searchArgs, counters)) {
     return DMS_SUCCESS;
   }
   if ((status = dlnaUtil_DIDLAddItem(buffer, &record.item)) != 0) {

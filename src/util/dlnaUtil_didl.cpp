@@ -138,8 +138,14 @@ void writeItemMetadata(DidlWriter &out, const dlnaUtilDidlItem &item) {
   out.element("upnp:class"sv, item.upnpClass).element("dc:title"sv, item.title);
   if (item.genre != nullptr) out.element("upnp:genre"sv, item.genre);
   if (item.creator != nullptr) out.element("dc:creator"sv, item.creator);
+  if (item.artist != nullptr) out.element("upnp:artist"sv, item.artist);
   const std::string_view date = inlineText(item.date);
   if (!date.empty()) out.raw("<dc:date>"sv).text(date).raw("</dc:date>"sv);
+  if (item.originalTrackNumber > 0) {
+    out.raw("<upnp:originalTrackNumber>"sv)
+        .number(item.originalTrackNumber)
+        .raw("</upnp:originalTrackNumber>"sv);
+  }
 }
 
 // Deliberately lenient: an item is refused only when every identifying field

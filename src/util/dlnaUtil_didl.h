@@ -41,6 +41,8 @@ struct dlnaUtilDidlItem {
   int32_t bitrate;           // bytes per second; written when > 0
   const char *creator;       // NULL: absent
   const char *genre;         // NULL: absent
+  const char *artist;        // upnp:artist; NULL: absent
+  int32_t originalTrackNumber;  // upnp:originalTrackNumber; written when > 0
 };
 
 // One folder, written as a `container` element.
@@ -76,8 +78,8 @@ int32_t dlnaUtil_DIDLAddHeader(dlnaUtilBuffer *buffer);
 int32_t dlnaUtil_DIDLAddFooter(dlnaUtilBuffer *buffer);
 
 // Appends one `item`: attributes id, parentID, restricted; elements
-// upnp:album (if set), upnp:class, dc:title, upnp:genre, dc:creator and
-// dc:date (each if set); then, when protocolInfo is set, `res` with
+// upnp:album (if set), upnp:class, dc:title, upnp:genre, dc:creator,
+// upnp:artist, dc:date and upnp:originalTrackNumber (each if set); then, when protocolInfo is set, `res` with
 // protocolInfo, size, duration (H:MM:SS.mmm), resolution and bitrate (each
 // when present) around the URL "http://<address>:<port>/web/<resourceName>".
 // The item is refused (DLNA_UTIL_ERR_INVALID_PARAM) only when every one of

@@ -1,0 +1,139 @@
+#include "content/dmsClmTags.h"
+
+#include <taglib/asffile.h>
+#include <taglib/mp4file.h>
+#include <taglib/mpegfile.h>
+#include <taglib/tdebuglistener.h>
+#include <taglib/tfilestream.h>
+#include <taglib/tpropertymap.h>
+#include <taglib/wavfile.h>
+
+#include <cstdlib>
+#include <mutex>
+
+#include "mfd/mfd_formats.h"
+#include "util/dmsGuard.h"
+#include "util/osal_trace.h"
+
+static constexpr char kTraceFile[] = "dmsClmTags";
+
+namespace {
+
+// TagLib reports malformed tags on standard error; they are the file's
+// business, so they go to the trace at INFO level instead.
+class TraceListener : public TagLib::DebugListener {
+ public:
+  void printMessage(const TagLib::String &message) override {
+    DMS_TRACE(OSAL_TRACE_INFO, "TagLib: %s", message.toCString(true));
+  }
+};
+
+void routeTagLibMessages() {
+  static std::once_flag routed;
+  std::call_once(routed, [] {
+    static TraceListener listener;
+    TagLib::setDebugListener(&listener);
+  });
+}
+
+// The file object for the format's tag layout, reading from `stream`;
+// audio properties are not read (the detectors did that).
+std::unique_ptr<TagLib::File> openTagged(mfdTagLayout layout, TagLib::FileStream *stream) {
+  switch (layout) {
+    case mfdTagLayout::kMpeg:
+      return std::make_unique<TagLib::MPEG::File>(stream, TagLib::ID3v2::FrameFactory::instance(), false);
+    case mfdTagLayout::kMp4: return std::make_unique<TagLib::MP4::File>(stream, false);
+    case mfdTagLayout::kAsf: return std::make_unique<TagLib::ASF::File>(stream, false);
+    case mfdTagLayout::kWav: return std::make_unique<TagLib::RIFF::WAV::File>(stream, false);
+    case mfdTagLayout::kNone: break;
+  }
+  return nullptr;
+}
+
+std::string first(const TagLib::PropertyMap &properties, const char *key) {
+  const auto found = properties.find(key);
+  if (found == properties.end() || found->second.isEmpty()) return {};
+  return found->second.front().stripWhiteSpace().toCString(true);
+}
+
+// "3", "3/12" or " 03 " as 3; 0 for anything else.
+uint32_t leadingNumber(const std::string &text) {
+  const char *cursor = text.c_str();
+  while (*cursor == ' ') ++cursor;
+  char *end = nullptr;
+  const unsigned long value = std::strtoul(cursor, &end, 10);
+  return end != cursor && value <= 0xFFFF ? static_cast<uint32_t>(value) : 0;
+}
+
+// The date as ISO 8601 (YYYY, YYYY-MM or YYYY-MM-DD) from what tags hold:
+// "2019", "2019-07-14", "2019-07-14T15:30", "2019/07/14"; empty otherwise.
+std::string isoDate(const std::string &text) {
+  auto digits = [&](size_t at, size_t count) {
+    if (at + count > text.size()) return false;
+    for (size_t i = at; i < at + count; ++i) {
+      if (text[i] < '0' || text[i] > '9') return false;
+    }
+    return true;
+  };
+  if (!digits(0, 4) || (text.size() > 4 && text[4] != '-' && text[4] != '/' && text[4] != 'T')) return {};
+  std::string date = text.substr(0, 4);
+  if (text.size() >= 7 && text[4] != 'T' && digits(5, 2)) {
+    date += "-" + text.substr(5, 2);
+    if (text.size() >= 10 && (text[7] == '-' || text[7] == '/') && digits(8, 2)) date += "-" + text.substr(8, 2);
+  }
+  return date;
+}
+
+}  // namespace
+
+bool dmsTagText::empty() const {
+  return title.empty() && artist.empty() && albumArtist.empty() && album.empty() && genre.empty() &&
+         date.empty() && track == 0 && disc == 0;
+}
+
+bool dmsClmReadTags(const std::string &path, const mfdMediaInfo &info, dmsTagText &out) {
+  out = dmsTagText{};
+  const mfdFormatRow *row = mfd_formatRow(info.formatId);
+  if (row == nullptr || row->tags == mfdTagLayout::kNone) return false;
+  return dmsGuard("dmsClmReadTags", false, [&] {
+    routeTagLibMessages();
+    TagLib::FileStream stream(path.c_str(), true);  // never opened for writing
+    if (!stream.isOpen()) return false;
+    std::unique_ptr<TagLib::File> file = openTagged(row->tags, &stream);
+    if (file == nullptr || !file->isValid()) return false;
+    const TagLib::PropertyMap properties = file->properties();
+    out.title = first(properties, "TITLE");
+    out.artist = first(properties, "ARTIST");
+    out.albumArtist = first(properties, "ALBUMARTIST");
+    out.album = first(properties, "ALBUM");
+    out.genre = first(properties, "GENRE");
+    out.date = isoDate(first(properties, "DATE"));
+    // The generic mapping of a RIFF INFO list keeps only the year of ICRD.
+    if (auto *wav = dynamic_cast<TagLib::RIFF::WAV::File *>(file.get()); wav != nullptr && !wav->hasID3v2Tag()) {
+      const std::string created = isoDate(wav->InfoTag()->fieldText("ICRD").toCString(true));
+      if (created.size() > out.date.size()) out.date = created;
+    }
+    out.track = leadingNumber(first(properties, "TRACKNUMBER"));
+    out.disc = leadingNumber(first(properties, "DISCNUMBER"));
+    return !out.empty();
+  });
+}
+
+const char *dmsTagPool::intern(const std::string &text) {
+  if (text.empty()) return nullptr;
+  return texts_.insert(text).first->c_str();
+}
+
+std::unique_ptr<dmsMediaTags> dmsClmPoolTags(dmsTagPool &pool, const dmsTagText &text) {
+  if (text.empty()) return nullptr;
+  auto tags = std::make_unique<dmsMediaTags>();
+  tags->title = pool.intern(text.title);
+  tags->artist = pool.intern(text.artist);
+  tags->albumArtist = pool.intern(text.albumArtist);
+  tags->album = pool.intern(text.album);
+  tags->genre = pool.intern(text.genre);
+  tags->date = pool.intern(text.date);
+  tags->track = static_cast<uint16_t>(text.track);
+  tags->disc = static_cast<uint16_t>(text.disc);
+  return tags;
+}

@@ -1,0 +1,123 @@
+// Tags over SOAP: tagged files made by real encoders and taggers show their
+// title, artist, album, genre, date and track number in Browse, honour the
+// Filter, and Search on dc:creator finds them by artist.  What each file
+// holds is the fixture script's own record (tests/fixtures/tagged.tsv).
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <fstream>
+#include <map>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "dms_test.h"
+
+using namespace dmstest;
+
+namespace {
+
+struct TaggedFile {
+  std::string path, title, artist, album, genre, date, track;
+};
+
+// The rows of tagged.tsv for formats the server lists today.
+std::vector<TaggedFile> taggedFiles() {
+  std::ifstream in(std::string(DMS_TEST_FIXTURES) + "/tagged.tsv");
+  std::string line;
+  std::getline(in, line);
+  std::vector<TaggedFile> files;
+  while (std::getline(in, line)) {
+    std::vector<std::string> f;
+    std::stringstream fields(line);
+    for (std::string field; std::getline(fields, field, '\t');) f.push_back(field);
+    const bool listed = f.size() == 14 && f[0].rfind("tagged/", 0) == 0 &&
+                        (f[1] == "MP3" || f[1] == "MP4" || f[1] == "ASF" || f[1] == "WAV");
+    if (listed) files.push_back({f[0], f[8], f[9], f[10], f[11], f[12], f[13]});
+  }
+  return files;
+}
+
+std::string fileTitle(const std::string &path) {
+  const std::string name = path.substr(path.rfind('/') + 1);
+  return name.substr(0, name.rfind('.'));
+}
+
+// The date as an ISO 8601 text: "2019" or "2019-07-14".
+std::string isoDate(const std::string &date) { return date == "-" ? "" : date.substr(0, 10); }
+
+// "3/12" -> "3".
+std::string trackNumber(const std::string &track) {
+  return track == "-" ? "" : track.substr(0, track.find('/'));
+}
+
+class TagsTest : public ::testing::Test {
+ protected:
+  static void SetUpTestSuite() {
+    tree_ = new TempDir;
+    for (const TaggedFile &file : taggedFiles()) tree_->copy(file.path, "music/" + file.path.substr(7));
+    server_ = new RunningServer;
+    ASSERT_TRUE(server_->start({*tree_ / "music"}));
+    folder_ = children(server_->port(), "0").at(0).id();
+  }
+  static void TearDownTestSuite() {
+    delete server_;
+    delete tree_;
+  }
+  static inline TempDir *tree_ = nullptr;
+  static inline RunningServer *server_ = nullptr;
+  static inline std::string folder_;
+};
+
+TEST_F(TagsTest, BrowseShowsWhatTheTagsSay) {
+  const std::vector<TaggedFile> files = taggedFiles();
+  ASSERT_GE(files.size(), 11u);
+  const std::vector<DidlObject> listed = children(server_->port(), folder_);
+  ASSERT_EQ(listed.size(), files.size());
+  // Children come in the byte order of their file names.
+  std::vector<TaggedFile> byName = files;
+  std::sort(byName.begin(), byName.end(),
+            [](const TaggedFile &a, const TaggedFile &b) { return a.path < b.path; });
+  for (size_t i = 0; i < byName.size(); ++i) {
+    const TaggedFile &file = byName[i];
+    SCOPED_TRACE(file.path);
+    const bool tagged = file.title != "-";
+    const DidlObject *object = &listed[i];
+    EXPECT_EQ(object->title(), tagged ? file.title : fileTitle(file.path));
+    if (!tagged) {
+      EXPECT_EQ(object->prop("dc:creator"), "Unknown");
+      EXPECT_EQ(object->prop("upnp:originalTrackNumber"), "");
+      continue;
+    }
+    EXPECT_EQ(object->prop("dc:creator"), file.artist);
+    EXPECT_EQ(object->prop("upnp:artist"), file.artist);
+    EXPECT_EQ(object->prop("upnp:album"), file.album);
+    EXPECT_EQ(object->prop("upnp:genre"), file.genre);
+    EXPECT_EQ(object->prop("dc:date"), isoDate(file.date));
+    EXPECT_EQ(object->prop("upnp:originalTrackNumber"), trackNumber(file.track));
+  }
+}
+
+TEST_F(TagsTest, FilterAndSearchUseTheTags) {
+  const std::vector<TaggedFile> files = taggedFiles();
+  size_t tagged = 0;
+  for (const TaggedFile &file : files) tagged += file.artist != "-" ? 1 : 0;
+  // Only what the Filter names (the title always comes).
+  for (const DidlObject &object : browse(server_->port(), folder_, "BrowseDirectChildren", 0, 0, "dc:title").objects) {
+    EXPECT_EQ(object.prop("upnp:artist"), "");
+    EXPECT_EQ(object.prop("upnp:originalTrackNumber"), "");
+    EXPECT_EQ(object.prop("dc:creator"), "");
+  }
+  CdsAnswer named =
+      browse(server_->port(), folder_, "BrowseDirectChildren", 0, 0, "upnp:artist,upnp:originalTrackNumber");
+  size_t withArtist = 0;
+  for (const DidlObject &object : named.objects) withArtist += object.prop("upnp:artist").empty() ? 0 : 1;
+  EXPECT_EQ(withArtist, tagged);
+  // dc:creator matches the artist, whatever the page shows.
+  CdsAnswer found = search(server_->port(), "0", "dc:creator contains \"Zo\xC3\xAB\"");
+  EXPECT_TRUE(found.wellFormed);
+  EXPECT_EQ(found.objects.size(), tagged);
+  EXPECT_EQ(search(server_->port(), "0", "dc:title contains \"Caf\xC3\xA9\"").objects.size(), tagged);
+}
+
+}  // namespace
