@@ -1,0 +1,108 @@
+// End to end, as a user meets it: from launching `dlna-dms` on a library of
+// tagged music and photos until Browse lists the last folder, and the peak
+// resident memory of the whole process, for 20,000 and 100,000 files (hard
+// links of real tagged fixtures, 100 to a folder, warm cache).
+//
+// It starts the real host program on 127.0.0.1: run it inside a private
+// network namespace, e.g.
+//   unshare -n sh -c 'ip link set lo up && build/bench/launch_bench build/host/dlna-dms'
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "dms_test.h"
+
+namespace fs = std::filesystem;
+using Clock = std::chrono::steady_clock;
+
+namespace {
+
+constexpr int kPort = 49500;
+constexpr int kPerFolder = 100;
+
+const char *const kFixtures[] = {
+    "tagged/id3v24-utf8.mp3", "tagged/id3v23-utf16.mp3", "tagged/m4a-itunes.m4a",
+    "tagged/wma-attributes.wma", "image/jfif-640x480.jpg",
+};
+
+void buildLibrary(const fs::path &root, int files) {
+  for (int i = 0; i < files; ++i) {
+    char folder[32], name[32];
+    std::snprintf(folder, sizeof folder, "d%05d", i / kPerFolder);
+    const std::string source = dmstest::fixture(kFixtures[i % std::size(kFixtures)]);
+    std::snprintf(name, sizeof name, "f%06d%s", i, fs::path(source).extension().c_str());
+    fs::create_directories(root / folder);
+    fs::create_hard_link(source, root / folder / name);
+  }
+}
+
+// Peak resident set of `pid` in KiB.
+long peakKiB(pid_t pid) {
+  std::ifstream status("/proc/" + std::to_string(pid) + "/status");
+  for (std::string line; std::getline(status, line);) {
+    if (line.rfind("VmHWM:", 0) == 0) return std::strtol(line.c_str() + 6, nullptr, 10);
+  }
+  return 0;
+}
+
+// Seconds from launch until the last folder lists all its files; -1 when it
+// never does within two minutes.
+double launchToBrowsable(const std::string &program, const fs::path &library, int files, long *peak) {
+  char lastFolder[32];
+  std::snprintf(lastFolder, sizeof lastFolder, "d%05d", (files - 1) / kPerFolder);
+  const int inLastFolder = files - (files - 1) / kPerFolder * kPerFolder;
+  const auto start = Clock::now();
+  const pid_t pid = ::fork();
+  if (pid == 0) {
+    const std::string port = std::to_string(kPort);
+    ::execl(program.c_str(), program.c_str(), "--address", "127.0.0.1", "--port", port.c_str(), "--www",
+            DMS_BENCH_WWW, library.c_str(), static_cast<char *>(nullptr));
+    std::_Exit(127);
+  }
+  double seconds = -1;
+  while (std::chrono::duration<double>(Clock::now() - start).count() < 120) {
+    const dmstest::DidlObject folder = dmstest::lookup(kPort, library.filename().string() + "/" + lastFolder);
+    if (!folder.id().empty() &&
+        dmstest::browse(kPort, folder.id(), "BrowseDirectChildren").numberReturned == inLastFolder) {
+      seconds = std::chrono::duration<double>(Clock::now() - start).count();
+      break;
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  }
+  *peak = peakKiB(pid);
+  ::kill(pid, SIGTERM);
+  ::waitpid(pid, nullptr, 0);
+  return seconds;
+}
+
+}  // namespace
+
+int main(int argc, char **argv) {
+  if (argc < 2) {
+    std::fprintf(stderr, "usage: launch_bench PATH-TO-dlna-dms [TEMPORARY-FOLDER]\n");
+    return 2;
+  }
+  const fs::path base = fs::path(argc > 2 ? argv[2] : "/tmp") / ("dms_launch_bench_" + std::to_string(::getpid()));
+  std::printf("%-8s %14s %12s %10s %14s\n", "files", "to browsable", "files/s", "peak MB", "bytes/file");
+  for (int files : {20000, 100000}) {
+    const fs::path library = base / ("lib" + std::to_string(files));
+    buildLibrary(library, files);
+    long peak = 0;
+    const double seconds = launchToBrowsable(argv[1], library, files, &peak);
+    std::printf("%-8d %12.2f s %12.0f %10.1f %14.0f\n", files, seconds, seconds > 0 ? files / seconds : 0.0,
+                peak / 1024.0, peak * 1024.0 / files);
+    std::fflush(stdout);
+    fs::remove_all(library);
+  }
+  fs::remove_all(base);
+  return 0;
+}
