@@ -80,7 +80,7 @@ int main(int argc, char **argv) {
   g_u32_osalTraceLevel = 0;
   mfdInstance *instance = nullptr;
   mfd_openInstance(&instance);
-  for (uint32_t formatId : ga_u32_mfdServerFormatIds) mfd_registerFormat(instance, formatId);
+  for (uint32_t formatId : g_mfdAllServerFormatIds) mfd_registerFormat(instance, formatId);
 
   // The first pass warms the page cache and names each file's format.
   std::vector<Sample> samples;
@@ -115,7 +115,7 @@ int main(int argc, char **argv) {
   for (const auto &[name, totals] : byFormat) printRow(name, totals);
   printRow("all", overall);
 
-  for (uint32_t formatId : ga_u32_mfdServerFormatIds) mfd_unregisterFormat(instance, formatId);
+  for (uint32_t formatId : g_mfdAllServerFormatIds) mfd_unregisterFormat(instance, formatId);
   mfd_closeInstance(instance);
   return 0;
 }

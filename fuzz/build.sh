@@ -11,6 +11,6 @@ mkdir -p "$out"
 "$cxx" -g -O1 -fno-omit-frame-pointer -fsanitize=fuzzer,address,undefined \
   -fno-sanitize-recover=undefined -std=c++20 -D_FILE_OFFSET_BITS=64 -D_LARGEFILE64_SOURCE \
   -Wall -Wextra -I "$root/src" -I "$root/include" \
-  "$root/fuzz/detect_fuzz.cpp" "$root"/src/mfd/*.cpp "$root/src/util/osal_trace.cpp" \
+  "$root/fuzz/detect_fuzz.cpp" "$root"/src/mfd/*.cpp "$root/src/util/osal_trace.cpp" "$root/src/util/dmsGuard.cpp" \
   -o "$out/detect_fuzz"
 echo "built $out/detect_fuzz"

@@ -36,7 +36,7 @@ Harness &harness() {
     Harness created;
     g_u32_osalTraceLevel = 0;  // detection traces would drown the fuzzer's output
     if (mfd_openInstance(&created.instance) != 0) std::abort();
-    for (uint32_t id : ga_u32_mfdServerFormatIds) {
+    for (uint32_t id : g_mfdAllServerFormatIds) {
       if (mfd_registerFormat(created.instance, id) != 0) std::abort();
     }
     std::string pattern = "/tmp/dms-detect-fuzz-XXXXXX";

@@ -140,14 +140,14 @@ int runProbe(int argc, char **argv) {
     std::fprintf(stderr, "dlna-dms: cannot start detection\n");
     return 1;
   }
-  for (uint32_t formatId : ga_u32_mfdServerFormatIds) mfd_registerFormat(instance, formatId);
+  for (uint32_t formatId : g_mfdAllServerFormatIds) mfd_registerFormat(instance, formatId);
   for (int i = 0; i < argc; ++i) {
     mfdMediaInfo info{};
     int32_t result = mfd_detectMediaFormat(instance, argv[i], &info);
     std::fputs(describe(argv[i], result, info).c_str(), stdout);
   }
   std::fflush(stdout);
-  for (uint32_t formatId : ga_u32_mfdServerFormatIds) mfd_unregisterFormat(instance, formatId);
+  for (uint32_t formatId : g_mfdAllServerFormatIds) mfd_unregisterFormat(instance, formatId);
   mfd_closeInstance(instance);
   return 0;
 }

@@ -118,7 +118,7 @@ void removeFormatsAndDestroyMfd(dmsContentListInfo *list) {
     DMS_TRACE(OSAL_TRACE_ERR, "Input Param Error\n");
     return;
   }
-  for (uint32_t formatId : ga_u32_mfdServerFormatIds) {
+  for (uint32_t formatId : g_mfdAllServerFormatIds) {
     int32_t result = mfd_unregisterFormat(list->detector, formatId);
     if (result != 0) {
       DMS_TRACE(OSAL_TRACE_ERR, "Error [%d] in %s() for Format [%d]\n", result, "mfd_unregisterFormat",
@@ -135,7 +135,7 @@ int32_t prepareList(dmsContentListInfo *list, int32_t maxContent) {
   int32_t result = mfd_openInstance(&list->detector);
   if (result != 0) DMS_TRACE(OSAL_TRACE_ERR, "Error [%d] in %s()\n", result, "mfd_openInstance");
   if (list->detector == nullptr) return DMS_ERR_INVALID_PARAM;
-  for (uint32_t formatId : ga_u32_mfdServerFormatIds) {
+  for (uint32_t formatId : g_mfdAllServerFormatIds) {
     result = mfd_registerFormat(list->detector, formatId);
     if (result != 0) {
       DMS_TRACE(OSAL_TRACE_ERR, "Error [%d] in %s() for Format [%d]\n", result, "mfd_registerFormat",

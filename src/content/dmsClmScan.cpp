@@ -181,7 +181,8 @@ bool dmsClmScanFilterKeeps(const char *name, bool isDirectory) {
   if (dot == nullptr) return false;
   std::string extension = lowerCase(dot);
   return std::any_of(kMediaExtensions.begin(), kMediaExtensions.end(),
-                     [&](const char *kept) { return extension == kept; });
+                     [&](const char *kept) { return extension == kept; }) ||
+         mfd_addedFormatsUse(std::string_view(extension).substr(1));
 }
 
 bool dmsClmPrepareTopEntry(dmsContentListInfo *list, const std::string &path, uint32_t type,

@@ -1,8 +1,12 @@
 #include "content/dmsClmTags.h"
 
 #include <taglib/asffile.h>
+#include <taglib/flacfile.h>
 #include <taglib/mp4file.h>
 #include <taglib/mpegfile.h>
+#include <taglib/oggflacfile.h>
+#include <taglib/opusfile.h>
+#include <taglib/vorbisfile.h>
 #include <taglib/tdebuglistener.h>
 #include <taglib/tfilestream.h>
 #include <taglib/tpropertymap.h>
@@ -45,6 +49,11 @@ std::unique_ptr<TagLib::File> openTagged(mfdTagLayout layout, TagLib::FileStream
     case mfdTagLayout::kMp4: return std::make_unique<TagLib::MP4::File>(stream, false);
     case mfdTagLayout::kAsf: return std::make_unique<TagLib::ASF::File>(stream, false);
     case mfdTagLayout::kWav: return std::make_unique<TagLib::RIFF::WAV::File>(stream, false);
+    case mfdTagLayout::kFlac:
+      return std::make_unique<TagLib::FLAC::File>(stream, TagLib::ID3v2::FrameFactory::instance(), false);
+    case mfdTagLayout::kOggVorbis: return std::make_unique<TagLib::Ogg::Vorbis::File>(stream, false);
+    case mfdTagLayout::kOggOpus: return std::make_unique<TagLib::Ogg::Opus::File>(stream, false);
+    case mfdTagLayout::kOggFlac: return std::make_unique<TagLib::Ogg::FLAC::File>(stream, false);
     case mfdTagLayout::kNone: break;
   }
   return nullptr;

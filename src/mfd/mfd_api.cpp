@@ -55,7 +55,7 @@ struct mfdInstance {
 
 namespace {
 
-constexpr int32_t kRowCount = 21;
+constexpr int32_t kRowCount = static_cast<int32_t>(MFD_REGISTRY_ROWS);
 constexpr int32_t kUnknownIdRow = 8;
 
 // A registered format.  The list owns its nodes through the `next` links.
@@ -86,7 +86,7 @@ struct mfdObjectEntry {
 
 std::shared_mutex gs_mfdRegistryLock;
 std::array<mfdInstanceSlot, 16> ga_s_mfdInstanceTable;
-std::array<mfdObjectEntry, MFD_FORMAT_END> ga_s_mfdObjectTable;
+std::array<mfdObjectEntry, MFD_FORMAT_COUNT> ga_s_mfdObjectTable;
 std::unique_ptr<mfdFormatNode> gp_s_mfdMediaProfileListStart;
 
 mfdInstanceState *stateOf(const mfdInstance *handle) {
@@ -215,7 +215,7 @@ int32_t runDetectors(const mfdInstance *handle, int fd, const char *path, mfdMed
     return MFD_ERR_INVALID_PARAM;
   }
   // A format registered twice is tried once.
-  std::bitset<MFD_FORMAT_END> tried;
+  std::bitset<MFD_FORMAT_COUNT> tried;
   for (const mfdFormatNode *node = gp_s_mfdMediaProfileListStart.get(); node != nullptr;
        node = node->next.get()) {
     if (node->detect == nullptr || tried.test(node->formatId)) continue;
@@ -346,7 +346,7 @@ int32_t mfd_openInstance(mfdInstance **handle) {
 
 int32_t mfd_registerFormat(mfdInstance *handle, uint32_t formatId) {
   if (handle == nullptr) return DMS_MFD_ERROR(MFD_ERR_INVALID_PARAM);
-  mfdMediaProfileTag *row = formatId < MFD_FORMAT_END ? rowOf(formatId) : nullptr;
+  mfdMediaProfileTag *row = formatId < MFD_FORMAT_COUNT ? rowOf(formatId) : nullptr;
   if (row == nullptr) return DMS_MFD_ERROR(MFD_ERR_UNSUPPORTED);
   return dmsGuard("mfd_registerFormat", MFD_ERR_INVALID_PARAM, [&] {
     std::unique_lock lock(gs_mfdRegistryLock);
@@ -366,7 +366,7 @@ int32_t mfd_registerFormat(mfdInstance *handle, uint32_t formatId) {
 
 int32_t mfd_unregisterFormat(mfdInstance *handle, uint32_t formatId) {
   if (handle == nullptr) return DMS_MFD_ERROR(MFD_ERR_NO_INSTANCE);
-  if (formatId >= MFD_FORMAT_END) return DMS_MFD_ERROR(MFD_ERR_UNSUPPORTED);
+  if (formatId >= MFD_FORMAT_COUNT) return DMS_MFD_ERROR(MFD_ERR_UNSUPPORTED);
   return dmsGuard("mfd_unregisterFormat", MFD_ERR_INVALID_PARAM, [&] {
     std::unique_lock lock(gs_mfdRegistryLock);
     mfdInstanceState *state = stateOf(handle);

@@ -10,6 +10,7 @@
 #define DMS_MFD_MFD_API_H
 
 #include <array>
+#include <cstddef>
 #include <cstdint>
 #include <string_view>
 
@@ -61,7 +62,17 @@ enum mfdFormatId : uint32_t {
   MFD_FORMAT_MPEG_PS = 24,
   MFD_FORMAT_MPEG_TS = 25,
   MFD_FORMAT_MP4 = 26,
-  MFD_FORMAT_END = 27,
+  MFD_FORMAT_END = 27,  // the registry's end row
+  // Formats beyond the written registry, each tried before every written one.
+  MFD_FORMAT_FLAC = 28,
+  MFD_FORMAT_OGG_VORBIS = 29,  // the Ogg detector's row; also reports 30 and 31
+  MFD_FORMAT_OGG_OPUS = 30,
+  MFD_FORMAT_OGG_FLAC = 31,
+  MFD_FORMAT_MATROSKA = 32,  // the Matroska detector's row; also reports WebM
+  MFD_FORMAT_WEBM = 33,
+  MFD_FORMAT_AVI = 34,
+  MFD_FORMAT_QUICKTIME = 35,  // reported by the MP4 detector for the "qt  " brand
+  MFD_FORMAT_COUNT = 36,      // one past every id
 };
 
 // Codec ids for codecs without a format id of their own, used in the
@@ -73,6 +84,15 @@ inline constexpr uint32_t MFD_CODEC_AVC = 16;
 // advanced, an unknown ASF audio tag ...): nonzero, so "video present" and
 // "audio present" still read right.
 inline constexpr uint32_t MFD_CODEC_OTHER = 255;
+// Codecs of the added containers.
+inline constexpr uint32_t MFD_CODEC_HEVC = 64;
+inline constexpr uint32_t MFD_CODEC_VP8 = 65;
+inline constexpr uint32_t MFD_CODEC_VP9 = 66;
+inline constexpr uint32_t MFD_CODEC_AV1 = 67;
+inline constexpr uint32_t MFD_CODEC_VORBIS = 68;
+inline constexpr uint32_t MFD_CODEC_OPUS = 69;
+inline constexpr uint32_t MFD_CODEC_EAC3 = 70;
+inline constexpr uint32_t MFD_CODEC_DTS = 71;
 
 // Tag string of each format id ("INVALID", "ATRAC3", ... "MP4", "0").
 extern const std::array<const char *, 26> gp_a_ch_mfdMediaStringTags;
@@ -133,18 +153,26 @@ struct mfdMediaProfileTag {
   mfdMediaProfileTag *next;
 };
 
-// The registry: 20 formats and the end row (id 27).
-extern std::array<mfdMediaProfileTag, 21> ga_s_mfdMediaProfileTags;
+// The registry: the 20 written formats, the 4 added detectors and the end
+// row (id 27).
+inline constexpr size_t MFD_REGISTRY_ROWS = 25;
+extern std::array<mfdMediaProfileTag, MFD_REGISTRY_ROWS> ga_s_mfdMediaProfileTags;
 
 // The detector of each registry row, in row order (not by id); copied into
 // the row and its list node when the format is registered.  Writable so that
 // tests can put their own detectors in before registering.
-extern std::array<mfdDetectCallback, 20> gpa_f_mfdMediaFormatCallBack;
+extern std::array<mfdDetectCallback, MFD_REGISTRY_ROWS - 1> gpa_f_mfdMediaFormatCallBack;
 
 // The formats the server registers, in the order it registers them: the
 // order fixes the try order (ids 25, 26, 18, 12, 1, 20, 21, 22, 3, 24, 6, 11,
 // 10, 8, 15, 17).
 extern const std::array<uint32_t, 16> ga_u32_mfdServerFormatIds;
+
+// Every format the server registers: the written ones in that order, then
+// the added ones, which (registered last with the lowest priority) are tried
+// first: they accept only their own signatures.
+inline constexpr size_t MFD_SERVER_FORMATS = 20;
+extern const std::array<uint32_t, MFD_SERVER_FORMATS> g_mfdAllServerFormatIds;
 
 // Registry row index of `formatId` (the MPEG-2 video row for an unknown id).
 int32_t getFormatIndex(uint32_t formatId);
@@ -174,6 +202,10 @@ int32_t mfd_getMediaProtocolDetails(const mfdMediaInfo *info, const char **mimeT
 // `fileExtension` or a constant.
 std::string_view mfd_resourceExtension(uint32_t formatId, std::string_view fileExtension);
 
+// True when `extension` (without the dot, any case) is one the formats added
+// beyond the written registry use: the scan's name filter keeps such names.
+bool mfd_addedFormatsUse(std::string_view extension);
+
 // True when the file name's extension (after the last dot) is "pcm", "wav" or
 // "bmp", in any case: most detectors leave such files to their own detectors.
 bool mfd_hasExcludedExtension(const char *path);
@@ -187,6 +219,10 @@ int mediaFormatLpcmDetect(int fd, mfdMediaInfo *info, int mode, const char *path
 int mediaFormatWavDetect(int fd, mfdMediaInfo *info, int mode, const char *path);
 int mediaFormatJpegDetect(int fd, mfdMediaInfo *info, int mode, const char *path);
 int mediaFormatPngDetect(int fd, mfdMediaInfo *info, int mode, const char *path);
+int mediaFormatFlacDetect(int fd, mfdMediaInfo *info, int mode, const char *path);
+int mediaFormatOggDetect(int fd, mfdMediaInfo *info, int mode, const char *path);
+int mediaFormatMatroskaDetect(int fd, mfdMediaInfo *info, int mode, const char *path);
+int mediaFormatAviDetect(int fd, mfdMediaInfo *info, int mode, const char *path);
 int mediaFormatGifDetect(int fd, mfdMediaInfo *info, int mode, const char *path);
 int mediaFormatTiffDetect(int fd, mfdMediaInfo *info, int mode, const char *path);
 int mediaFormatMpegDetect(int fd, mfdMediaInfo *info, int mode, const char *path);

@@ -38,6 +38,14 @@ bool listHolds(std::string_view list, std::string_view extension) {
 
 }  // namespace
 
+bool mfd_addedFormatsUse(std::string_view extension) {
+  for (uint32_t id = MFD_FORMAT_END + 1; id < MFD_FORMAT_COUNT; ++id) {
+    const mfdFormatRow *row = mfd_formatRow(id);
+    if (row != nullptr && listHolds(row->extensions, extension)) return true;
+  }
+  return false;
+}
+
 std::string_view mfd_resourceExtension(uint32_t formatId, std::string_view fileExtension) {
   const mfdFormatRow *row = mfd_formatRow(formatId);
   if (row == nullptr) return {};

@@ -30,16 +30,26 @@ constexpr mfdFormatRow kFormats[] = {
     {MFD_FORMAT_TIFF,          "TIFF",        false, "tif tiff",                     mediaFormatTiffDetect,  "tif",        8,    32,     12,     mfdProtocolTiff, mfdTagLayout::kNone},
     {MFD_FORMAT_MPEG_PS,       "MPEG_PS",     false, "mpg mpeg mpe vob dat m2p ps",  mediaFormatMpegDetect,  "mpg",        12,   128,    13,     mfdProtocolMpegPs, mfdTagLayout::kNone},
     {MFD_FORMAT_MPEG_TS,       "MPEG_TS",     false, "ts m2ts mts m2t tp trp tts",   mediaFormatMptsDetect,  "ts",         0,    128,    14,     mfdProtocolMpegTs, mfdTagLayout::kNone},
+    // Added formats: tried before every written one (registered last, with
+    // the lowest priority); each accepts only its own signature.
+    {MFD_FORMAT_FLAC,          "FLAC",        false, "flac fla",                     mediaFormatFlacDetect,  "flac",       -1,   32,     16,     mfdProtocolFlac, mfdTagLayout::kFlac},
+    {MFD_FORMAT_OGG_VORBIS,    "OGG_VORBIS",  false, "ogg oga",                      mediaFormatOggDetect,   "ogg",        -1,   32,     17,     mfdProtocolOgg, mfdTagLayout::kOggVorbis},
+    {MFD_FORMAT_MATROSKA,      "MATROSKA",    false, "mkv mka mk3d",                 mediaFormatMatroskaDetect, "mkv",     -1,   32,     18,     mfdProtocolMatroska, mfdTagLayout::kNone},
+    {MFD_FORMAT_AVI,           "AVI",         false, "avi divx",                     mediaFormatAviDetect,   "avi",        -1,   32,     19,     mfdProtocolAvi, mfdTagLayout::kNone},
     // Reported by detectors, without a detector of their own.
     {MFD_FORMAT_MP1,           "MP1",         false, "mp1 mpa mpga mp2 mp3",         nullptr,                nullptr,      0,    0,      -1,     mfdProtocolMpegAudio, mfdTagLayout::kMpeg},
     {MFD_FORMAT_MP2,           "MP2",         false, "mp2 mpa mpga mp1 mp3",         nullptr,                nullptr,      0,    0,      -1,     mfdProtocolMpegAudio, mfdTagLayout::kMpeg},
     {MFD_FORMAT_MP4_AUDIO,     "MP4_AUDIO",   false, "m4a mp4 m4b",                  nullptr,                nullptr,      0,    0,      -1,     mfdProtocolNone, mfdTagLayout::kMp4},
     {MFD_FORMAT_JPEG2,         "JPEG",        true,  "jpg jpeg jpe jfif",            nullptr,                nullptr,      0,    0,      -1,     mfdProtocolJpeg, mfdTagLayout::kNone},
+    {MFD_FORMAT_OGG_OPUS,      "OGG_OPUS",    false, "opus ogg oga",                 nullptr,                nullptr,      0,    0,      -1,     mfdProtocolOgg, mfdTagLayout::kOggOpus},
+    {MFD_FORMAT_OGG_FLAC,      "OGG_FLAC",    false, "oga ogg",                      nullptr,                nullptr,      0,    0,      -1,     mfdProtocolOgg, mfdTagLayout::kOggFlac},
+    {MFD_FORMAT_WEBM,          "WEBM",        false, "webm weba",                    nullptr,                nullptr,      0,    0,      -1,     mfdProtocolWebm, mfdTagLayout::kNone},
+    {MFD_FORMAT_QUICKTIME,     "QUICKTIME",   false, "mov qt",                       nullptr,                nullptr,      0,    0,      -1,     mfdProtocolQuickTime, mfdTagLayout::kMp4},
     {MFD_FORMAT_ASF,           "ASF",         false, "asf wma wmv",                  nullptr,                nullptr,      0,    0,      -1,     mfdProtocolAsf, mfdTagLayout::kAsf},
 };
 
-constexpr size_t kRegistryRows = 20;   // rows with a detector
-constexpr size_t kServerFormats = 16;  // formats the server registers
+constexpr size_t kRegistryRows = MFD_REGISTRY_ROWS - 1;  // rows with a detector
+constexpr size_t kWrittenServerFormats = 16;  // the written formats the server registers
 
 constexpr size_t countIf(bool (*test)(const mfdFormatRow &)) {
   size_t count = 0;
@@ -47,7 +57,7 @@ constexpr size_t countIf(bool (*test)(const mfdFormatRow &)) {
   return count;
 }
 static_assert(countIf([](const mfdFormatRow &row) { return row.window > 0; }) == kRegistryRows);
-static_assert(countIf([](const mfdFormatRow &row) { return row.serverOrder >= 0; }) == kServerFormats);
+static_assert(countIf([](const mfdFormatRow &row) { return row.serverOrder >= 0; }) == MFD_SERVER_FORMATS);
 
 constexpr std::array<mfdMediaProfileTag, kRegistryRows + 1> registryRows() {
   std::array<mfdMediaProfileTag, kRegistryRows + 1> rows{};
@@ -69,8 +79,8 @@ constexpr std::array<mfdDetectCallback, kRegistryRows> detectors() {
   return callbacks;
 }
 
-constexpr std::array<uint32_t, kServerFormats> serverOrder() {
-  std::array<uint32_t, kServerFormats> ids{};
+constexpr std::array<uint32_t, MFD_SERVER_FORMATS> serverOrder() {
+  std::array<uint32_t, MFD_SERVER_FORMATS> ids{};
   for (const mfdFormatRow &row : kFormats) {
     if (row.serverOrder >= 0) ids[static_cast<size_t>(row.serverOrder)] = row.formatId;
   }
@@ -82,7 +92,7 @@ constexpr std::array<const char *, 26> tagStrings() {
   std::array<const char *, 26> tags{};
   size_t next = 0;
   tags[next++] = "INVALID";
-  for (uint32_t id = 1; id < MFD_FORMAT_END; ++id) {
+  for (uint32_t id = 1; id < MFD_FORMAT_END; ++id) {  // the written ids
     for (const mfdFormatRow &row : kFormats) {
       if (row.formatId == id && !row.sharesTag) tags[next++] = row.tag;
     }
@@ -91,19 +101,26 @@ constexpr std::array<const char *, 26> tagStrings() {
   return tags;
 }
 
-constexpr bool sameIds(const std::array<uint32_t, kServerFormats> &ids,
-                       const std::array<uint32_t, kServerFormats> &expected) {
-  for (size_t i = 0; i < kServerFormats; ++i) {
+constexpr std::array<uint32_t, kWrittenServerFormats> writtenServerOrder() {
+  std::array<uint32_t, kWrittenServerFormats> ids{};
+  for (size_t i = 0; i < kWrittenServerFormats; ++i) ids[i] = serverOrder()[i];
+  return ids;
+}
+
+constexpr bool sameIds(const std::array<uint32_t, kWrittenServerFormats> &ids,
+                       const std::array<uint32_t, kWrittenServerFormats> &expected) {
+  for (size_t i = 0; i < kWrittenServerFormats; ++i) {
     if (ids[i] != expected[i]) return false;
   }
   return true;
 }
 
 // The order in which the server registers its formats fixes the try order.
-static_assert(sameIds(serverOrder(), {1, 3, 6, 10, 8, 12, 11, 15, 17, 18, 20, 21, 22, 24, 25, 26}));
+static_assert(sameIds(writtenServerOrder(), {1, 3, 6, 10, 8, 12, 11, 15, 17, 18, 20, 21, 22, 24, 25, 26}));
 static_assert(registryRows()[0].formatId == MFD_FORMAT_ATRAC3 &&
+              registryRows()[8].formatId == MFD_FORMAT_MPEG2_VIDEO &&  // the row of unknown ids
               registryRows()[19].formatId == MFD_FORMAT_MPEG_TS &&
-              registryRows()[20].formatId == MFD_FORMAT_END);
+              registryRows()[kRegistryRows].formatId == MFD_FORMAT_END);
 
 // The tag strings keep their places: ids 16 and 19 have none of their own.
 static_assert(std::string_view(tagStrings()[15]) == "MPEG4_PART2" &&
@@ -113,9 +130,10 @@ static_assert(std::string_view(tagStrings()[15]) == "MPEG4_PART2" &&
 
 }  // namespace
 
-std::array<mfdMediaProfileTag, 21> ga_s_mfdMediaProfileTags = registryRows();
-std::array<mfdDetectCallback, 20> gpa_f_mfdMediaFormatCallBack = detectors();
-const std::array<uint32_t, 16> ga_u32_mfdServerFormatIds = serverOrder();
+std::array<mfdMediaProfileTag, MFD_REGISTRY_ROWS> ga_s_mfdMediaProfileTags = registryRows();
+std::array<mfdDetectCallback, MFD_REGISTRY_ROWS - 1> gpa_f_mfdMediaFormatCallBack = detectors();
+const std::array<uint32_t, 16> ga_u32_mfdServerFormatIds = writtenServerOrder();
+const std::array<uint32_t, MFD_SERVER_FORMATS> g_mfdAllServerFormatIds = serverOrder();
 const std::array<const char *, 26> gp_a_ch_mfdMediaStringTags = tagStrings();
 
 const mfdFormatRow *mfd_formatRow(uint32_t formatId) {

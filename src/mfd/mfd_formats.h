@@ -20,6 +20,10 @@ enum class mfdTagLayout : uint8_t {
   kMp4,   // iTunes-style atoms
   kAsf,   // ASF attributes
   kWav,   // RIFF INFO list and "id3 " chunk
+  kFlac,       // Vorbis comments (and ID3v2 in front)
+  kOggVorbis,  // Vorbis comments
+  kOggOpus,    // Vorbis comments
+  kOggFlac,    // Vorbis comments
 };
 
 struct mfdFormatRow {

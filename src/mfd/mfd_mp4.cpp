@@ -114,7 +114,8 @@ int detectMode2(int fd, mfdMediaInfo *info, const char *path) {
   mfdMp4TopLevel top;
   if (!mfdMp4_walkTopLevel(mfdVideo_fileSize(fd), top)) return 0;
   info->mediaClass = MFD_CLASS_VIDEO;
-  info->formatId = MFD_FORMAT_MP4;
+  // QuickTime movies share the box layout; their brand tells them apart.
+  info->formatId = top.majorBrand == mfdVideo_fourCc("qt  ") ? MFD_FORMAT_QUICKTIME : MFD_FORMAT_MP4;
   DMS_TRACE(OSAL_TRACE_INFO, "MP4 detected, movie box at %lld\n",
             static_cast<long long>(top.moov.start));
   return 0;

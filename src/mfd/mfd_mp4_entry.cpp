@@ -35,6 +35,8 @@ struct EntryTypeRow {
 constexpr EntryTypeRow kEntryTypes[] = {
     {mfdVideo_fourCc("avc1"), MFD_CODEC_AVC},
     {mfdVideo_fourCc("avc3"), MFD_CODEC_AVC},
+    {mfdVideo_fourCc("hvc1"), MFD_CODEC_HEVC},
+    {mfdVideo_fourCc("hev1"), MFD_CODEC_HEVC},
     {mfdVideo_fourCc("mp4v"), MFD_FORMAT_MPEG4_PART2},  // refined by the object type
     {mfdVideo_fourCc("mp4a"), MFD_FORMAT_AAC},          // likewise
     {mfdVideo_fourCc("ac-3"), MFD_FORMAT_AC3},

@@ -33,7 +33,7 @@ constexpr StreamTypeRow kStreamTypes[] = {
     {0x02,   MFD_FORMAT_MPEG2_VIDEO,     true},   // MPEG-2 video
     {0x10,   MFD_FORMAT_MPEG4_PART2,     true},   // MPEG-4 part 2 video
     {0x1B,   MFD_CODEC_AVC,              true},   // H.264
-    {0x24,   MFD_CODEC_OTHER,            true},   // HEVC
+    {0x24,   MFD_CODEC_HEVC,             true},   // HEVC
     {0xEA,   MFD_CODEC_OTHER,            true},   // VC-1
     {0x03,   MFD_FORMAT_MP2,             false},  // MPEG-1 audio (layer read from the frames)
     {0x04,   MFD_FORMAT_MP2,             false},  // MPEG-2 audio (likewise)

@@ -146,6 +146,24 @@ constexpr ProtocolStrings kAsfWmaRows[] = {
 constexpr ProtocolStrings kAsfWma = DMS_GENERIC_ROW("audio/x-ms-wma");
 constexpr ProtocolStrings kAsf = DMS_GENERIC_ROW("video/x-ms-asf");
 
+// Formats without a DLNA profile beyond the written ones: the fourth field
+// carries the operations (ranges), conversion and flags (streaming transfer,
+// background transfer, DLNA 1.5) fields, as players expect of a file they
+// may seek in.
+#define DMS_ADDED_FIELDS "DLNA.ORG_OP=01;DLNA.ORG_CI=0;DLNA.ORG_FLAGS=01700000000000000000000000000000"
+#define DMS_ADDED_ROW(mime) {mime, DMS_ADDED_FIELDS, "http-get:*:" mime ":" DMS_ADDED_FIELDS}
+
+constexpr ProtocolStrings kFlac = DMS_ADDED_ROW("audio/flac");
+constexpr ProtocolStrings kOgg = DMS_ADDED_ROW("audio/ogg");
+constexpr ProtocolStrings kMatroskaVideo = DMS_ADDED_ROW("video/x-matroska");
+constexpr ProtocolStrings kMatroskaAudio = DMS_ADDED_ROW("audio/x-matroska");
+constexpr ProtocolStrings kWebmVideo = DMS_ADDED_ROW("video/webm");
+constexpr ProtocolStrings kWebmAudio = DMS_ADDED_ROW("audio/webm");
+constexpr ProtocolStrings kAvi = DMS_ADDED_ROW("video/x-msvideo");
+constexpr ProtocolStrings kQuickTime = DMS_ADDED_ROW("video/quicktime");
+
+#undef DMS_ADDED_ROW
+#undef DMS_ADDED_FIELDS
 #undef DMS_WAV_ROW
 #undef DMS_L16
 #undef DMS_PCM_ROW
@@ -264,6 +282,23 @@ const mfdProtocolStrings &mfdProtocolAsf(const mfdMediaInfo &info) { return asfS
 const mfdProtocolStrings &mfdProtocolMpegPs(const mfdMediaInfo &info) { return mpegPsStrings(info.profileCode); }
 const mfdProtocolStrings &mfdProtocolMpegTs(const mfdMediaInfo &) { return kMpegVideo; }
 const mfdProtocolStrings &mfdProtocolMp4(const mfdMediaInfo &info) { return mp4Strings(info); }
+
+const mfdProtocolStrings &mfdProtocolFlac(const mfdMediaInfo &) { return kFlac; }
+const mfdProtocolStrings &mfdProtocolOgg(const mfdMediaInfo &) { return kOgg; }
+const mfdProtocolStrings &mfdProtocolMatroska(const mfdMediaInfo &info) {
+  return info.mediaClass == MFD_CLASS_AUDIO ? kMatroskaAudio : kMatroskaVideo;
+}
+const mfdProtocolStrings &mfdProtocolWebm(const mfdMediaInfo &info) {
+  return info.mediaClass == MFD_CLASS_AUDIO ? kWebmAudio : kWebmVideo;
+}
+const mfdProtocolStrings &mfdProtocolAvi(const mfdMediaInfo &) { return kAvi; }
+const mfdProtocolStrings &mfdProtocolQuickTime(const mfdMediaInfo &) { return kQuickTime; }
+
+const char *const g_mfdAddedProtocolInfo[] = {
+    kFlac.protocolInfo,       kOgg.protocolInfo,       kMatroskaVideo.protocolInfo,
+    kMatroskaAudio.protocolInfo, kWebmVideo.protocolInfo, kWebmAudio.protocolInfo,
+    kAvi.protocolInfo,        kQuickTime.protocolInfo, nullptr,
+};
 
 int32_t mfd_getMediaProtocolDetails(const mfdMediaInfo *info, const char **mimeType,
                                     const char **profileName, const char **protocolInfo) {

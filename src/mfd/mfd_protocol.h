@@ -35,5 +35,15 @@ const mfdProtocolStrings &mfdProtocolAsf(const mfdMediaInfo &info);
 const mfdProtocolStrings &mfdProtocolMpegPs(const mfdMediaInfo &info);
 const mfdProtocolStrings &mfdProtocolMpegTs(const mfdMediaInfo &info);
 const mfdProtocolStrings &mfdProtocolMp4(const mfdMediaInfo &info);
+// The added formats: no DLNA profile, the usual operation and flags fields.
+const mfdProtocolStrings &mfdProtocolFlac(const mfdMediaInfo &info);
+const mfdProtocolStrings &mfdProtocolOgg(const mfdMediaInfo &info);
+const mfdProtocolStrings &mfdProtocolMatroska(const mfdMediaInfo &info);
+const mfdProtocolStrings &mfdProtocolWebm(const mfdMediaInfo &info);
+const mfdProtocolStrings &mfdProtocolAvi(const mfdMediaInfo &info);
+const mfdProtocolStrings &mfdProtocolQuickTime(const mfdMediaInfo &info);
+
+// The protocolInfo of every added format's row, for GetProtocolInfo.
+extern const char *const g_mfdAddedProtocolInfo[];
 
 #endif  // DMS_MFD_MFD_PROTOCOL_H

@@ -77,7 +77,7 @@ void advance(ReaderState &reader, uint32_t count) {
 
 // The registry row's window size for `formatId`, 0 when it has no row.
 uint32_t windowSizeOf(uint32_t formatId) {
-  if (formatId == MFD_FORMAT_NONE || formatId >= MFD_FORMAT_END) return 0;
+  if (formatId == MFD_FORMAT_NONE || formatId >= MFD_FORMAT_COUNT) return 0;
   for (const mfdMediaProfileTag &row : ga_s_mfdMediaProfileTags) {
     if (row.formatId == formatId) return std::min(row.localBufSize, kMaxWindowSize);
   }

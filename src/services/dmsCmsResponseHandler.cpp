@@ -5,6 +5,7 @@
 #include <iterator>
 
 #include "dlna_dms.h"
+#include "mfd/mfd_protocol.h"
 #include "util/dmsGuard.h"
 #include "util/osal_trace.h"
 
@@ -54,7 +55,11 @@ int32_t dmsCmsCreateRespGetProtocolInfo(const dmsCmsActionArgument *argument,
     return DMS_ERR_INVALID_PARAM;
   }
   return dmsGuard("dmsCmsCreateRespGetProtocolInfo", DMS_ERR_NO_MEMORY, [&]() -> int32_t {
+    // The 45 written entries in their order, then the added formats'.
     joinProtocolInfo(gap_ch_dmsSupportedMediaProfileProtocolInfo, response->protocolInfoList);
+    std::string added;
+    joinProtocolInfo(g_mfdAddedProtocolInfo, added);
+    response->protocolInfoList.append(",").append(added);
     response->count = 2;
     response->argNames[0] = "Source";
     response->argValues[0] = response->protocolInfoList.c_str();

@@ -8,11 +8,11 @@ namespace dmstest {
 
 Detection::Detection() {
   EXPECT_EQ(mfd_openInstance(&instance_), 0);
-  for (uint32_t id : ga_u32_mfdServerFormatIds) EXPECT_EQ(mfd_registerFormat(instance_, id), 0);
+  for (uint32_t id : g_mfdAllServerFormatIds) EXPECT_EQ(mfd_registerFormat(instance_, id), 0);
 }
 
 Detection::~Detection() {
-  for (uint32_t id : ga_u32_mfdServerFormatIds) mfd_unregisterFormat(instance_, id);
+  for (uint32_t id : g_mfdAllServerFormatIds) mfd_unregisterFormat(instance_, id);
   EXPECT_EQ(mfd_closeInstance(instance_), 0);
 }
 
