@@ -15,6 +15,7 @@
 #include <string>
 
 #include "mfd/mfd_api.h"
+#include "mfd/mfd_exif.h"
 #include "util/osal_trace.h"
 
 namespace {
@@ -71,6 +72,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
 
   mfdMediaInfo info{};
   mfd_detectMediaFormat(state.instance, path.c_str(), &info);
+  // A photo's date taken is read from the same bytes, by its own parser.
+  volatile size_t dateLength = mfdExif_dateTaken(path).size();
+  (void)dateLength;
   const char *mimeType = nullptr;
   const char *profileName = nullptr;
   const char *protocolInfo = nullptr;

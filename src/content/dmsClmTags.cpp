@@ -15,6 +15,7 @@
 #include <cstdlib>
 #include <mutex>
 
+#include "mfd/mfd_exif.h"
 #include "mfd/mfd_formats.h"
 #include "util/dmsGuard.h"
 #include "util/osal_trace.h"
@@ -54,7 +55,8 @@ std::unique_ptr<TagLib::File> openTagged(mfdTagLayout layout, TagLib::FileStream
     case mfdTagLayout::kOggVorbis: return std::make_unique<TagLib::Ogg::Vorbis::File>(stream, false);
     case mfdTagLayout::kOggOpus: return std::make_unique<TagLib::Ogg::Opus::File>(stream, false);
     case mfdTagLayout::kOggFlac: return std::make_unique<TagLib::Ogg::FLAC::File>(stream, false);
-    case mfdTagLayout::kNone: break;
+    case mfdTagLayout::kNone:
+    case mfdTagLayout::kExif: break;
   }
   return nullptr;
 }
@@ -104,6 +106,10 @@ bool dmsClmReadTags(const std::string &path, const mfdMediaInfo &info, dmsTagTex
   out = dmsTagText{};
   const mfdFormatRow *row = mfd_formatRow(info.formatId);
   if (row == nullptr || row->tags == mfdTagLayout::kNone) return false;
+  if (row->tags == mfdTagLayout::kExif) {
+    out.date = dmsGuard("dmsClmReadTags", std::string(), [&] { return mfdExif_dateTaken(path); });
+    return !out.empty();
+  }
   return dmsGuard("dmsClmReadTags", false, [&] {
     routeTagLibMessages();
     TagLib::FileStream stream(path.c_str(), true);  // never opened for writing

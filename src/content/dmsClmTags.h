@@ -18,7 +18,7 @@
 // Tags as read, in UTF-8; empty texts and zero numbers were not there.
 struct dmsTagText {
   std::string title, artist, albumArtist, album, genre;
-  std::string date;  // "YYYY", "YYYY-MM" or "YYYY-MM-DD"
+  std::string date;  // "YYYY", "YYYY-MM", "YYYY-MM-DD" or a photo's "YYYY-MM-DDTHH:MM:SS"
   uint32_t track = 0, disc = 0;
   bool empty() const;
 };

@@ -12,7 +12,7 @@ constexpr mfdFormatRow kFormats[] = {
     // id                      tag            shares extensions (usual first)      detector                registry ext  prio  window  server  protocol  tags
     {MFD_FORMAT_ATRAC3,        "ATRAC3",      false, "oma omg aa3 ea3 at3",          mediaFormatAtracDetect, "ea3",        4,    256,    0,      mfdProtocolAtrac, mfdTagLayout::kNone},
     {MFD_FORMAT_ATRAC3_PLUS,   "ATRAC3_PLUS", false, "oma omg aa3 ea3 at3",          mediaFormatAtracDetect, "ea3",        5,    256,    -1,     mfdProtocolAtrac, mfdTagLayout::kNone},
-    {MFD_FORMAT_JPEG,          "JPEG",        false, "jpg jpeg jpe jfif",            mediaFormatJpegDetect,  "jpg",        2,    256,    9,      mfdProtocolJpeg, mfdTagLayout::kNone},
+    {MFD_FORMAT_JPEG,          "JPEG",        false, "jpg jpeg jpe jfif",            mediaFormatJpegDetect,  "jpg",        2,    256,    9,      mfdProtocolJpeg, mfdTagLayout::kExif},
     {MFD_FORMAT_MP4,           "MP4",         false, "mp4 m4a m4v m4b mov 3gp 3g2", mediaFormatMp4Detect,   "mp4",        1,    32,     15,     mfdProtocolMp4, mfdTagLayout::kMp4},
     {MFD_FORMAT_PNG,           "PNG",         false, "png",                          mediaFormatPngDetect,   "png",        6,    32,     10,     mfdProtocolPng, mfdTagLayout::kNone},
     {MFD_FORMAT_MP3,           "MP3",         false, "mp3 mpa mpga mp2",             mediaFormatMp3Detect,   "mp3",        13,   32,     2,      mfdProtocolMp3, mfdTagLayout::kMpeg},
@@ -40,7 +40,7 @@ constexpr mfdFormatRow kFormats[] = {
     {MFD_FORMAT_MP1,           "MP1",         false, "mp1 mpa mpga mp2 mp3",         nullptr,                nullptr,      0,    0,      -1,     mfdProtocolMpegAudio, mfdTagLayout::kMpeg},
     {MFD_FORMAT_MP2,           "MP2",         false, "mp2 mpa mpga mp1 mp3",         nullptr,                nullptr,      0,    0,      -1,     mfdProtocolMpegAudio, mfdTagLayout::kMpeg},
     {MFD_FORMAT_MP4_AUDIO,     "MP4_AUDIO",   false, "m4a mp4 m4b",                  nullptr,                nullptr,      0,    0,      -1,     mfdProtocolNone, mfdTagLayout::kMp4},
-    {MFD_FORMAT_JPEG2,         "JPEG",        true,  "jpg jpeg jpe jfif",            nullptr,                nullptr,      0,    0,      -1,     mfdProtocolJpeg, mfdTagLayout::kNone},
+    {MFD_FORMAT_JPEG2,         "JPEG",        true,  "jpg jpeg jpe jfif",            nullptr,                nullptr,      0,    0,      -1,     mfdProtocolJpeg, mfdTagLayout::kExif},
     {MFD_FORMAT_OGG_OPUS,      "OGG_OPUS",    false, "opus ogg oga",                 nullptr,                nullptr,      0,    0,      -1,     mfdProtocolOgg, mfdTagLayout::kOggOpus},
     {MFD_FORMAT_OGG_FLAC,      "OGG_FLAC",    false, "oga ogg",                      nullptr,                nullptr,      0,    0,      -1,     mfdProtocolOgg, mfdTagLayout::kOggFlac},
     {MFD_FORMAT_WEBM,          "WEBM",        false, "webm weba",                    nullptr,                nullptr,      0,    0,      -1,     mfdProtocolWebm, mfdTagLayout::kNone},

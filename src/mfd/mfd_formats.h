@@ -24,6 +24,7 @@ enum class mfdTagLayout : uint8_t {
   kOggVorbis,  // Vorbis comments
   kOggOpus,    // Vorbis comments
   kOggFlac,    // Vorbis comments
+  kExif,       // a photo's date taken
 };
 
 struct mfdFormatRow {

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "mfd/mfd_api.h"
+#include "mfd/mfd_exif.h"
 #include "mfd/mfd_reader.h"
 #include "util/dmsGuard.h"
 #include "util/osal_trace.h"
@@ -78,35 +79,6 @@ int32_t skipBytes(uint32_t count) {
   if (count > kJumpThreshold) return mfd_jmpToFilePosition(mfd_currentFilePosition() + count);
   return mfd_setOffset(count * 8);
 }
-
-// Read-only view of the TIFF structure inside an Exif segment.
-class ExifView {
- public:
-  ExifView(const uint8_t *data, size_t size, bool littleEndian)
-      : data_(data), size_(size), littleEndian_(littleEndian) {}
-
-  bool u16(size_t offset, uint32_t &value) const {
-    if (offset > size_ || size_ - offset < 2) return false;
-    const uint32_t first = data_[offset];
-    const uint32_t second = data_[offset + 1];
-    value = littleEndian_ ? (second << 8 | first) : (first << 8 | second);
-    return true;
-  }
-  bool u32(size_t offset, uint32_t &value) const {
-    uint32_t low = 0;
-    uint32_t high = 0;
-    if (!u16(offset, littleEndian_ ? low : high) || !u16(offset + 2, littleEndian_ ? high : low)) {
-      return false;
-    }
-    value = high << 16 | low;
-    return true;
-  }
-
- private:
-  const uint8_t *data_;
-  size_t size_;
-  bool littleEndian_;
-};
 
 // Value of a SHORT or LONG entry whose 12 bytes start at `entry`; 0 for any
 // other type or when it does not fit a positive int32_t.

@@ -33,7 +33,7 @@ std::vector<TaggedFile> taggedFiles() {
     for (std::string field; std::getline(fields, field, '\t');) f.push_back(field);
     const bool listed = f.size() == 14 && f[0].rfind("tagged/", 0) == 0 &&
                         (f[1] == "MP3" || f[1] == "MP4" || f[1] == "ASF" || f[1] == "WAV" ||
-                         f[1] == "FLAC" || f[1] == "OGG");
+                         f[1] == "FLAC" || f[1] == "OGG" || f[1] == "JPEG");
     if (listed) files.push_back({f[0], f[8], f[9], f[10], f[11], f[12], f[13]});
   }
   return files;
@@ -44,8 +44,17 @@ std::string fileTitle(const std::string &path) {
   return name.substr(0, name.rfind('.'));
 }
 
-// The date as an ISO 8601 text: "2019" or "2019-07-14".
-std::string isoDate(const std::string &date) { return date == "-" ? "" : date.substr(0, 10); }
+// The date as an ISO 8601 text: "2019", "2019-07-14", or for a photo's
+// Exif "2019:07:14 15:30:00" the date and time "2019-07-14T15:30:00".
+std::string isoDate(std::string date) {
+  if (date == "-") return "";
+  if (date.size() == 19 && date[4] == ':') {
+    date[4] = date[7] = '-';
+    date[10] = 'T';
+    return date;
+  }
+  return date.substr(0, 10);
+}
 
 // "3/12" -> "3".
 std::string trackNumber(const std::string &track) {
@@ -85,6 +94,9 @@ TEST_F(TagsTest, BrowseShowsWhatTheTagsSay) {
     const bool tagged = file.title != "-";
     const DidlObject *object = &listed[i];
     EXPECT_EQ(object->title(), tagged ? file.title : fileTitle(file.path));
+    if (file.date != "-") {
+      EXPECT_EQ(object->prop("dc:date"), isoDate(file.date));
+    }
     if (!tagged) {
       EXPECT_EQ(object->prop("dc:creator"), "Unknown");
       EXPECT_EQ(object->prop("upnp:originalTrackNumber"), "");
