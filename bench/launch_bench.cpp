@@ -64,8 +64,9 @@ double launchToBrowsable(const std::string &program, const fs::path &library, in
   const pid_t pid = ::fork();
   if (pid == 0) {
     const std::string port = std::to_string(kPort);
+    // Room for every file and folder of the largest library.
     ::execl(program.c_str(), program.c_str(), "--address", "127.0.0.1", "--port", port.c_str(), "--www",
-            DMS_BENCH_WWW, library.c_str(), static_cast<char *>(nullptr));
+            DMS_BENCH_WWW, "--max-content", "200000", library.c_str(), static_cast<char *>(nullptr));
     std::_Exit(127);
   }
   double seconds = -1;

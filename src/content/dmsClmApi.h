@@ -85,7 +85,7 @@ struct dmsContentListInfo {
   dmsFsmMonitor *monitor = nullptr;
   uint32_t nextId = DMS_CLM_FIRST_ID;
   mfdInstance *detector = nullptr;
-  dmsTagPool tagPool;  // the entries' tag texts (change mutex)
+  dmsTagPool tagPool;  // the entries' tag texts (written by the change mutex's holder)
   void *cdsContext = nullptr;  // the ContentDirectory, told of changes (change mutex)
 
   // Update record handed to the ContentDirectory on every change.

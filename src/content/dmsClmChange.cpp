@@ -71,7 +71,7 @@ void fileWritten(dmsContentListInfo *list, dmsContentEntry *container, const std
   std::unique_lock writing(list->rwLock);
   if (listed != nullptr) {
     listed->mediaInfo = std::move(pending.mediaInfo);
-    listed->tags = pending.tags != nullptr ? dmsClmPoolTags(list->tagPool, *pending.tags) : nullptr;
+    listed->tags = std::move(pending.tags);
     listed->fileSize = status.st_size;
   } else {
     dmsContentEntry *made = createEntryAndAddToList(list, pending, container);

@@ -5,14 +5,18 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <cctype>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <new>
+#include <system_error>
+#include <thread>
 #include <utility>
 
 #include "content/dmsFsmApi.h"
+#include "util/dmsGuard.h"
 #include "util/osal_trace.h"
 
 static constexpr char kTraceFile[] = "dmsClmApi";
@@ -83,8 +87,8 @@ bool takeFromBudget(dmsScanBudget &budget, uint32_t type) {
   return true;
 }
 
-// Runs detection; true (with the record) when the file is media.
-// Detects the file at out.path and, for media, reads its tags.
+// Detects the file at out.path and, for media, reads its tags; true (with
+// the record) when the file is media.
 bool detectMedia(dmsContentListInfo *list, dmsPendingEntry &out) {
   const std::string &path = out.path;
   std::unique_ptr<mfdMediaInfo> &media = out.mediaInfo;
@@ -97,23 +101,77 @@ bool detectMedia(dmsContentListInfo *list, dmsPendingEntry &out) {
     return false;
   }
   if (media->mediaClass == MFD_CLASS_NONE || media->formatId == MFD_FORMAT_NONE) return false;
+  // Pooled at once, so that a walk of a large library holds each distinct
+  // text once rather than every file's copy until it is attached.
   dmsTagText tags;
-  if (dmsClmReadTags(path, *media, tags)) out.tags = std::make_unique<dmsTagText>(std::move(tags));
+  if (dmsClmReadTags(path, *media, tags)) out.tags = dmsClmPoolTags(list->tagPool, tags);
   return true;
 }
 
 int32_t walkFolder(dmsContentListInfo *list, dmsPendingEntry &folder, dmsScanBudget &budget,
                    std::vector<FolderIdentity> &ancestors);
 
-bool prepareEntry(dmsContentListInfo *list, const std::string &path, uint32_t type,
-                  int64_t fileSize, dmsScanBudget &budget, dmsPendingEntry &out,
+// One name of a folder being walked, and for a file what detection made of
+// it when that ran ahead (see detectAhead).
+struct FolderChild {
+  std::string path;
+  uint32_t type;
+  int64_t fileSize;
+  bool detected = false;  // `media` is set
+  bool media = false;
+  dmsPendingEntry entry;
+};
+
+// Detects the folder's files on several threads at once when the budget
+// holds them all (so that the order of detection cannot change which files
+// are listed).  Detection is thread-safe: each thread has its own reader,
+// and tags are read from separate files.
+void detectAhead(dmsContentListInfo *list, std::vector<FolderChild> &children, const dmsScanBudget &budget) {
+  constexpr size_t kMinimumFiles = 8;
+  std::vector<FolderChild *> files;
+  for (FolderChild &child : children) {
+    if (child.type == DMS_CLM_TYPE_ITEM) files.push_back(&child);
+  }
+  if (files.size() < kMinimumFiles || budget.count + static_cast<int64_t>(children.size()) > budget.max) return;
+  const unsigned threads = std::min({std::max(1u, std::thread::hardware_concurrency()), 4u,
+                                     static_cast<unsigned>(files.size() / (kMinimumFiles / 2))});
+  std::atomic<size_t> next{0};
+  auto work = [&] {
+    for (size_t index; (index = next.fetch_add(1)) < files.size();) {
+      FolderChild &file = *files[index];
+      file.entry.path = file.path;
+      file.entry.type = file.type;
+      file.entry.fileSize = file.fileSize;
+      file.media = detectMedia(list, file.entry);
+      file.detected = true;
+    }
+  };
+  std::vector<std::thread> helpers;
+  for (unsigned i = 1; i < threads; ++i) {
+    try {
+      helpers.emplace_back([&] { dmsGuardVoid("detectAhead", work); });
+    } catch (const std::system_error &) {
+      break;  // fewer helpers; this thread does the rest
+    }
+  }
+  work();
+  for (std::thread &helper : helpers) helper.join();
+}
+
+bool prepareEntry(dmsContentListInfo *list, FolderChild &child, dmsScanBudget &budget, dmsPendingEntry &out,
                   std::vector<FolderIdentity> &ancestors) {
+  const uint32_t type = child.type;
   // The budget is taken before detection, so nothing is read for a file
   // that could not be listed anyway; a file that is not media gives it back.
   if (!takeFromBudget(budget, type)) return false;
-  out.path = path;
+  if (child.detected) {
+    if (child.media) out = std::move(child.entry);
+    else --budget.count;
+    return child.media;
+  }
+  out.path = child.path;
   out.type = type;
-  out.fileSize = fileSize;
+  out.fileSize = child.fileSize;
   if (type == DMS_CLM_TYPE_ITEM) {
     if (!detectMedia(list, out)) {
       --budget.count;
@@ -137,14 +195,9 @@ int32_t walkFolder(dmsContentListInfo *list, dmsPendingEntry &folder, dmsScanBud
     return result;
   }
   ancestors.push_back(identity);
-  folder.children.reserve(names.size());
+  std::vector<FolderChild> children;
+  children.reserve(names.size());
   for (const DirectoryName &name : names) {
-    // Once the budget is spent nothing more can be listed (only a listed
-    // folder raises it): the rest of the walk is skipped.
-    if (budget.count >= budget.max) {
-      takeFromBudget(budget, DMS_CLM_TYPE_ITEM);
-      break;
-    }
     std::string path = joinPath(folder.path, name.name);
     struct stat status {};
     if (::stat(path.c_str(), &status) != 0) {
@@ -159,10 +212,19 @@ int32_t walkFolder(dmsContentListInfo *list, dmsPendingEntry &folder, dmsScanBud
       DMS_TRACE(OSAL_TRACE_INFO, "Folder [%s] links back to a folder above it: not listed\n", path.c_str());
       continue;
     }
-    dmsPendingEntry child;
-    if (prepareEntry(list, path, type, status.st_size, budget, child, ancestors)) {
-      folder.children.push_back(std::move(child));
+    children.push_back({std::move(path), type, status.st_size, false, false, {}});
+  }
+  detectAhead(list, children, budget);
+  folder.children.reserve(children.size());
+  for (FolderChild &child : children) {
+    // Once the budget is spent nothing more can be listed (only a listed
+    // folder raises it): the rest of the walk is skipped.
+    if (budget.count >= budget.max) {
+      takeFromBudget(budget, DMS_CLM_TYPE_ITEM);
+      break;
     }
+    dmsPendingEntry pending;
+    if (prepareEntry(list, child, budget, pending, ancestors)) folder.children.push_back(std::move(pending));
   }
   ancestors.pop_back();
   return 0;
@@ -218,7 +280,7 @@ dmsContentEntry *createEntryAndAddToList(dmsContentListInfo *list, dmsPendingEnt
   entry->parent = parent;
   entry->fileSize = pending.fileSize;
   entry->mediaInfo = std::move(pending.mediaInfo);
-  if (pending.tags != nullptr) entry->tags = dmsClmPoolTags(list->tagPool, *pending.tags);
+  entry->tags = std::move(pending.tags);
   int32_t result = cel_rbTreeInsert(&list->entriesById, entry.get());
   if (result != 0) {
     DMS_TRACE(OSAL_TRACE_ERR, "Error [%d] in %s()\n", result, "cel_rbTreeInsert");

@@ -26,7 +26,7 @@ struct dmsPendingEntry {
   uint32_t type = DMS_CLM_TYPE_ITEM;
   int64_t fileSize = 0;
   std::unique_ptr<mfdMediaInfo> mediaInfo;  // items
-  std::unique_ptr<dmsTagText> tags;         // items with tags
+  std::unique_ptr<dmsMediaTags> tags;       // items with tags (texts pooled)
   std::vector<dmsPendingEntry> children;    // containers, in sorted name order
 };
 

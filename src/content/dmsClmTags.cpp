@@ -136,6 +136,7 @@ bool dmsClmReadTags(const std::string &path, const mfdMediaInfo &info, dmsTagTex
 
 const char *dmsTagPool::intern(const std::string &text) {
   if (text.empty()) return nullptr;
+  std::lock_guard lock(mutex_);
   return texts_.insert(text).first->c_str();
 }
 

@@ -10,6 +10,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <unordered_set>
 
@@ -40,9 +41,10 @@ struct dmsMediaTags {
   uint16_t disc = 0;
 };
 
-// Each distinct tag text once, for as long as the list lives.  Changed only
-// by the list's one writer (under its change mutex); readers use the texts,
-// which never move or change, and never the pool itself.
+// Each distinct tag text once, for as long as the list lives.  Texts are
+// added by the list's one writer, from the threads its walk detects files
+// on (the pool's own mutex orders them); readers use the texts, which never
+// move or change, and never the pool itself.
 class dmsTagPool {
  public:
   dmsTagPool() = default;
@@ -53,6 +55,7 @@ class dmsTagPool {
   const char *intern(const std::string &text);
 
  private:
+  std::mutex mutex_;
   std::unordered_set<std::string> texts_;
 };
 

@@ -118,9 +118,11 @@ void readHeaderList(const uint8_t *at, const uint8_t *end, Movie &movie) {
 
 // False when the file is not an AVI file.
 bool readMovie(Movie &movie) {
+  // The signature first: every other file is turned away after 12 bytes.
   std::vector<uint8_t> head;
-  if (mfdVideo_seek(0) != 0 || mfdVideo_readAvailable(head, kHeadBytes) < 12) return false;
+  if (mfdVideo_seek(0) != 0 || mfdVideo_readAvailable(head, 12) < 12) return false;
   if (std::memcmp(head.data(), "RIFF", 4) != 0 || std::memcmp(head.data() + 8, "AVI ", 4) != 0) return false;
+  mfdVideo_readAvailable(head, kHeadBytes - 12);
   const uint8_t *at = head.data() + 12;
   const uint8_t *end = head.data() + head.size();
   while (end - at >= 12) {

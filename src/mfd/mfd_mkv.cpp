@@ -183,8 +183,12 @@ void readSegment(Cursor segment, Movie &movie) {
 }
 
 bool readMovie(Movie &movie) {
+  // The signature first: every other file is turned away after four bytes.
   std::vector<uint8_t> head;
-  if (mfdVideo_seek(0) != 0 || mfdVideo_readAvailable(head, kHeadBytes) < 8) return false;
+  if (mfdVideo_seek(0) != 0 || mfdVideo_readAvailable(head, 4) < 4 || mfdVideo_be32(head.data()) != kEbml) {
+    return false;
+  }
+  if (mfdVideo_readAvailable(head, kHeadBytes - 4) < 4) return false;
   Cursor file{head.data(), head.data() + head.size()};
   if (!readHeader(file, movie)) return false;
   uint32_t id = 0;

@@ -30,8 +30,10 @@ uint64_t le64(const uint8_t *b) { return mfdVideo_le64(b); }
 
 // The first page and its first packet: which codec, and its header.
 bool readFirstPacket(std::vector<uint8_t> &page, size_t &packet) {
-  if (mfdVideo_seek(0) != 0 || mfdVideo_readAvailable(page, 4096) < kPageHeader) return false;
-  if (std::memcmp(page.data(), "OggS", 4) != 0 || page[4] != 0) return false;
+  if (mfdVideo_seek(0) != 0 || mfdVideo_readAvailable(page, 4) < 4 || std::memcmp(page.data(), "OggS", 4) != 0) {
+    return false;
+  }
+  if (mfdVideo_readAvailable(page, 4096 - 4) < kPageHeader - 4 || page[4] != 0) return false;
   const size_t segments = page[26];
   packet = kPageHeader + segments;
   return page.size() > packet + 8;
