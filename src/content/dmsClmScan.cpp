@@ -304,5 +304,7 @@ void dmsClmAttachChildren(dmsContentListInfo *list, dmsContentEntry *container,
     if (entry->type == DMS_CLM_TYPE_CONTAINER) dmsClmAttachChildren(list, entry, child);
     container->children.push_back(entry);
   }
-  pending.children.clear();
+  // Freed now, not when the whole walk is: a large library's pending records
+  // would otherwise sit beside its entries until the scan ends.
+  std::vector<dmsPendingEntry>().swap(pending.children);
 }
