@@ -315,6 +315,20 @@ extern "C" DMS_EXPORT int32_t dmsClmUnlockContentList(dmsContentListInfo *list) 
   });
 }
 
+std::string dmsClmEntryPath(const dmsContentEntry *entry) {
+  // Names from the entry up to its shared folder (whose parent is the root),
+  // which holds the full path the names are joined to.
+  std::vector<const std::string *> names;
+  const dmsContentEntry *at = entry;
+  for (; at->parent != nullptr && at->parent->type != DMS_CLM_TYPE_ROOT; at = at->parent) names.push_back(&at->path);
+  std::string path = at->path;
+  for (auto name = names.rbegin(); name != names.rend(); ++name) {
+    if (path.empty() || path.back() != '/') path += '/';
+    path += **name;
+  }
+  return path;
+}
+
 int32_t dmsClmGetContentEntryById(dmsContentListInfo *list, dmsContentEntry **out, uint32_t id) {
   if (list == nullptr || out == nullptr) {
     DMS_TRACE(OSAL_TRACE_ERR, "Error in Input Param\n");

@@ -56,7 +56,10 @@ inline constexpr uint32_t DMS_CLM_FIRST_ID = 1001;
 struct dmsContentEntry {
   uint32_t id = 0;
   uint32_t updateCount = 0;  // a container's changes, published in ContainerUpdateIDs
-  std::string path;          // full path; "root" for the root
+  // The root: "root"; a shared folder: its full path as shared; anything
+  // else: its own name, so that a large library does not hold every folder's
+  // path once per file (dmsClmEntryPath gives the full path).
+  std::string path;
   uint32_t type = DMS_CLM_TYPE_ITEM;
   dmsContentEntry *parent = nullptr;
   std::vector<dmsContentEntry *> children;   // containers: in the order added; owned
@@ -131,6 +134,11 @@ uint32_t dmsClmGetSystemUpdateId(const dmsContentListInfo *list);
 
 // Lookups: 0 with *out the entry or NULL; -100 for a NULL list or out.
 int32_t dmsClmGetContentEntryById(dmsContentListInfo *list, dmsContentEntry **out, uint32_t id);
+
+// The full path of `entry`: its shared folder's path and the names below
+// it.  The caller holds the list's lock (either way) or is its writer.  May
+// throw std::bad_alloc.
+std::string dmsClmEntryPath(const dmsContentEntry *entry);
 int32_t dmsClmGetContentEntryByFsmWd(dmsContentListInfo *list, dmsContentEntry **out, int32_t wd);
 
 // Getters of one entry; result pointers may be NULL (skipped).  -100 for a

@@ -46,7 +46,7 @@ void insertChild(dmsContentEntry *container, dmsContentEntry *child) {
 
 void detach(dmsContentListInfo *list, dmsContentEntry *entry, ChangedContainers &changes) {
   if (entry == nullptr || entry->type == DMS_CLM_TYPE_ROOT) return;
-  DMS_TRACE(OSAL_TRACE_INFO, "Path [%s] got deleted\n", entry->path.c_str());
+  DMS_TRACE(OSAL_TRACE_INFO, "Path [%s] got deleted\n", dmsClmEntryPath(entry).c_str());
   changes.push_back(entry->parent != nullptr ? entry->parent->id : 0);
   std::unique_lock writing(list->rwLock);
   dmsClmDetachEntry(list, entry);
@@ -57,7 +57,7 @@ void detach(dmsContentListInfo *list, dmsContentEntry *entry, ChangedContainers 
 // is no longer media.
 void fileWritten(dmsContentListInfo *list, dmsContentEntry *container, const std::string &name,
                  ChangedContainers &changes) {
-  const std::string path = joinPath(container->path, name);
+  const std::string path = joinPath(dmsClmEntryPath(container), name);
   struct stat status {};
   if (::stat(path.c_str(), &status) != 0 || !S_ISREG(status.st_mode) || !keepsName(name, false)) return;
   dmsContentEntry *listed = dmsClmFindChild(container, name);
@@ -87,7 +87,7 @@ void reconcile(dmsContentListInfo *list, dmsContentEntry *folder, ChangedContain
 // so that nothing made in it meanwhile slips between the scan and the watch.
 void folderCreated(dmsContentListInfo *list, dmsContentEntry *container, const std::string &name,
                    ChangedContainers &changes) {
-  const std::string path = joinPath(container->path, name);
+  const std::string path = joinPath(dmsClmEntryPath(container), name);
   struct stat status {};
   // A link to a folder is not followed: it could lead back up the tree.
   if (::lstat(path.c_str(), &status) != 0 || !S_ISDIR(status.st_mode) || !keepsName(name, true)) return;
@@ -134,7 +134,7 @@ std::vector<DiskName> readFolder(const std::string &path) {
 // Brings a listed folder back to the disk: what vanished goes, what is new
 // comes, what changed size is refreshed, and what stayed keeps its id.
 void reconcile(dmsContentListInfo *list, dmsContentEntry *folder, ChangedContainers &changes) {
-  const std::vector<DiskName> disk = readFolder(folder->path);
+  const std::vector<DiskName> disk = readFolder(dmsClmEntryPath(folder));
   std::vector<dmsContentEntry *> gone;
   for (dmsContentEntry *child : folder->children) {
     auto found = std::lower_bound(disk.begin(), disk.end(), DiskName{std::string(nameOf(child)), false, 0});

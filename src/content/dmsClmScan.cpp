@@ -275,7 +275,13 @@ dmsContentEntry *createEntryAndAddToList(dmsContentListInfo *list, dmsPendingEnt
   }
   auto entry = std::make_unique<dmsContentEntry>();
   entry->id = list->nextId++;
-  entry->path = std::move(pending.path);
+  // A shared folder keeps the path it was shared by; the rest their names.
+  if (parent != nullptr && parent->type != DMS_CLM_TYPE_ROOT) {
+    const size_t slash = pending.path.rfind('/');
+    entry->path = slash == std::string::npos ? std::move(pending.path) : pending.path.substr(slash + 1);
+  } else {
+    entry->path = std::move(pending.path);
+  }
   entry->type = pending.type;
   entry->parent = parent;
   entry->fileSize = pending.fileSize;

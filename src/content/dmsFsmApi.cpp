@@ -56,7 +56,7 @@ dmsContentEntry *watchedContainer(dmsFsmMonitor *monitor, int wd) {
 // when it is closed after writing.
 bool isCompleteOnCreation(const dmsContentEntry *container, const char *name) {
   struct stat status {};
-  const std::string path = container->path + "/" + name;
+  const std::string path = dmsClmEntryPath(container) + "/" + name;
   if (::lstat(path.c_str(), &status) != 0) return false;
   return S_ISLNK(status.st_mode) || (S_ISREG(status.st_mode) && status.st_nlink > 1);
 }
@@ -144,7 +144,8 @@ int32_t dmsFsmStopMonitor(dmsFsmMonitor *monitor) {
 
 int32_t dmsFsmAddToMointor(dmsFsmMonitor *monitor, dmsContentEntry *container) {
   if (monitor == nullptr || container == nullptr) return DMS_ERR_INVALID_PARAM;
-  int wd = inotify_add_watch(monitor->inotifyDescriptor, container->path.c_str(), DMS_FSM_WATCH_MASK);
+  const std::string path = dmsClmEntryPath(container);
+  int wd = inotify_add_watch(monitor->inotifyDescriptor, path.c_str(), DMS_FSM_WATCH_MASK);
   if (wd < 0) {
     // Over the kernel's watch limit the folder is still shared, only not
     // followed; it stays out of the tree so no event can name it.
@@ -152,7 +153,7 @@ int32_t dmsFsmAddToMointor(dmsFsmMonitor *monitor, dmsContentEntry *container) {
     return DMS_SUCCESS;
   }
   DMS_TRACE(OSAL_TRACE_INFO, "Added Path [%s] for monitoring :: WatchDesc [%d]\n",
-            container->path.c_str(), wd);
+            path.c_str(), wd);
   container->watchDescriptor = wd;
   if (monitor->owner != nullptr) {
     // A folder reached twice (through a link) has one watch: it stays with

@@ -50,8 +50,8 @@ bool dmsAvtHttpFindMedia(dmsContentListInfo *list, uint32_t id, dmsAvtHttpMediaF
   if (dmsClmGetContentEntryById(list, &entry, id) != 0 || entry == nullptr) return false;
   if (entry->type != DMS_CLM_TYPE_ITEM || !entry->mediaInfo) return false;
   const mfdMediaInfo &media = *entry->mediaInfo;
-  DMS_TRACE(OSAL_TRACE_INFO, "File [%s] is requested to be read by Client\n", entry->path.c_str());
-  out.path = entry->path;
+  out.path = dmsClmEntryPath(entry);
+  DMS_TRACE(OSAL_TRACE_INFO, "File [%s] is requested to be read by Client\n", out.path.c_str());
   out.mimeType = media.mimeType != nullptr ? media.mimeType : "";
   out.contentFeatures =
       media.profileName != nullptr && media.profileName[0] != '\0' ? media.profileName : kDefaultFeatures;
