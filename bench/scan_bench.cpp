@@ -99,9 +99,9 @@ struct Figures {
 
 int unwatchedFolders(dmsContentEntry *container) {
   int count = 0;
-  for (dmsContentEntry *child : container->children) {
+  for (dmsContentEntry *child : dmsClmChildren(container)) {
     if (child->type != DMS_CLM_TYPE_CONTAINER) continue;
-    if (child->watchDescriptor < 0) ++count;
+    if (child->container->watchDescriptor < 0) ++count;
     count += unwatchedFolders(child);
   }
   return count;

@@ -19,17 +19,11 @@ static constexpr char kTraceFile[] = "dmsClmApi";
 
 namespace {
 
-int32_t compareIds(const void *a, const void *b) {
-  if (a == nullptr || b == nullptr) return -1;
-  uint32_t left = static_cast<const dmsContentEntry *>(a)->id;
-  uint32_t right = static_cast<const dmsContentEntry *>(b)->id;
-  return left < right ? -1 : (left > right ? 1 : 0);
-}
-
+// Only containers are in the watch-descriptor tree, keys included.
 int32_t compareWatchDescriptors(const void *a, const void *b) {
   if (a == nullptr || b == nullptr) return -1;
-  int32_t left = static_cast<const dmsContentEntry *>(a)->watchDescriptor;
-  int32_t right = static_cast<const dmsContentEntry *>(b)->watchDescriptor;
+  int32_t left = static_cast<const dmsContentEntry *>(a)->container->watchDescriptor;
+  int32_t right = static_cast<const dmsContentEntry *>(b)->container->watchDescriptor;
   return left < right ? -1 : (left > right ? 1 : 0);
 }
 
@@ -45,18 +39,17 @@ void freeEntry(dmsContentListInfo *list, dmsContentEntry *entry, FreeMode mode) 
     if (mode == FreeMode::Detach && list->monitor != nullptr) {
       dmsFsmRemoveFromMointor(list->monitor, entry);
     }
-    for (dmsContentEntry *child : entry->children) {
+    for (dmsContentEntry *child : entry->container->children) {
       child->parent = nullptr;  // the parent drops its whole array below
       freeEntry(list, child, mode);
     }
-    entry->children.clear();
+    entry->container->children.clear();
   }
   if (mode == FreeMode::Detach) {
-    void *removed = nullptr;
-    cel_rbTreeDelete(&list->entriesById, entry, &removed);
+    dmsContentEntry *removed = list->entriesById.remove(entry->id);
     if (removed != entry) DMS_TRACE(OSAL_TRACE_ERR, "Error in Deleting Node from the Tree\n");
     if (dmsContentEntry *parent = entry->parent) {
-      auto &siblings = parent->children;
+      auto &siblings = parent->container->children;
       // Below a shared folder children are in name order: found by name in
       // O(log n), so that deleting many files is not quadratic.
       const ptrdiff_t at = parent->type == DMS_CLM_TYPE_ROOT ? -1 : dmsClmChildIndex(parent, entry);
@@ -104,7 +97,7 @@ void addSharedPaths(dmsContentListInfo *list, const std::vector<SharedPath> &pat
   for (dmsPendingEntry &pending : top.children) {
     dmsContentEntry *entry = createEntryAndAddToList(list, pending, list->root);
     made.push_back(entry);
-    if (entry != nullptr) list->root->children.push_back(entry);
+    if (entry != nullptr) list->root->container->children.push_back(entry);
   }
   for (size_t i = 0; i < made.size(); ++i) {
     if (made[i] != nullptr && made[i]->type == DMS_CLM_TYPE_CONTAINER) {
@@ -142,8 +135,7 @@ int32_t prepareList(dmsContentListInfo *list, int32_t maxContent) {
                 static_cast<int>(formatId));
     }
   }
-  if ((result = cel_rbTreeCreate(&list->entriesById, compareIds)) != 0 ||
-      (result = cel_rbTreeCreate(&list->entriesByWd, compareWatchDescriptors)) != 0) {
+  if ((result = cel_rbTreeCreate(&list->entriesByWd, compareWatchDescriptors)) != 0) {
     DMS_TRACE(OSAL_TRACE_ERR, "Error [%d] in %s()\n", result, "cel_rbTreeCreate");
     return DMS_ERR_INVALID_PARAM;
   }
@@ -155,9 +147,9 @@ int32_t prepareList(dmsContentListInfo *list, int32_t maxContent) {
   root->id = 0;
   root->type = DMS_CLM_TYPE_ROOT;
   root->path = "root";
+  root->container = std::make_unique<dmsContainerState>();
+  list->entriesById.insert(root.get());
   list->root = root.release();  // owned by the list; freed with it
-  result = cel_rbTreeInsert(&list->entriesById, list->root);
-  if (result != 0) DMS_TRACE(OSAL_TRACE_ERR, "Error [%d] in %s()\n", result, "cel_rbTreeInsert");
   list->nextId = DMS_CLM_FIRST_ID;
   return DMS_SUCCESS;
 }
@@ -178,7 +170,8 @@ int32_t releaseList(dmsContentListInfo *list) {
     list->monitor = nullptr;
   }
   if (list->detector != nullptr) removeFormatsAndDestroyMfd(list);
-  if (cel_rbTreeDestroy(&list->entriesByWd) != 0 || cel_rbTreeDestroy(&list->entriesById) != 0) {
+  list->entriesById.clear();
+  if (cel_rbTreeDestroy(&list->entriesByWd) != 0) {
     DMS_TRACE(OSAL_TRACE_ERR, "Error [%d] in %s()\n", DMS_ERR_INVALID_PARAM, "cel_rbTreeDestroy");
     lastError = DMS_ERR_INVALID_PARAM;
   }
@@ -286,7 +279,7 @@ int32_t dmsClmRemoveFromContentList(dmsContentListInfo *list, const char *shared
   }
   std::lock_guard changing(list->changeMutex);
   std::unique_lock writing(list->rwLock);
-  auto &shared = list->root->children;
+  auto &shared = list->root->container->children;
   for (size_t i = 0; i < shared.size(); ++i) {
     if (shared[i]->path == sharedPath) {
       DMS_TRACE(OSAL_TRACE_INFO, "Remove Child-%d with path [%s] from the list\n", static_cast<int>(i), sharedPath);
@@ -315,6 +308,11 @@ extern "C" DMS_EXPORT int32_t dmsClmUnlockContentList(dmsContentListInfo *list) 
   });
 }
 
+const std::vector<dmsContentEntry *> &dmsClmChildren(const dmsContentEntry *entry) {
+  static const std::vector<dmsContentEntry *> kNone;
+  return entry->container != nullptr ? entry->container->children : kNone;
+}
+
 std::string dmsClmEntryPath(const dmsContentEntry *entry) {
   // Names from the entry up to its shared folder (whose parent is the root),
   // which holds the full path the names are joined to.
@@ -334,11 +332,7 @@ int32_t dmsClmGetContentEntryById(dmsContentListInfo *list, dmsContentEntry **ou
     DMS_TRACE(OSAL_TRACE_ERR, "Error in Input Param\n");
     return DMS_ERR_INVALID_PARAM;
   }
-  dmsContentEntry key;
-  key.id = id;
-  void *found = nullptr;
-  cel_rbTreeLookup(&list->entriesById, &key, &found);
-  *out = static_cast<dmsContentEntry *>(found);
+  *out = list->entriesById.find(id);
   return DMS_SUCCESS;
 }
 
@@ -347,12 +341,16 @@ int32_t dmsClmGetContentEntryByFsmWd(dmsContentListInfo *list, dmsContentEntry *
     DMS_TRACE(OSAL_TRACE_ERR, "Error in Input Param\n");
     return DMS_ERR_INVALID_PARAM;
   }
-  dmsContentEntry key;
-  key.watchDescriptor = wd;
-  void *found = nullptr;
-  cel_rbTreeLookup(&list->entriesByWd, &key, &found);
-  *out = static_cast<dmsContentEntry *>(found);
-  return DMS_SUCCESS;
+  *out = nullptr;
+  return dmsGuard("dmsClmGetContentEntryByFsmWd", DMS_ERR_NO_MEMORY, [&] {
+    dmsContentEntry key;
+    key.container = std::make_unique<dmsContainerState>();
+    key.container->watchDescriptor = wd;
+    void *found = nullptr;
+    cel_rbTreeLookup(&list->entriesByWd, &key, &found);
+    *out = static_cast<dmsContentEntry *>(found);
+    return DMS_SUCCESS;
+  });
 }
 
 int32_t dmsClmGetTypeForEntry(const dmsContentEntry *entry, uint32_t *type, uint32_t *id) {
@@ -365,14 +363,14 @@ int32_t dmsClmGetTypeForEntry(const dmsContentEntry *entry, uint32_t *type, uint
   return DMS_SUCCESS;
 }
 
-int32_t dmsClmGetMediaInfoForEntry(dmsContentEntry *entry, uint32_t *id, mfdMediaInfo **media,
+int32_t dmsClmGetMediaInfoForEntry(dmsContentEntry *entry, uint32_t *id, mfdMediaInfo *media,
                                    dmsContentEntry **parent, uint32_t *reserved) {
   if (entry == nullptr) {
     DMS_TRACE(OSAL_TRACE_ERR, "Error in Input Param\n");
     return DMS_ERR_INVALID_PARAM;
   }
   if (id != nullptr) *id = entry->id;
-  if (media != nullptr) *media = entry->mediaInfo.get();
+  if (media != nullptr) *media = dmsClmExpandMedia(entry->media);
   if (parent != nullptr) *parent = entry->parent;
   if (reserved != nullptr) *reserved = 0;
   return DMS_SUCCESS;
@@ -387,8 +385,10 @@ int32_t dmsClmGetContainerInfoForEntry(dmsContentEntry *entry, uint32_t *id,
   }
   if (id != nullptr) *id = entry->id;
   if (parent != nullptr) *parent = entry->parent;
-  if (childCount != nullptr) *childCount = static_cast<int32_t>(entry->children.size());
-  if (children != nullptr) *children = entry->children.empty() ? nullptr : entry->children.data();
+  const dmsContainerState *container = entry->container.get();
+  const bool none = container == nullptr || container->children.empty();
+  if (childCount != nullptr) *childCount = none ? 0 : static_cast<int32_t>(container->children.size());
+  if (children != nullptr) *children = none ? nullptr : entry->container->children.data();
   if (reserved != nullptr) *reserved = 0;
   return DMS_SUCCESS;
 }
@@ -399,7 +399,8 @@ int32_t dmsClmGetCounts(dmsContentListInfo *list, int32_t *containers, int32_t *
   *containers = 0;
   *items = 0;
   if (list->root == nullptr) return DMS_SUCCESS;
-  std::vector<const dmsContentEntry *> pending(list->root->children.begin(), list->root->children.end());
+  const auto &shared = list->root->container->children;
+  std::vector<const dmsContentEntry *> pending(shared.begin(), shared.end());
   while (!pending.empty()) {
     const dmsContentEntry *entry = pending.back();
     pending.pop_back();
@@ -407,7 +408,7 @@ int32_t dmsClmGetCounts(dmsContentListInfo *list, int32_t *containers, int32_t *
       ++*items;
     } else {
       ++*containers;
-      pending.insert(pending.end(), entry->children.begin(), entry->children.end());
+      pending.insert(pending.end(), entry->container->children.begin(), entry->container->children.end());
     }
   }
   return DMS_SUCCESS;

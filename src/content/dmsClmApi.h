@@ -3,8 +3,8 @@
 // A tree of entries: the root (id 0), one container per shared folder, then
 // sub-folders as containers and recognised media files as items.  Ids are
 // handed out from 1001 upward, depth first in byte-wise sorted name order, and
-// never reused.  Two red-black trees find entries by id and by the inotify
-// watch descriptor of a container.
+// never reused.  A table sorted by id finds entries by id, a red-black tree
+// containers by their inotify watch descriptor.
 //
 // Lock discipline (one owner, one lock):
 //   * `rwLock` guards every entry and every field below it.  Readers (the
@@ -36,7 +36,9 @@
 #include <string>
 #include <vector>
 
-#include "content/dmsClmTags.h"
+#include "content/dmsClmIdIndex.h"
+#include "content/dmsClmRecord.h"
+#include "content/dmsClmTagPool.h"
 #include "dlna_dms.h"
 #include "content/dmsRwLock.h"
 #include "mfd/mfd_api.h"
@@ -51,22 +53,28 @@ inline constexpr uint32_t DMS_CLM_TYPE_ITEM = 2;
 
 inline constexpr uint32_t DMS_CLM_FIRST_ID = 1001;
 
+// What only containers have: held by the root and folders, absent from items,
+// which are most entries of a large library.
+struct dmsContainerState {
+  std::vector<dmsContentEntry *> children;  // in the order added; owned
+  uint32_t updateCount = 0;                 // changes, published in ContainerUpdateIDs
+  int32_t watchDescriptor = -1;             // inotify watch, -1 none
+};
+
 // One file or folder.  Owned by the list: created while attaching a scan,
 // released by freeing its parent, its shared folder or the list.
 struct dmsContentEntry {
   uint32_t id = 0;
-  uint32_t updateCount = 0;  // a container's changes, published in ContainerUpdateIDs
+  uint32_t type = DMS_CLM_TYPE_ITEM;
+  dmsContentEntry *parent = nullptr;
   // The root: "root"; a shared folder: its full path as shared; anything
   // else: its own name, so that a large library does not hold every folder's
   // path once per file (dmsClmEntryPath gives the full path).
   std::string path;
-  uint32_t type = DMS_CLM_TYPE_ITEM;
-  dmsContentEntry *parent = nullptr;
-  std::vector<dmsContentEntry *> children;   // containers: in the order added; owned
-  int64_t fileSize = 0;                      // items: size when the entry was made
-  std::unique_ptr<mfdMediaInfo> mediaInfo;   // items: what detection found
-  std::unique_ptr<dmsMediaTags> tags;        // items: their tags; NULL none
-  int32_t watchDescriptor = -1;              // containers: inotify watch, -1 none
+  int64_t fileSize = 0;                          // items: size when the entry was made
+  std::unique_ptr<dmsContainerState> container;  // the root and folders; NULL for items
+  dmsMediaRecord media;                          // items: what detection found
+  dmsMediaTags tags;                             // items: ids in the list's tag pool
 
   dmsContentEntry() = default;
   dmsContentEntry(const dmsContentEntry &) = delete;
@@ -82,13 +90,13 @@ struct dmsContentListInfo {
   std::mutex changeMutex;    // one writer at a time, across its file I/O
   std::mutex hostLock;               // the host's facility only
 
-  cel_rbTree entriesById{};  // all entries, by id
+  dmsClmIdIndex entriesById;  // all entries, by id
   cel_rbTree entriesByWd{};  // watched containers, by watch descriptor
   dmsContentEntry *root = nullptr;
   dmsFsmMonitor *monitor = nullptr;
   uint32_t nextId = DMS_CLM_FIRST_ID;
   mfdInstance *detector = nullptr;
-  dmsTagPool tagPool;  // the entries' tag texts (written by the change mutex's holder)
+  dmsTagPool tagPool;  // the entries' tag texts (see its own discipline)
   void *cdsContext = nullptr;  // the ContentDirectory, told of changes (change mutex)
 
   // Update record handed to the ContentDirectory on every change.
@@ -139,12 +147,16 @@ int32_t dmsClmGetContentEntryById(dmsContentListInfo *list, dmsContentEntry **ou
 // it.  The caller holds the list's lock (either way) or is its writer.  May
 // throw std::bad_alloc.
 std::string dmsClmEntryPath(const dmsContentEntry *entry);
+// The children of `entry` in their order; empty for an item.  The caller
+// holds the list's lock (either way) or is its writer.
+const std::vector<dmsContentEntry *> &dmsClmChildren(const dmsContentEntry *entry);
 int32_t dmsClmGetContentEntryByFsmWd(dmsContentListInfo *list, dmsContentEntry **out, int32_t wd);
 
 // Getters of one entry; result pointers may be NULL (skipped).  -100 for a
 // NULL entry.  *reserved is always 0.
 int32_t dmsClmGetTypeForEntry(const dmsContentEntry *entry, uint32_t *type, uint32_t *id);
-int32_t dmsClmGetMediaInfoForEntry(dmsContentEntry *entry, uint32_t *id, mfdMediaInfo **media,
+// *media: the detection record as the item keeps it (see dmsClmExpandMedia).
+int32_t dmsClmGetMediaInfoForEntry(dmsContentEntry *entry, uint32_t *id, mfdMediaInfo *media,
                                    dmsContentEntry **parent, uint32_t *reserved);
 int32_t dmsClmGetContainerInfoForEntry(dmsContentEntry *entry, uint32_t *id,
                                        dmsContentEntry **parent, int32_t *childCount,

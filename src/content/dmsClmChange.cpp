@@ -38,7 +38,7 @@ bool keepsName(const std::string &name, bool isDirectory) {
 
 // Puts `child` at its place in byte-wise name order.  Exclusive lock held.
 void insertChild(dmsContentEntry *container, dmsContentEntry *child) {
-  auto &children = container->children;
+  auto &children = container->container->children;
   auto at = std::lower_bound(children.begin(), children.end(), nameOf(child),
                              [](const dmsContentEntry *e, std::string_view n) { return nameOf(e) < n; });
   children.insert(at, child);
@@ -70,8 +70,8 @@ void fileWritten(dmsContentListInfo *list, dmsContentEntry *container, const std
   if (!media) return;
   std::unique_lock writing(list->rwLock);
   if (listed != nullptr) {
-    listed->mediaInfo = std::move(pending.mediaInfo);
-    listed->tags = std::move(pending.tags);
+    listed->media = pending.media;
+    listed->tags = pending.tags;
     listed->fileSize = status.st_size;
   } else {
     dmsContentEntry *made = createEntryAndAddToList(list, pending, container);
@@ -136,7 +136,7 @@ std::vector<DiskName> readFolder(const std::string &path) {
 void reconcile(dmsContentListInfo *list, dmsContentEntry *folder, ChangedContainers &changes) {
   const std::vector<DiskName> disk = readFolder(dmsClmEntryPath(folder));
   std::vector<dmsContentEntry *> gone;
-  for (dmsContentEntry *child : folder->children) {
+  for (dmsContentEntry *child : folder->container->children) {
     auto found = std::lower_bound(disk.begin(), disk.end(), DiskName{std::string(nameOf(child)), false, 0});
     const bool present = found != disk.end() && found->name == nameOf(child) &&
                          found->isDirectory == (child->type == DMS_CLM_TYPE_CONTAINER);
@@ -166,10 +166,10 @@ void publish(dmsContentListInfo *list, ChangedContainers &changes) {
     for (uint32_t id : changes) {
       dmsContentEntry *container = nullptr;
       dmsClmGetContentEntryById(list, &container, id);
-      if (container == nullptr) continue;
-      ++container->updateCount;
+      if (container == nullptr || container->container == nullptr) continue;
+      ++container->container->updateCount;
       pairs.push_back(id);
-      pairs.push_back(container->updateCount);
+      pairs.push_back(container->container->updateCount);
     }
     systemUpdateId = ++list->systemUpdateId;
     list->containerUpdatePairs = pairs;
@@ -186,15 +186,15 @@ void publish(dmsContentListInfo *list, ChangedContainers &changes) {
 }  // namespace
 
 dmsContentEntry *dmsClmFindChild(const dmsContentEntry *container, const std::string &name) {
-  if (container == nullptr) return nullptr;
-  const auto &children = container->children;
+  if (container == nullptr || container->container == nullptr) return nullptr;
+  const auto &children = container->container->children;
   auto at = std::lower_bound(children.begin(), children.end(), std::string_view(name),
                              [](const dmsContentEntry *e, std::string_view n) { return nameOf(e) < n; });
   return at != children.end() && nameOf(*at) == name ? *at : nullptr;
 }
 
 std::ptrdiff_t dmsClmChildIndex(const dmsContentEntry *container, const dmsContentEntry *child) {
-  const auto &children = container->children;
+  const auto &children = container->container->children;
   auto at = std::lower_bound(children.begin(), children.end(), nameOf(child),
                              [](const dmsContentEntry *e, std::string_view n) { return nameOf(e) < n; });
   return at != children.end() && *at == child ? at - children.begin() : -1;
@@ -221,7 +221,7 @@ int32_t clmFsmNotificationCallBack(dmsContentListInfo *list, dmsContentEntry *co
       }
       break;
     case FSM_EVENT_RESCAN:
-      for (dmsContentEntry *shared : std::vector<dmsContentEntry *>(list->root->children)) {
+      for (dmsContentEntry *shared : std::vector<dmsContentEntry *>(list->root->container->children)) {
         if (shared->type == DMS_CLM_TYPE_CONTAINER) reconcile(list, shared, changes);
       }
       break;

@@ -15,6 +15,7 @@
 #include <thread>
 #include <utility>
 
+#include "content/dmsClmTags.h"
 #include "content/dmsFsmApi.h"
 #include "util/dmsGuard.h"
 #include "util/osal_trace.h"
@@ -91,9 +92,9 @@ bool takeFromBudget(dmsScanBudget &budget, uint32_t type) {
 // the record) when the file is media.
 bool detectMedia(dmsContentListInfo *list, dmsPendingEntry &out) {
   const std::string &path = out.path;
-  std::unique_ptr<mfdMediaInfo> &media = out.mediaInfo;
-  media = std::make_unique<mfdMediaInfo>();
-  int32_t result = mfd_detectMediaFormat(list->detector, path.c_str(), media.get());
+  mfdMediaInfo info{};
+  mfdMediaInfo *media = &info;
+  int32_t result = mfd_detectMediaFormat(list->detector, path.c_str(), media);
   if (result == MFD_ERR_UNSUPPORTED) return false;  // not media: dropped silently
   if (result != 0) {
     DMS_TRACE(result == MFD_ERR_FILE ? OSAL_TRACE_WARN : OSAL_TRACE_INFO,
@@ -103,9 +104,19 @@ bool detectMedia(dmsContentListInfo *list, dmsPendingEntry &out) {
   if (media->mediaClass == MFD_CLASS_NONE || media->formatId == MFD_FORMAT_NONE) return false;
   // Pooled at once, so that a walk of a large library holds each distinct
   // text once rather than every file's copy until it is attached.
+  out.media = dmsClmKeepMedia(info);
   dmsTagText tags;
-  if (dmsClmReadTags(path, *media, tags)) out.tags = dmsClmPoolTags(list->tagPool, tags);
+  if (dmsClmReadTags(path, info, tags)) out.tags = dmsClmPoolTags(list->tagPool, tags);
   return true;
+}
+
+// Below a shared folder an entry keeps only its name: the pending entry
+// drops the rest of its path as soon as it has been read.
+void keepNameOnly(std::string &path) {
+  const size_t slash = path.rfind('/');
+  if (slash == std::string::npos) return;
+  path.erase(0, slash + 1);
+  path.shrink_to_fit();
 }
 
 int32_t walkFolder(dmsContentListInfo *list, dmsPendingEntry &folder, dmsScanBudget &budget,
@@ -143,6 +154,7 @@ void detectAhead(dmsContentListInfo *list, std::vector<FolderChild> &children, c
       file.entry.type = file.type;
       file.entry.fileSize = file.fileSize;
       file.media = detectMedia(list, file.entry);
+      keepNameOnly(file.entry.path);
       file.detected = true;
     }
   };
@@ -177,9 +189,11 @@ bool prepareEntry(dmsContentListInfo *list, FolderChild &child, dmsScanBudget &b
       --budget.count;
       return false;
     }
+    keepNameOnly(out.path);
     return true;
   }
   walkFolder(list, out, budget, ancestors);
+  keepNameOnly(out.path);
   return true;
 }
 
@@ -285,13 +299,10 @@ dmsContentEntry *createEntryAndAddToList(dmsContentListInfo *list, dmsPendingEnt
   entry->type = pending.type;
   entry->parent = parent;
   entry->fileSize = pending.fileSize;
-  entry->mediaInfo = std::move(pending.mediaInfo);
-  entry->tags = std::move(pending.tags);
-  int32_t result = cel_rbTreeInsert(&list->entriesById, entry.get());
-  if (result != 0) {
-    DMS_TRACE(OSAL_TRACE_ERR, "Error [%d] in %s()\n", result, "cel_rbTreeInsert");
-    return nullptr;
-  }
+  entry->media = pending.media;
+  entry->tags = pending.tags;
+  if (entry->type != DMS_CLM_TYPE_ITEM) entry->container = std::make_unique<dmsContainerState>();
+  list->entriesById.insert(entry.get());
   ++list->entryCount;
   dmsContentEntry *made = entry.release();  // owned by the list from here on
   if (made->type != DMS_CLM_TYPE_CONTAINER) return made;
@@ -302,13 +313,14 @@ dmsContentEntry *createEntryAndAddToList(dmsContentListInfo *list, dmsPendingEnt
 
 void dmsClmAttachChildren(dmsContentListInfo *list, dmsContentEntry *container,
                           dmsPendingEntry &pending) {
-  container->children.reserve(pending.children.size());
+  auto &children = container->container->children;
+  children.reserve(children.size() + pending.children.size());
   for (dmsPendingEntry &child : pending.children) {
     dmsContentEntry *entry = createEntryAndAddToList(list, child, container);
     if (entry == nullptr) continue;
     // A folder takes its id before its contents do.
     if (entry->type == DMS_CLM_TYPE_CONTAINER) dmsClmAttachChildren(list, entry, child);
-    container->children.push_back(entry);
+    children.push_back(entry);
   }
   // Freed now, not when the whole walk is: a large library's pending records
   // would otherwise sit beside its entries until the scan ends.

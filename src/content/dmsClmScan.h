@@ -22,12 +22,14 @@
 
 // One file or folder found by a walk, not yet in the list.
 struct dmsPendingEntry {
+  // The full path while the file is detected or the folder walked; below a
+  // shared folder only the name from then on, as the entry will keep it.
   std::string path;
   uint32_t type = DMS_CLM_TYPE_ITEM;
   int64_t fileSize = 0;
-  std::unique_ptr<mfdMediaInfo> mediaInfo;  // items
-  std::unique_ptr<dmsMediaTags> tags;       // items with tags (texts pooled)
-  std::vector<dmsPendingEntry> children;    // containers, in sorted name order
+  dmsMediaRecord media;                   // items
+  dmsMediaTags tags;                      // items (texts pooled)
+  std::vector<dmsPendingEntry> children;  // containers, in sorted name order
 };
 
 // The entry budget as a walk sees it: a copy of the list's count and maximum.

@@ -134,22 +134,13 @@ bool dmsClmReadTags(const std::string &path, const mfdMediaInfo &info, dmsTagTex
   });
 }
 
-const char *dmsTagPool::intern(const std::string &text) {
-  if (text.empty()) return nullptr;
-  std::lock_guard lock(mutex_);
-  return texts_.insert(text).first->c_str();
-}
-
-std::unique_ptr<dmsMediaTags> dmsClmPoolTags(dmsTagPool &pool, const dmsTagText &text) {
-  if (text.empty()) return nullptr;
-  auto tags = std::make_unique<dmsMediaTags>();
-  tags->title = pool.intern(text.title);
-  tags->artist = pool.intern(text.artist);
-  tags->albumArtist = pool.intern(text.albumArtist);
-  tags->album = pool.intern(text.album);
-  tags->genre = pool.intern(text.genre);
-  tags->date = pool.intern(text.date);
-  tags->track = static_cast<uint16_t>(text.track);
-  tags->disc = static_cast<uint16_t>(text.disc);
+dmsMediaTags dmsClmPoolTags(dmsTagPool &pool, const dmsTagText &text) {
+  dmsMediaTags tags;
+  tags.title = pool.intern(text.title);
+  tags.artist = pool.intern(text.artist);
+  tags.album = pool.intern(text.album);
+  tags.genre = pool.intern(text.genre);
+  tags.date = pool.intern(text.date);
+  tags.track = text.track;
   return tags;
 }

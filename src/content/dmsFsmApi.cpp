@@ -143,7 +143,8 @@ int32_t dmsFsmStopMonitor(dmsFsmMonitor *monitor) {
 }
 
 int32_t dmsFsmAddToMointor(dmsFsmMonitor *monitor, dmsContentEntry *container) {
-  if (monitor == nullptr || container == nullptr) return DMS_ERR_INVALID_PARAM;
+  if (monitor == nullptr || container == nullptr || container->container == nullptr) return DMS_ERR_INVALID_PARAM;
+  int32_t &watchDescriptor = container->container->watchDescriptor;
   const std::string path = dmsClmEntryPath(container);
   int wd = inotify_add_watch(monitor->inotifyDescriptor, path.c_str(), DMS_FSM_WATCH_MASK);
   if (wd < 0) {
@@ -154,14 +155,14 @@ int32_t dmsFsmAddToMointor(dmsFsmMonitor *monitor, dmsContentEntry *container) {
   }
   DMS_TRACE(OSAL_TRACE_INFO, "Added Path [%s] for monitoring :: WatchDesc [%d]\n",
             path.c_str(), wd);
-  container->watchDescriptor = wd;
+  watchDescriptor = wd;
   if (monitor->owner != nullptr) {
     // A folder reached twice (through a link) has one watch: it stays with
     // the entry that took it first.
     void *holder = nullptr;
     cel_rbTreeLookup(&monitor->owner->entriesByWd, container, &holder);
     if (holder != nullptr && holder != container) {
-      container->watchDescriptor = -1;
+      watchDescriptor = -1;
       return DMS_SUCCESS;
     }
     int32_t result = cel_rbTreeInsert(&monitor->owner->entriesByWd, container);
@@ -171,16 +172,17 @@ int32_t dmsFsmAddToMointor(dmsFsmMonitor *monitor, dmsContentEntry *container) {
 }
 
 int32_t dmsFsmRemoveFromMointor(dmsFsmMonitor *monitor, dmsContentEntry *container) {
-  if (monitor == nullptr || container == nullptr) return DMS_ERR_INVALID_PARAM;
-  if (container->watchDescriptor < 0) return DMS_SUCCESS;
-  int result = inotify_rm_watch(monitor->inotifyDescriptor, container->watchDescriptor);
+  if (monitor == nullptr || container == nullptr || container->container == nullptr) return DMS_ERR_INVALID_PARAM;
+  int32_t &watchDescriptor = container->container->watchDescriptor;
+  if (watchDescriptor < 0) return DMS_SUCCESS;
+  int result = inotify_rm_watch(monitor->inotifyDescriptor, watchDescriptor);
   if (result != 0) {
     // The kernel drops the watch by itself when the folder is deleted.
     DMS_TRACE(OSAL_TRACE_INFO, "Error [%d] in %s() for WD [%d], errno: [%d], FSM FD: [%d]\n", result,
-              "inotify_rm_watch", container->watchDescriptor, errno, monitor->inotifyDescriptor);
+              "inotify_rm_watch", watchDescriptor, errno, monitor->inotifyDescriptor);
   } else {
     DMS_TRACE(OSAL_TRACE_INFO, "Removed folder [%s] from monitoring :: WatchDesc [%d]\n",
-              container->path.c_str(), container->watchDescriptor);
+              container->path.c_str(), watchDescriptor);
   }
   if (monitor->owner != nullptr) {
     void *removed = nullptr;
@@ -189,6 +191,6 @@ int32_t dmsFsmRemoveFromMointor(dmsFsmMonitor *monitor, dmsContentEntry *contain
       DMS_TRACE(OSAL_TRACE_ERR, "Error in Deleting Node from the Tree\n");
     }
   }
-  container->watchDescriptor = -1;
+  watchDescriptor = -1;
   return DMS_SUCCESS;
 }

@@ -48,8 +48,9 @@ bool dmsAvtHttpFindMedia(dmsContentListInfo *list, uint32_t id, dmsAvtHttpMediaF
   auto reading = dmsClmReadLock(list);
   dmsContentEntry *entry = nullptr;
   if (dmsClmGetContentEntryById(list, &entry, id) != 0 || entry == nullptr) return false;
-  if (entry->type != DMS_CLM_TYPE_ITEM || !entry->mediaInfo) return false;
-  const mfdMediaInfo &media = *entry->mediaInfo;
+  if (entry->type != DMS_CLM_TYPE_ITEM) return false;
+  mfdMediaInfo media{};
+  dmsClmGetMediaInfoForEntry(entry, nullptr, &media, nullptr, nullptr);
   out.path = dmsClmEntryPath(entry);
   DMS_TRACE(OSAL_TRACE_INFO, "File [%s] is requested to be read by Client\n", out.path.c_str());
   out.mimeType = media.mimeType != nullptr ? media.mimeType : "";

@@ -300,14 +300,18 @@ const char *const g_mfdAddedProtocolInfo[] = {
     kAvi.protocolInfo,        kQuickTime.protocolInfo, nullptr,
 };
 
+const mfdProtocolStrings &mfd_protocolStringsFor(const mfdMediaInfo &info) {
+  const mfdFormatRow *row = mfd_formatRow(info.formatId);
+  return row != nullptr ? row->protocol(info) : kNoMapping;
+}
+
 int32_t mfd_getMediaProtocolDetails(const mfdMediaInfo *info, const char **mimeType,
                                     const char **profileName, const char **protocolInfo) {
   if (info == nullptr || mimeType == nullptr || profileName == nullptr || protocolInfo == nullptr) {
     DMS_TRACE(OSAL_TRACE_ERR, "Error in Input Parameters\n");
     return MFD_ERR_INVALID_PARAM;
   }
-  const mfdFormatRow *row = mfd_formatRow(info->formatId);
-  const ProtocolStrings &strings = row != nullptr ? row->protocol(*info) : kNoMapping;
+  const ProtocolStrings &strings = mfd_protocolStringsFor(*info);
   *mimeType = strings.mimeType;
   *profileName = strings.profileName;
   *protocolInfo = strings.protocolInfo;

@@ -13,6 +13,10 @@ struct mfdProtocolStrings {
   const char *protocolInfo;
 };
 
+// The strings of `info` by its format's mapping; "", "", "" for a format
+// without one.  What mfd_getMediaProtocolDetails hands out.
+const mfdProtocolStrings &mfd_protocolStringsFor(const mfdMediaInfo &info);
+
 using mfdProtocolMapping = const mfdProtocolStrings &(*)(const mfdMediaInfo &info);
 
 const mfdProtocolStrings &mfdProtocolNone(const mfdMediaInfo &info);  // "", "", ""

@@ -244,7 +244,7 @@ int32_t dmsCdsCreateRespBrowseDirectChildren(dmsCdsMgrHandle *handle,
   if ((status = dlnaUtil_DIDLAddHeader(buffer)) != 0) {
     return traceWriterFailure("dlnaUtil_DIDLAddHeader", status);
   }
-  const size_t childTotal = folder->children.size();
+  const size_t childTotal = dmsClmChildren(folder).size();
   const int32_t childCount = childTotal > static_cast<size_t>(std::numeric_limits<int32_t>::max())
                                  ? std::numeric_limits<int32_t>::max()
                                  : static_cast<int32_t>(childTotal);
@@ -266,7 +266,7 @@ int32_t dmsCdsCreateRespBrowseDirectChildren(dmsCdsMgrHandle *handle,
     }
     const int32_t number = childrenToWrite(start, requested, childCount);
     for (int32_t index = start; written < number; ++index, ++written) {
-      dmsContentEntry *child = folder->children[static_cast<size_t>(index)];
+      dmsContentEntry *child = dmsClmChildren(folder)[static_cast<size_t>(index)];
       if (child == nullptr) {
         DMS_TRACE(OSAL_TRACE_ERR, "Content entry not available\n");
         break;

@@ -185,17 +185,20 @@ void fillMediaProperties(const mfdMediaInfo &info, const uint8_t *flags, dlnaUti
 // (the file name otherwise), the artist as creator, the album, the genre
 // (all "Unknown" otherwise) and the date (the file's time otherwise); the
 // artist and the track number are added.  Each honours the Filter.
-void applyTags(const dmsMediaTags *tags, const uint8_t *flags, dlnaUtilDidlItem &item) {
-  if (tags == nullptr) return;
-  if (tags->title != nullptr) item.title = tags->title;
-  if (tags->artist != nullptr && item.creator != nullptr) item.creator = tags->artist;
-  if (tags->artist != nullptr && flags[DMS_CDS_FILTER_ARTIST] == 0) item.artist = tags->artist;
-  if (tags->album != nullptr && item.album != nullptr) item.album = tags->album;
-  if (tags->genre != nullptr && item.genre != nullptr) item.genre = tags->genre;
-  if (tags->date != nullptr && flags[DMS_CDS_FILTER_DATE] == 0) {
-    std::snprintf(item.date, sizeof item.date, "%s", tags->date);
-  }
-  if (flags[DMS_CDS_FILTER_TRACK] == 0) item.originalTrackNumber = tags->track;
+void applyTags(const dmsTagPool &pool, const dmsMediaTags &tags, const uint8_t *flags,
+               dlnaUtilDidlItem &item) {
+  if (tags.empty()) return;
+  const char *artist = pool.text(tags.artist);
+  const char *album = pool.text(tags.album);
+  const char *genre = pool.text(tags.genre);
+  const char *date = pool.text(tags.date);
+  if (const char *title = pool.text(tags.title)) item.title = title;
+  if (artist != nullptr && item.creator != nullptr) item.creator = artist;
+  if (artist != nullptr && flags[DMS_CDS_FILTER_ARTIST] == 0) item.artist = artist;
+  if (album != nullptr && item.album != nullptr) item.album = album;
+  if (genre != nullptr && item.genre != nullptr) item.genre = genre;
+  if (date != nullptr && flags[DMS_CDS_FILTER_DATE] == 0) std::snprintf(item.date, sizeof item.date, "%s", date);
+  if (flags[DMS_CDS_FILTER_TRACK] == 0) item.originalTrackNumber = tags.track;
 }
 
 // The last component of `path`, trailing slashes ignored.
@@ -272,11 +275,12 @@ int32_t dmsCdsGetItemClass(const mfdMediaInfo *mediaInfo, const char **classOut)
 int32_t dmsCdsBuildItem(const dmsCdsObjectRequest *request, dmsContentEntry *entry,
                         dmsCdsItemRecord *record) {
   if (request == nullptr || request->handle == nullptr || request->filterFlags == nullptr ||
-      entry == nullptr || record == nullptr || entry->mediaInfo == nullptr) {
+      entry == nullptr || record == nullptr || entry->type != DMS_CLM_TYPE_ITEM) {
     DMS_TRACE(OSAL_TRACE_ERR, "Input Parameter Error: Pointer NULL\n");
     return DMS_ERR_INVALID_PARAM;
   }
-  const mfdMediaInfo &info = *entry->mediaInfo;
+  mfdMediaInfo info{};
+  dmsClmGetMediaInfoForEntry(entry, nullptr, &info, nullptr, nullptr);
   const uint8_t *flags = request->filterFlags;
   dlnaUtilDidlItem &item = record->item;
   item = dlnaUtilDidlItem{};
@@ -311,8 +315,9 @@ int32_t dmsCdsBuildItem(const dmsCdsObjectRequest *request, dmsContentEntry *ent
     item.creator = flags[DMS_CDS_FILTER_CREATOR] == 0 ? kUnknownText : nullptr;
     item.genre = flags[DMS_CDS_FILTER_GENRE] == 0 ? kUnknownText : nullptr;
     fillMediaProperties(info, flags, item);
-    applyTags(entry->tags.get(), flags, item);
-    record->artist = entry->tags != nullptr ? entry->tags->artist : nullptr;
+    const dmsTagPool &pool = request->handle->contentList->tagPool;
+    applyTags(pool, entry->tags, flags, item);
+    record->artist = pool.text(entry->tags.artist);
     return DMS_SUCCESS;
   });
 }
@@ -325,7 +330,7 @@ int32_t dmsCdsBuildContainer(const dmsCdsObjectRequest *request, dmsContentEntry
   }
   return dmsGuard("dmsCdsBuildContainer", DMS_ERR_NO_MEMORY, [&]() -> int32_t {
     record->title = lastComponent(entry->path);
-    const size_t childCount = entry->children.size();
+    const size_t childCount = dmsClmChildren(entry).size();
     dlnaUtilDidlContainer &container = record->container;
     container.id = static_cast<int32_t>(entry->id);
     container.parentID = parentIdOf(*entry);

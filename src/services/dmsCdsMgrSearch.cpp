@@ -256,11 +256,11 @@ int32_t dmsCdsCreateRespSearchRecursive(dmsCdsMgrHandle *handle, dmsCdsSearchSta
     std::vector<WalkFrame> stack{{container, 0}};
     while (!stack.empty()) {
       WalkFrame &frame = stack.back();
-      if (frame.next >= frame.container->children.size()) {
+      if (frame.next >= dmsClmChildren(frame.container).size()) {
         stack.pop_back();
         continue;
       }
-      dmsContentEntry *child = frame.container->children[frame.next++];
+      dmsContentEntry *child = dmsClmChildren(frame.container)[frame.next++];
       if (child == nullptr) {
         DMS_TRACE(OSAL_TRACE_ERR, "Content entry not available\n");
         return DMS_ERR_NO_SUCH_OBJECT;
@@ -307,7 +307,7 @@ int32_t dmsCdsCreateRespSearchItems(dmsCdsMgrHandle *handle, dmsCdsSearchState *
     DMS_TRACE(OSAL_TRACE_ERR,
               "Invalid value: StartingIndex = %d: RequestedCount = %d: ChildCount = %d\n",
               args.startingIndex, args.requestedCount,
-              static_cast<int>(container->children.size()));
+              static_cast<int>(dmsClmChildren(container).size()));
     return DMS_ERR_INVALID_PARAM;
   }
   int32_t status = dmsCdsPrepareObjectRequest(handle, args.filter, state->filterFlags, false,
