@@ -1,6 +1,7 @@
 #!/bin/bash
 # Builds the detection fuzzer (libFuzzer, AddressSanitizer and UBSan) with
-# clang into fuzz/out/detect_fuzz.
+# clang into fuzz/out/detect_fuzz.  It also covers the Exif thumbnail locator
+# and the picture decoders, which need libturbojpeg and libpng.
 set -euo pipefail
 
 root=$(cd "$(dirname "$0")/.." && pwd)
@@ -12,5 +13,6 @@ mkdir -p "$out"
   -fno-sanitize-recover=undefined -std=c++20 -D_FILE_OFFSET_BITS=64 -D_LARGEFILE64_SOURCE \
   -Wall -Wextra -I "$root/src" -I "$root/include" \
   "$root/fuzz/detect_fuzz.cpp" "$root"/src/mfd/*.cpp "$root/src/util/osal_trace.cpp" "$root/src/util/dmsGuard.cpp" \
-  -o "$out/detect_fuzz"
+  "$root/src/http/dmsArtImage.cpp" "$root/src/http/dmsArtDecode.cpp" \
+  -lturbojpeg -lpng -o "$out/detect_fuzz"
 echo "built $out/detect_fuzz"

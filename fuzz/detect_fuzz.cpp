@@ -1,7 +1,9 @@
 // libFuzzer target for media format detection: the input becomes a file on
 // disk (the detectors open files by name, and some decide by the extension)
 // and goes through the whole detection with every format registered in the
-// content list's order, then through the protocol mapping.
+// content list's order, then through the protocol mapping.  The same bytes
+// go through the Exif thumbnail locator, and a small JPEG or PNG through the
+// thumbnail decoders.
 //
 // Input layout: byte 0 chooses the file name (its extension), the rest is
 // the file's content.
@@ -14,6 +16,7 @@
 #include <cstdlib>
 #include <string>
 
+#include "http/dmsArtImage.h"
 #include "mfd/mfd_api.h"
 #include "mfd/mfd_exif.h"
 #include "util/osal_trace.h"
@@ -48,6 +51,24 @@ Harness &harness() {
   return state;
 }
 
+// Pictures decoded whole per input: larger ones would spend the run on
+// inflating pixels rather than on the parsers.
+constexpr size_t kMaxPictureBytes = 64 * 1024;
+
+// The Exif thumbnail and, for a small JPEG or PNG, a 160x160 thumbnail.
+void scalePicture(const uint8_t *data, size_t size) {
+  size_t offset = 0, length = 0;
+  if (mfdExif_thumbnailIn(data, size, &offset, &length) && (offset > size || size - offset < length)) std::abort();
+  const bool jpeg = size >= 3 && data[0] == 0xFF && data[1] == 0xD8 && data[2] == 0xFF;
+  const bool png = size >= 8 && data[0] == 0x89 && data[1] == 'P' && data[2] == 'N' && data[3] == 'G';
+  if (!(jpeg || png) || size > kMaxPictureBytes) return;
+  dmsArtJpeg out;
+  if (dmsArtScaleImage(data, size, 160, 160, out) &&
+      (out.width < 1 || out.width > 160 || out.height < 1 || out.height > 160 || out.bytes.empty())) {
+    std::abort();
+  }
+}
+
 bool writeFile(const std::string &path, const uint8_t *data, size_t size) {
   const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
   if (fd < 0) return false;
@@ -75,6 +96,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   // A photo's date taken is read from the same bytes, by its own parser.
   volatile size_t dateLength = mfdExif_dateTaken(path).size();
   (void)dateLength;
+  scalePicture(data + 1, size - 1);
   const char *mimeType = nullptr;
   const char *profileName = nullptr;
   const char *protocolInfo = nullptr;

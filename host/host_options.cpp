@@ -33,6 +33,8 @@ void printHostUsage(FILE *out) {
                "  --media-port N      port of the media streams (default: the HTTP port + 1,\n"
                "                      or any free port when that is taken; 0: any free)\n"
                "  --max-content N     most entries to share (default 100000)\n"
+               "  --art-cache-mb N    memory kept for thumbnails and album art, in MiB\n"
+               "                      (default 8; 0 makes every picture anew)\n"
                "  --filter            offer only well-known media extensions to detection\n"
                "  --www DIR           folder with the description files and icons\n"
                "  --help              show this text\n"
@@ -73,6 +75,13 @@ HostCommand parseHostOptions(int argc, char **argv, HostOptions &options, std::s
       const char *text = value(arg);
       if (text == nullptr) return HostCommand::Invalid;
       if (!parseNumber(text, 0, 65535, options.mediaPort)) {
+        error = std::string("bad value for ") + arg + ": " + text;
+        return HostCommand::Invalid;
+      }
+    } else if (std::strcmp(arg, "--art-cache-mb") == 0) {
+      const char *text = value(arg);
+      if (text == nullptr) return HostCommand::Invalid;
+      if (!parseNumber(text, 0, 4096, options.artCacheMb)) {
         error = std::string("bad value for ") + arg + ": " + text;
         return HostCommand::Invalid;
       }

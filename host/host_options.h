@@ -14,6 +14,7 @@ struct HostOptions {
   int port = 49152;
   int mediaPort = -1;  // -1: the port + 1, or any free one
   int maxContent = 100000;
+  int artCacheMb = 8;  // memory for thumbnails and album art
   bool filter = false;
   std::string www;  // empty: the installed or source-tree www directory
   std::vector<std::string> folders;

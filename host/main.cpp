@@ -148,6 +148,7 @@ int serve(HostOptions &options) {
                 " (error " + std::to_string(result) + ")");
   }
   int exitCode = 0;
+  dlna_dmsSetArtCacheSize(server, static_cast<uint64_t>(options.artCacheMb) * 1024 * 1024);
   if (options.mediaPort >= 0 && dlna_dmsSetMediaPort(server, options.mediaPort) != DMS_SUCCESS) {
     exitCode = fail("media port " + std::to_string(options.mediaPort) + " on " + options.address + " is busy");
     dlna_dmsDestroy(server);

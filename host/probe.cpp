@@ -8,6 +8,7 @@
 
 #include "content/dmsClmTags.h"
 #include "mfd/mfd_api.h"
+#include "mfd/mfd_exif.h"
 #include "util/osal_trace.h"
 
 namespace {
@@ -74,6 +75,12 @@ void appendField(std::string &out, const char *key, std::string_view text) {
   appendEscaped(out, text);
 }
 
+void appendFlag(std::string &out, const char *key, bool value) {
+  out += out.size() > 1 ? ",\"" : "\"";
+  out += key;
+  out += value ? "\":true" : "\":false";
+}
+
 void appendField(std::string &out, const char *key, long long number) {
   out += out.size() > 1 ? ",\"" : "\"";
   out += key;
@@ -107,7 +114,13 @@ std::string describe(const char *path, int32_t result, const mfdMediaInfo &info)
   appendField(line, "dataOffset", info.dataOffset);
   appendField(line, "durationMs", info.duration);
   dmsTagText tags;
-  if (result == 0 && dmsClmReadTags(path, info, tags)) {
+  const bool tagged = result == 0 && dmsClmReadTags(path, info, tags);
+  int64_t thumbnailOffset = 0;
+  int64_t thumbnailLength = 0;
+  const bool jpeg = info.formatId == MFD_FORMAT_JPEG || info.formatId == MFD_FORMAT_JPEG2;
+  appendFlag(line, "exifThumbnail", jpeg && mfdExif_thumbnail(path, &thumbnailOffset, &thumbnailLength));
+  appendFlag(line, "embeddedArt", tags.hasPicture);
+  if (tagged) {
     appendField(line, "title", tags.title);
     appendField(line, "artist", tags.artist);
     appendField(line, "albumArtist", tags.albumArtist);

@@ -119,6 +119,23 @@ DMS_EXPORT int32_t dlna_dmsSetMediaPort(dmsHandle *handle, int32_t port);
  * dlna_dmsStop) and for NULL.  Not a status code. */
 DMS_EXPORT int32_t dlna_dmsGetMediaPort(const dmsHandle *handle);
 
+/* Figures of the cache of thumbnails and album art (made on first request). */
+typedef struct dmsArtCacheStats {
+  uint64_t hits;      /* pictures answered from the cache */
+  uint64_t made;      /* pictures made */
+  uint64_t failures;  /* pictures that could not be made (no longer offered) */
+  uint64_t bytes;     /* bytes kept now */
+  uint64_t pictures;  /* pictures kept now */
+  uint64_t budget;    /* most bytes kept */
+} dmsArtCacheStats;
+
+/* Sets the memory budget of the thumbnail and album art cache in bytes
+ * (default 8 MiB; 0 keeps nothing).  Applies at once, least recently used
+ * pictures out first.  Any time between dlna_dmsCreate and dlna_dmsDestroy. */
+DMS_EXPORT int32_t dlna_dmsSetArtCacheSize(dmsHandle *handle, uint64_t bytes);
+/* Copies the cache's figures into *out. */
+DMS_EXPORT int32_t dlna_dmsGetArtCacheStats(const dmsHandle *handle, dmsArtCacheStats *out);
+
 /* Re-registers a started server (DMS_ERR_NOT_STARTED otherwise).  Like the
  * three calls below, it stops and starts the server: media streams in
  * progress end and players request them again. */

@@ -3,7 +3,7 @@
 # Usage: scripts/deps.sh [build|test]   (test also brings the test tools)
 set -euo pipefail
 
-want=(build-essential cmake pkg-config libupnp-dev libmicrohttpd-dev libtag1-dev)
+want=(build-essential cmake pkg-config libupnp-dev libmicrohttpd-dev libtag1-dev libturbojpeg0-dev libpng-dev)
 if [ "${1:-build}" = test ]; then
   want+=(libgtest-dev libgmock-dev iproute2 util-linux gupnp-tools curl python3)
 fi

@@ -5,6 +5,8 @@
 // the library.
 #include "api/dlna_dmsApi.h"
 
+#include <algorithm>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
@@ -12,6 +14,7 @@
 #include <string>
 
 #include "content/dmsClmApi.h"
+#include "http/dmsArtCache.h"
 #include "http/dmsAvtHttpHandler.h"
 #include "http/dmsMediaServer.h"
 #include "services/dmsCdsMgrApi.h"
@@ -27,6 +30,7 @@ namespace {
 constexpr char kTraceFile[] = "dlna_dmsApi.c";
 constexpr size_t kMaxContentLength = 65536;
 constexpr char kWebDirectory[] = "/web";
+constexpr size_t kDefaultArtCacheBytes = 8 * 1024 * 1024;
 
 struct FreeDeleter {
   void operator()(void *pointer) const { std::free(pointer); }
@@ -96,6 +100,8 @@ int32_t tearDownServer(dmsHandle *handle) {
   }
   std::free(handle->description);
   handle->description = nullptr;
+  std::unique_ptr<dmsArtCache> artCache(handle->artCache);  // nothing reads it any more
+  handle->artCache = nullptr;
   return listResult;
 }
 
@@ -168,7 +174,7 @@ int32_t listenForMedia(dmsHandle *handle, int32_t port) {
   const std::string address(handle->config.ipAddress,
                             strnlen(handle->config.ipAddress, sizeof handle->config.ipAddress));
   int32_t result = dmsMediaServerStart(&handle->mediaServer, address.c_str(), port,
-                                       handle->contentList, dmsMediaServerLimits{});
+                                       handle->contentList, handle->artCache, dmsMediaServerLimits{});
   if (result != DMS_SUCCESS) return result;
   handle->mediaPort = dmsMediaServerPort(handle->mediaServer);
   // Browse may be running (the device is registered from create): the
@@ -192,6 +198,7 @@ int32_t createServices(dmsHandle *handle) {
   result = dmsCdsMgrInit(&handle->cdsContext, handle->eventMgr, handle->contentList,
                          handle->config.ipAddress, handle->mediaPort);
   if (result != 0) return traceSdkFailure(result, "dmsCdsMgrInit", result);
+  handle->cdsContext->artCache = handle->artCache;
   // Content changes are evented through the ContentDirectory.
   dmsClmSetCdsContext(handle->contentList, handle->cdsContext);
   result = dmsAvtHttp_init(".", handle->contentList);
@@ -241,6 +248,7 @@ int32_t createServer(dmsHandle **out, dmsConfig *config, const dmsDeviceInfo *de
   result = dmsClmCreateContentList(&handle->contentList, config->sharedPaths,
                                    config->numSharedPaths, config->maxContent);
   if (result != DMS_SUCCESS) return traceSdkFailure(result, "dmsClmCreateContentList", result);
+  handle->artCache = std::make_unique<dmsArtCache>(kDefaultArtCacheBytes).release();  // owned by the handle
   if ((result = openMediaServer(handle, config->port + 1)) != DMS_SUCCESS) return result;
   if ((result = createServices(handle)) != DMS_SUCCESS) return result;
   if ((result = registerDevice(handle)) != DMS_SUCCESS) return result;
@@ -382,6 +390,22 @@ extern "C" DMS_EXPORT int32_t dlna_dmsSetMediaPort(dmsHandle *handle, int32_t po
 extern "C" DMS_EXPORT int32_t dlna_dmsGetMediaPort(const dmsHandle *handle) {
   if (handle == nullptr) return 0;
   return dmsGuard("dlna_dmsGetMediaPort", 0, [&] { return handle->mediaServer == nullptr ? 0 : handle->mediaPort; });
+}
+
+extern "C" DMS_EXPORT int32_t dlna_dmsSetArtCacheSize(dmsHandle *handle, uint64_t bytes) {
+  if (handle == nullptr || handle->artCache == nullptr) return DMS_ERR_INVALID_PARAM;
+  return dmsApiGuard("dlna_dmsSetArtCacheSize", [&] {
+    handle->artCache->setBudget(static_cast<size_t>(std::min<uint64_t>(bytes, SIZE_MAX)));
+    return DMS_SUCCESS;
+  });
+}
+
+extern "C" DMS_EXPORT int32_t dlna_dmsGetArtCacheStats(const dmsHandle *handle, dmsArtCacheStats *out) {
+  if (handle == nullptr || handle->artCache == nullptr || out == nullptr) return DMS_ERR_INVALID_PARAM;
+  return dmsApiGuard("dlna_dmsGetArtCacheStats", [&] {
+    *out = handle->artCache->stats();
+    return DMS_SUCCESS;
+  });
 }
 
 extern "C" DMS_EXPORT dmsContentListInfo *dlna_dmsGetContentList(dmsHandle *handle) {

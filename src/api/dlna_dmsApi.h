@@ -13,6 +13,8 @@
 #include "dlna_dms.h"
 #include "util/dmsGuard.h"
 
+class dmsArtCache;
+
 struct dmsDevEventMgr;
 struct dmsCdsMgrHandle;
 struct dmsCmsInstance;
@@ -67,6 +69,9 @@ struct dmsHandle {
   // port the DIDL res URLs name; it is kept across stop and start.
   dmsMediaServer *mediaServer;
   int32_t mediaPort;
+  // Thumbnails and album art made so far; owned (made at create, freed last
+  // by destroy), read by the media server and the ContentDirectory.
+  dmsArtCache *artCache;
 };
 
 // Runs the body of an exported function: what it returns, or

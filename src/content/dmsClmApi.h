@@ -59,6 +59,7 @@ struct dmsContainerState {
   std::vector<dmsContentEntry *> children;  // in the order added; owned
   uint32_t updateCount = 0;                 // changes, published in ContainerUpdateIDs
   int32_t watchDescriptor = -1;             // inotify watch, -1 none
+  std::string coverName;                    // the folder's cover picture file; empty none
 };
 
 // One file or folder.  Owned by the list: created while attaching a scan,

@@ -7,6 +7,7 @@
 #include <string_view>
 #include <vector>
 
+#include "content/dmsClmPicture.h"
 #include "content/dmsClmScan.h"
 #include "content/dmsFsmApi.h"
 #include "services/dmsCdsMgrApi.h"
@@ -55,11 +56,23 @@ void detach(dmsContentListInfo *list, dmsContentEntry *entry, ChangedContainers 
 // A file written or moved in: re-detected (outside the lock) and listed, or
 // refreshed in place when it is listed already (same id), or dropped when it
 // is no longer media.
+// Keeps the folder's cover name up to date as picture files come and go.
+void noteCover(dmsContentListInfo *list, dmsContentEntry *container, const std::string &name, bool present) {
+  dmsContainerState *state = container->container.get();
+  if (state == nullptr) return;
+  const int rank = dmsClmCoverRank(name);
+  if (rank == 0) return;
+  std::unique_lock writing(list->rwLock);
+  if (present && rank > dmsClmCoverRank(state->coverName)) state->coverName = name;
+  if (!present && state->coverName == name) state->coverName.clear();
+}
+
 void fileWritten(dmsContentListInfo *list, dmsContentEntry *container, const std::string &name,
                  ChangedContainers &changes) {
   const std::string path = joinPath(dmsClmEntryPath(container), name);
   struct stat status {};
   if (::stat(path.c_str(), &status) != 0 || !S_ISREG(status.st_mode) || !keepsName(name, false)) return;
+  noteCover(list, container, name, true);
   dmsContentEntry *listed = dmsClmFindChild(container, name);
   if (listed != nullptr && listed->type != DMS_CLM_TYPE_ITEM) return;
   // A refresh takes nothing from the budget; a new file is checked against it.
@@ -217,6 +230,7 @@ int32_t clmFsmNotificationCallBack(dmsContentListInfo *list, dmsContentEntry *co
       if (entry != nullptr) {
         detach(list, entry, changes);  // a watched folder itself: a shared one takes only itself
       } else if (container != nullptr && !child.empty()) {
+        noteCover(list, container, child, false);
         detach(list, dmsClmFindChild(container, child), changes);
       }
       break;

@@ -29,6 +29,9 @@ struct dmsMediaRecord {
   uint8_t videoCodec = 0;
 };
 
+// The file carries a cover picture in its tags.
+inline constexpr uint16_t DMS_TAGS_PICTURE = 1;
+
 // Tags as ids of texts in the list's tag pool (0: absent).
 struct dmsMediaTags {
   uint32_t title = 0;
@@ -36,8 +39,9 @@ struct dmsMediaTags {
   uint32_t album = 0;
   uint32_t genre = 0;
   uint32_t date = 0;
-  uint32_t track = 0;
-  bool empty() const { return (title | artist | album | genre | date | track) == 0; }
+  uint16_t track = 0;
+  uint16_t flags = 0;  // DMS_TAGS_*
+  bool empty() const { return (title | artist | album | genre | date | track | flags) == 0; }
 };
 
 // Keeps what readers use of a detected record.

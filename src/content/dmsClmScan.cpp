@@ -15,6 +15,7 @@
 #include <thread>
 #include <utility>
 
+#include "content/dmsClmPicture.h"
 #include "content/dmsClmTags.h"
 #include "content/dmsFsmApi.h"
 #include "util/dmsGuard.h"
@@ -209,6 +210,14 @@ int32_t walkFolder(dmsContentListInfo *list, dmsPendingEntry &folder, dmsScanBud
     return result;
   }
   ancestors.push_back(identity);
+  int coverRank = 0;
+  for (const DirectoryName &name : names) {
+    const int rank = name.isDirectory ? 0 : dmsClmCoverRank(name.name);
+    if (rank > coverRank) {
+      coverRank = rank;
+      folder.coverName = name.name;
+    }
+  }
   std::vector<FolderChild> children;
   children.reserve(names.size());
   for (const DirectoryName &name : names) {
@@ -301,7 +310,10 @@ dmsContentEntry *createEntryAndAddToList(dmsContentListInfo *list, dmsPendingEnt
   entry->fileSize = pending.fileSize;
   entry->media = pending.media;
   entry->tags = pending.tags;
-  if (entry->type != DMS_CLM_TYPE_ITEM) entry->container = std::make_unique<dmsContainerState>();
+  if (entry->type != DMS_CLM_TYPE_ITEM) {
+    entry->container = std::make_unique<dmsContainerState>();
+    entry->container->coverName = std::move(pending.coverName);
+  }
   list->entriesById.insert(entry.get());
   ++list->entryCount;
   dmsContentEntry *made = entry.release();  // owned by the list from here on

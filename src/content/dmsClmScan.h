@@ -30,6 +30,7 @@ struct dmsPendingEntry {
   dmsMediaRecord media;                   // items
   dmsMediaTags tags;                      // items (texts pooled)
   std::vector<dmsPendingEntry> children;  // containers, in sorted name order
+  std::string coverName;                  // containers: the best cover picture's name
 };
 
 // The entry budget as a walk sees it: a copy of the list's count and maximum.

@@ -1,5 +1,7 @@
 #include "content/dmsClmTags.h"
 
+#include "content/dmsClmTagLib.h"
+
 #include <taglib/asffile.h>
 #include <taglib/flacfile.h>
 #include <taglib/mp4file.h>
@@ -33,7 +35,9 @@ class TraceListener : public TagLib::DebugListener {
   }
 };
 
-void routeTagLibMessages() {
+}  // namespace
+
+void dmsClmRouteTagLibMessages() {
   static std::once_flag routed;
   std::call_once(routed, [] {
     static TraceListener listener;
@@ -41,9 +45,7 @@ void routeTagLibMessages() {
   });
 }
 
-// The file object for the format's tag layout, reading from `stream`;
-// audio properties are not read (the detectors did that).
-std::unique_ptr<TagLib::File> openTagged(mfdTagLayout layout, TagLib::FileStream *stream) {
+std::unique_ptr<TagLib::File> dmsClmOpenTagged(mfdTagLayout layout, TagLib::FileStream *stream) {
   switch (layout) {
     case mfdTagLayout::kMpeg:
       return std::make_unique<TagLib::MPEG::File>(stream, TagLib::ID3v2::FrameFactory::instance(), false);
@@ -60,6 +62,8 @@ std::unique_ptr<TagLib::File> openTagged(mfdTagLayout layout, TagLib::FileStream
   }
   return nullptr;
 }
+
+namespace {
 
 std::string first(const TagLib::PropertyMap &properties, const char *key) {
   const auto found = properties.find(key);
@@ -99,7 +103,7 @@ std::string isoDate(const std::string &text) {
 
 bool dmsTagText::empty() const {
   return title.empty() && artist.empty() && albumArtist.empty() && album.empty() && genre.empty() &&
-         date.empty() && track == 0 && disc == 0;
+         date.empty() && track == 0 && disc == 0 && !hasPicture;
 }
 
 bool dmsClmReadTags(const std::string &path, const mfdMediaInfo &info, dmsTagText &out) {
@@ -111,10 +115,10 @@ bool dmsClmReadTags(const std::string &path, const mfdMediaInfo &info, dmsTagTex
     return !out.empty();
   }
   return dmsGuard("dmsClmReadTags", false, [&] {
-    routeTagLibMessages();
+    dmsClmRouteTagLibMessages();
     TagLib::FileStream stream(path.c_str(), true);  // never opened for writing
     if (!stream.isOpen()) return false;
-    std::unique_ptr<TagLib::File> file = openTagged(row->tags, &stream);
+    std::unique_ptr<TagLib::File> file = dmsClmOpenTagged(row->tags, &stream);
     if (file == nullptr || !file->isValid()) return false;
     const TagLib::PropertyMap properties = file->properties();
     out.title = first(properties, "TITLE");
@@ -130,6 +134,7 @@ bool dmsClmReadTags(const std::string &path, const mfdMediaInfo &info, dmsTagTex
     }
     out.track = leadingNumber(first(properties, "TRACKNUMBER"));
     out.disc = leadingNumber(first(properties, "DISCNUMBER"));
+    out.hasPicture = dmsClmPictureOf(*file, nullptr);
     return !out.empty();
   });
 }
@@ -141,6 +146,7 @@ dmsMediaTags dmsClmPoolTags(dmsTagPool &pool, const dmsTagText &text) {
   tags.album = pool.intern(text.album);
   tags.genre = pool.intern(text.genre);
   tags.date = pool.intern(text.date);
-  tags.track = text.track;
+  tags.track = static_cast<uint16_t>(text.track);  // at most 0xFFFF as read
+  tags.flags = text.hasPicture ? DMS_TAGS_PICTURE : 0;
   return tags;
 }

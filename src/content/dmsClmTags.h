@@ -19,6 +19,7 @@ struct dmsTagText {
   std::string title, artist, albumArtist, album, genre;
   std::string date;  // "YYYY", "YYYY-MM", "YYYY-MM-DD" or a photo's "YYYY-MM-DDTHH:MM:SS"
   uint32_t track = 0, disc = 0;
+  bool hasPicture = false;  // a cover picture in the tags
   bool empty() const;
 };
 

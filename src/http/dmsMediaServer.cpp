@@ -7,16 +7,20 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
 #include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "dlna_dms.h"
+#include "http/dmsArt.h"
 #include "http/dmsAvtHttpMedia.h"
+#include "util/dlnaUtil_didl.h"
 #include "util/dmsGuard.h"
 #include "util/osal_trace.h"
 
@@ -26,6 +30,7 @@ static constexpr char kTraceFile[] = "dmsMediaServer.c";
 struct dmsMediaServer {
   MHD_Daemon *daemon = nullptr;
   dmsContentListInfo *contentList = nullptr;  // borrowed; outlives the server
+  dmsArtCache *artCache = nullptr;            // borrowed; outlives the server
   int32_t port = 0;
   uint32_t connectionLimit = 0;
   // Open connections; counted by the polling thread, and by the stopping
@@ -176,8 +181,49 @@ MHD_Response *bodyResponse(const dmsAvtHttpMediaFile &media, FileDescriptor &fil
   return response;
 }
 
+// Adds the range answer's headers; the status code to answer with.
+unsigned rangeHeaders(MHD_Response *response, RangeAnswer answer, const ByteRange &range, int64_t length) {
+  MHD_add_response_header(response, MHD_HTTP_HEADER_ACCEPT_RANGES, "bytes");
+  if (answer != RangeAnswer::kPart) return MHD_HTTP_OK;
+  const std::string contentRange = "bytes " + std::to_string(range.first) + "-" +
+                                   std::to_string(range.first + range.count - 1) + "/" + std::to_string(length);
+  MHD_add_response_header(response, MHD_HTTP_HEADER_CONTENT_RANGE, contentRange.c_str());
+  return MHD_HTTP_PARTIAL_CONTENT;
+}
+
+const char *rangeHeader(MHD_Connection *connection) {
+  return MHD_lookup_connection_value(connection, MHD_HEADER_KIND, MHD_HTTP_HEADER_RANGE);
+}
+
+MHD_Result answerArt(dmsMediaServer *server, MHD_Connection *connection, uint32_t id, dmsArtKind kind) {
+  const dmsArtCache::Picture picture = dmsArtGet(server->contentList, server->artCache, id, kind, nullptr);
+  if (picture == nullptr) return queueEmpty(connection, MHD_HTTP_NOT_FOUND);
+  const auto length = static_cast<int64_t>(picture->size());
+  ByteRange range;
+  const RangeAnswer answer = parseRange(rangeHeader(connection), length, range);
+  if (answer == RangeAnswer::kUnsatisfiable) {
+    return queueEmpty(connection, MHD_HTTP_RANGE_NOT_SATISFIABLE, MHD_HTTP_HEADER_CONTENT_RANGE,
+                      "bytes */" + std::to_string(length));
+  }
+  // Pictures are small: the answer takes a copy of its bytes, so the cache
+  // may drop the picture meanwhile.
+  MHD_Response *response = MHD_create_response_from_buffer(
+      static_cast<size_t>(range.count), const_cast<char *>(picture->data() + range.first), MHD_RESPMEM_MUST_COPY);
+  if (response == nullptr) return MHD_NO;
+  MHD_add_response_header(response, MHD_HTTP_HEADER_CONTENT_TYPE, "image/jpeg");
+  MHD_add_response_header(response, "contentFeatures.dlna.org",
+                          kind == dmsArtKind::kSmall ? DLNA_UTIL_JPEG_SM_FEATURES : DLNA_UTIL_JPEG_TN_FEATURES);
+  MHD_add_response_header(response, "transferMode.dlna.org", "Interactive");
+  const unsigned code = rangeHeaders(response, answer, range, length);
+  MHD_Result queued = MHD_queue_response(connection, code, response);
+  MHD_destroy_response(response);
+  return queued;
+}
+
 MHD_Result answerMedia(dmsMediaServer *server, MHD_Connection *connection, const char *url) {
   uint32_t id = 0;
+  dmsArtKind kind = dmsArtKind::kThumbnail;
+  if (dmsArtParseUrl(url, &id, &kind)) return answerArt(server, connection, id, kind);
   dmsAvtHttpMediaFile media;
   if (!dmsAvtHttpParseMediaId(url, &id) || !dmsAvtHttpFindMedia(server->contentList, id, media)) {
     return queueEmpty(connection, MHD_HTTP_NOT_FOUND);
@@ -194,8 +240,7 @@ MHD_Result answerMedia(dmsMediaServer *server, MHD_Connection *connection, const
   ::posix_fadvise(file.get(), 0, 0, POSIX_FADV_SEQUENTIAL);
   const int64_t length = dmsAvtHttpServedLength(media, status.st_size);
   ByteRange range;
-  const char *rangeHeader = MHD_lookup_connection_value(connection, MHD_HEADER_KIND, MHD_HTTP_HEADER_RANGE);
-  const RangeAnswer answer = parseRange(rangeHeader, length, range);
+  const RangeAnswer answer = parseRange(rangeHeader(connection), length, range);
   if (answer == RangeAnswer::kUnsatisfiable) {
     return queueEmpty(connection, MHD_HTTP_RANGE_NOT_SATISFIABLE, MHD_HTTP_HEADER_CONTENT_RANGE,
                       "bytes */" + std::to_string(length));
@@ -203,16 +248,8 @@ MHD_Result answerMedia(dmsMediaServer *server, MHD_Connection *connection, const
   MHD_Response *response = bodyResponse(media, file, media.dataOffset + range.first, range.count);
   if (response == nullptr) return MHD_NO;
   MHD_add_response_header(response, MHD_HTTP_HEADER_CONTENT_TYPE, media.mimeType.c_str());
-  MHD_add_response_header(response, MHD_HTTP_HEADER_ACCEPT_RANGES, "bytes");
   addHeaderLines(response, dmsAvtHttpMediaHeaders(media));
-  unsigned code = MHD_HTTP_OK;
-  if (answer == RangeAnswer::kPart) {
-    code = MHD_HTTP_PARTIAL_CONTENT;
-    const std::string contentRange = "bytes " + std::to_string(range.first) + "-" +
-                                     std::to_string(range.first + range.count - 1) + "/" +
-                                     std::to_string(length);
-    MHD_add_response_header(response, MHD_HTTP_HEADER_CONTENT_RANGE, contentRange.c_str());
-  }
+  const unsigned code = rangeHeaders(response, answer, range, length);
   MHD_Result queued = MHD_queue_response(connection, code, response);
   MHD_destroy_response(response);
   return queued;
@@ -268,6 +305,9 @@ void traceLibraryMessage(void * /*cls*/, const char *format, va_list arguments) 
 MHD_Daemon *startDaemon(dmsMediaServer *server, const sockaddr_in &where, const dmsMediaServerLimits &limits) {
   const unsigned flags = MHD_USE_INTERNAL_POLLING_THREAD | MHD_USE_EPOLL | MHD_USE_ITC | MHD_USE_ERROR_LOG;
   server->connectionLimit = limits.connections;
+  // A few polling threads, so that a picture being made (tens of
+  // milliseconds for a large photo) holds up only one thread's connections.
+  const unsigned threads = std::clamp(std::thread::hardware_concurrency(), 2u, 4u);
   return MHD_start_daemon(
       flags, ntohs(where.sin_port), acceptClient, server, answerRequest, server,
       MHD_OPTION_EXTERNAL_LOGGER, traceLibraryMessage, nullptr,
@@ -276,13 +316,15 @@ MHD_Daemon *startDaemon(dmsMediaServer *server, const sockaddr_in &where, const 
       MHD_OPTION_CONNECTION_LIMIT, static_cast<unsigned>(limits.connections) + 1,
       MHD_OPTION_PER_IP_CONNECTION_LIMIT, static_cast<unsigned>(limits.perAddress),
       MHD_OPTION_CONNECTION_TIMEOUT, static_cast<unsigned>(limits.idleSeconds),
+      MHD_OPTION_THREAD_POOL_SIZE, threads,
       MHD_OPTION_END);
 }
 
 }  // namespace
 
 int32_t dmsMediaServerStart(dmsMediaServer **out, const char *address, int32_t port,
-                            dmsContentListInfo *contentList, const dmsMediaServerLimits &limits) {
+                            dmsContentListInfo *contentList, dmsArtCache *artCache,
+                            const dmsMediaServerLimits &limits) {
   if (out == nullptr || address == nullptr || port < 0 || port > 65535) return DMS_ERR_INVALID_PARAM;
   sockaddr_in where{};
   where.sin_family = AF_INET;
@@ -291,6 +333,7 @@ int32_t dmsMediaServerStart(dmsMediaServer **out, const char *address, int32_t p
   return dmsGuard("dmsMediaServerStart", DMS_ERR_NO_MEMORY, [&] {
     auto server = std::make_unique<dmsMediaServer>();
     server->contentList = contentList;
+    server->artCache = artCache;
     server->daemon = startDaemon(server.get(), where, limits);
     if (server->daemon == nullptr) {
       DMS_TRACE(OSAL_TRACE_ERR, "Media server cannot listen on [%s:%d]\n", address, static_cast<int>(port));

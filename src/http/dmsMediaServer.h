@@ -1,7 +1,10 @@
-// The media server: streams the shared files on a port of its own, with one
-// event-driven thread (libmicrohttpd over epoll).  A player that stops
-// reading (a TV on pause) costs a socket and a file descriptor, never a
-// thread, and a half-sent request header holds nothing but its connection.
+// The media server: streams the shared files on a port of its own, with a
+// few event-driven threads (libmicrohttpd over epoll, each thread polling
+// its own share of the connections).  A player that stops reading (a TV on
+// pause) costs a socket and a file descriptor, never a thread, and a
+// half-sent request header holds nothing but its connection.  Thumbnails and
+// album art are served here too (see http/dmsArt.h), made on the thread of
+// the connection that first asks, which holds up only that thread's share.
 //
 // URLs are those of the SDK's "/web" directory, "/web/<id>[.ext]", so a DIDL
 // res URL differs from the old one only by its port.  GET and HEAD; one byte
@@ -19,9 +22,9 @@
 // once, whatever the client does, and joins the polling thread; it returns
 // within milliseconds.
 //
-// Threads.  Every callback runs on the server's one polling thread.  The
-// record is written before the thread starts and read only after, so it needs
-// no lock.
+// Threads.  Callbacks run on the server's polling threads.  The record is
+// written before the threads start and read only after (the connection count
+// is atomic), so it needs no lock; the art cache locks itself.
 #ifndef DMS_HTTP_DMS_MEDIA_SERVER_H
 #define DMS_HTTP_DMS_MEDIA_SERVER_H
 
@@ -29,6 +32,7 @@
 
 struct dmsContentListInfo;
 struct dmsMediaServer;
+class dmsArtCache;
 
 // Limits of one server.
 struct dmsMediaServerLimits {
@@ -37,11 +41,13 @@ struct dmsMediaServerLimits {
   uint32_t idleSeconds = 600;  // a connection that makes no progress this long is closed
 };
 
-// Starts serving `contentList` on address:port.  port 0 takes any free port.
+// Starts serving `contentList` and the pictures of `artCache` (both borrowed:
+// they outlive the server) on address:port.  port 0 takes any free port.
 // *out is the new server; 0, DMS_ERR_INVALID_PARAM for NULL arguments or a
 // bad address, DMS_ERR_FAILURE when the port cannot be bound.
 int32_t dmsMediaServerStart(dmsMediaServer **out, const char *address, int32_t port,
-                            dmsContentListInfo *contentList, const dmsMediaServerLimits &limits);
+                            dmsContentListInfo *contentList, dmsArtCache *artCache,
+                            const dmsMediaServerLimits &limits);
 
 // The bound port (0 for NULL).
 int32_t dmsMediaServerPort(const dmsMediaServer *server);

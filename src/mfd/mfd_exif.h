@@ -1,5 +1,6 @@
 // Exif: the TIFF structure inside a JPEG's APP1 segment, read by the JPEG
-// detector (pixel dimensions) and for a photo's date taken.
+// detector (pixel dimensions), for a photo's date taken and to find the
+// thumbnail a camera stored with the photo.
 #ifndef DMS_MFD_MFD_EXIF_H
 #define DMS_MFD_MFD_EXIF_H
 
@@ -42,5 +43,13 @@ class ExifView {
 // "YYYY-MM-DDTHH:MM:SS", read from the JPEG file at `path`; empty when it
 // has none.  Reads at most the file's first 128 KiB.
 std::string mfdExif_dateTaken(const std::string &path);
+
+// Where the Exif thumbnail (IFD1's JPEGInterchangeFormat and ...Length) lies in the JPEG file at
+// `path`, as a byte offset from the start of the file and a length; false when the file has none
+// or the tags point outside the APP1 segment.  Reads at most the file's first 128 KiB.
+bool mfdExif_thumbnail(const std::string &path, int64_t *offset, int64_t *length);
+
+// The same over a JPEG held in memory: offset and length relative to `data`.
+bool mfdExif_thumbnailIn(const uint8_t *data, size_t size, size_t *offset, size_t *length);
 
 #endif  // DMS_MFD_MFD_EXIF_H

@@ -21,6 +21,7 @@
 #include "util/dlnaUtil_buffer.h"
 
 struct dmsContentListInfo;
+class dmsArtCache;
 
 inline constexpr char DMS_CDS_SERVICE_TYPE[] = "urn:schemas-upnp-org:service:ContentDirectory:1";
 
@@ -32,6 +33,7 @@ struct dmsCdsMgrHandle {
   std::atomic<int32_t> serverPort{0};  // the media port; set while Browse may run
   std::atomic<uint32_t> notifyCount{0};  // content changes evented; Browse's UpdateID
   std::unique_ptr<dmsCdsEventModerator> moderator;  // sends the change events
+  const dmsArtCache *artCache = nullptr;  // borrowed: pictures found unmakeable are not offered
 };
 
 // Indexes of the Filter flags; a flag of 1 leaves the property out.  The last
@@ -48,6 +50,7 @@ enum dmsCdsFilterFlag : int {
   DMS_CDS_FILTER_GENRE,
   DMS_CDS_FILTER_ARTIST,
   DMS_CDS_FILTER_TRACK,
+  DMS_CDS_FILTER_ALBUMART,  // upnp:albumArtURI, of items and folders
   DMS_CDS_FILTER_COUNT
 };
 

@@ -211,6 +211,7 @@ const dmsCdsItemFilterRule gsa_s_dmsCdsItemFilterRules[] = {
     {ruleContains,                "res@bitrate",     DMS_CDS_FILTER_RES,      DMS_CDS_FILTER_BITRATE},
     {ruleEquals,                  "upnp:artist",     DMS_CDS_FILTER_ARTIST,   -1},
     {ruleEquals,                  "upnp:originalTrackNumber", DMS_CDS_FILTER_TRACK, -1},
+    {ruleContains,                "upnp:albumArtURI", DMS_CDS_FILTER_ALBUMART, -1},
 };
 
 void applyItemFilterToken(uint8_t *filterFlags, std::string_view token) {

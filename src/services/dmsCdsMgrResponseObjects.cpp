@@ -15,6 +15,7 @@
 #include <string_view>
 
 #include "dlna_dms.h"
+#include "http/dmsArt.h"
 #include "services/dmsCdsMgrResponseHandler.h"
 #include "util/dmsGuard.h"
 #include "util/osal_trace.h"
@@ -318,6 +319,13 @@ int32_t dmsCdsBuildItem(const dmsCdsObjectRequest *request, dmsContentEntry *ent
     const dmsTagPool &pool = request->handle->contentList->tagPool;
     applyTags(pool, entry->tags, flags, item);
     record->artist = pool.text(entry->tags.artist);
+    dmsArtOffer offer;
+    dmsArtOffers(entry, request->handle->artCache, offer);
+    if (flags[DMS_CDS_FILTER_RES] == 0) {
+      std::memcpy(item.thumbnailResolution, offer.thumbnailResolution, sizeof item.thumbnailResolution);
+      std::memcpy(item.smallResolution, offer.smallResolution, sizeof item.smallResolution);
+    }
+    if (flags[DMS_CDS_FILTER_ALBUMART] == 0) item.albumArtId = static_cast<int32_t>(offer.albumArtId);
     return DMS_SUCCESS;
   });
 }
@@ -344,6 +352,15 @@ int32_t dmsCdsBuildContainer(const dmsCdsObjectRequest *request, dmsContentEntry
     container.searchable = request->containerSearchable ? 1 : static_cast<uint32_t>(-1);
     container.title = record->title.c_str();
     container.upnpClass = kFolderClass;
+    container.albumArtId = 0;
+    if (request->handle != nullptr && request->filterFlags != nullptr &&
+        request->filterFlags[DMS_CDS_FILTER_ALBUMART] == 0) {
+      container.serverAddress = request->handle->serverAddress;
+      container.serverPort = request->handle->serverPort;
+      dmsArtOffer offer;
+      dmsArtOffers(entry, request->handle->artCache, offer);
+      container.albumArtId = static_cast<int32_t>(offer.albumArtId);
+    }
     return DMS_SUCCESS;
   });
 }

@@ -19,7 +19,8 @@ using namespace std::string_view_literals;
 constexpr std::string_view kHeader =
     "<DIDL-Lite xmlns=\"urn:schemas-upnp-org:metadata-1-0/DIDL-Lite/\" "
     "xmlns:dc=\"http://purl.org/dc/elements/1.1/\" "
-    "xmlns:upnp=\"urn:schemas-upnp-org:metadata-1-0/upnp/\">"sv;
+    "xmlns:upnp=\"urn:schemas-upnp-org:metadata-1-0/upnp/\" "
+    "xmlns:dlna=\"urn:schemas-dlna-org:metadata-1-0/\">"sv;
 constexpr std::string_view kFooter = "</DIDL-Lite>"sv;
 // Virtual directory of the web server under which media files are served.
 constexpr std::string_view kWebDirectory = "/web/"sv;
@@ -133,6 +134,25 @@ void writeResource(DidlWriter &out, const dlnaUtilDidlItem &item) {
       .raw("</res>"sv);
 }
 
+void writeUrlStart(DidlWriter &out, const char *address, int32_t port) {
+  out.raw("http://"sv).text(address).raw(":"sv).number(port).raw(kWebDirectory);
+}
+
+// A picture made from the item: "<res ...>http://.../web/<id><suffix></res>".
+void writePictureResource(DidlWriter &out, const dlnaUtilDidlItem &item, std::string_view features,
+                          std::string_view resolution, std::string_view suffix) {
+  out.raw("<res protocolInfo=\"http-get:*:image/jpeg:"sv).text(features).raw("\" resolution=\""sv);
+  out.text(resolution).raw("\">"sv);
+  writeUrlStart(out, item.serverAddress, item.serverPort);
+  out.number(item.id).raw(suffix).raw("</res>"sv);
+}
+
+void writeAlbumArt(DidlWriter &out, const char *address, int32_t port, int32_t id) {
+  out.raw("<upnp:albumArtURI dlna:profileID=\"JPEG_TN\">"sv);
+  writeUrlStart(out, address, port);
+  out.number(id).raw(".art.jpg</upnp:albumArtURI>"sv);
+}
+
 void writeItemMetadata(DidlWriter &out, const dlnaUtilDidlItem &item) {
   if (item.album != nullptr) out.element("upnp:album"sv, item.album);
   out.element("upnp:class"sv, item.upnpClass).element("dc:title"sv, item.title);
@@ -146,6 +166,7 @@ void writeItemMetadata(DidlWriter &out, const dlnaUtilDidlItem &item) {
         .number(item.originalTrackNumber)
         .raw("</upnp:originalTrackNumber>"sv);
   }
+  if (item.albumArtId > 0) writeAlbumArt(out, item.serverAddress, item.serverPort, item.albumArtId);
 }
 
 // Deliberately lenient: an item is refused only when every identifying field
@@ -202,7 +223,13 @@ int32_t dlnaUtil_DIDLAddItem(dlnaUtilBuffer *buffer, const dlnaUtilDidlItem *ite
       .attribute("restricted"sv, int64_t{static_cast<int32_t>(item->restricted)})
       .raw(">"sv);
   writeItemMetadata(out, *item);
-  if (item->protocolInfo != nullptr) writeResource(out, *item);
+  if (item->protocolInfo != nullptr) {
+    writeResource(out, *item);
+    const std::string_view thumbnail = inlineText(item->thumbnailResolution);
+    const std::string_view small = inlineText(item->smallResolution);
+    if (!thumbnail.empty()) writePictureResource(out, *item, DLNA_UTIL_JPEG_TN_FEATURES, thumbnail, ".tn.jpg"sv);
+    if (!small.empty()) writePictureResource(out, *item, DLNA_UTIL_JPEG_SM_FEATURES, small, ".sm.jpg"sv);
+  }
   return out.raw("</item>"sv).status();
 }
 
@@ -222,9 +249,7 @@ int32_t dlnaUtil_DIDLAddContainer(dlnaUtilBuffer *buffer,
   if (folder.searchable < 2) {
     out.attribute("searchable"sv, int64_t{static_cast<int32_t>(folder.searchable)});
   }
-  return out.raw(">"sv)
-      .element("upnp:class"sv, folder.upnpClass)
-      .element("dc:title"sv, folder.title)
-      .raw("</container>"sv)
-      .status();
+  out.raw(">"sv).element("upnp:class"sv, folder.upnpClass).element("dc:title"sv, folder.title);
+  if (folder.albumArtId > 0) writeAlbumArt(out, folder.serverAddress, folder.serverPort, folder.albumArtId);
+  return out.raw("</container>"sv).status();
 }

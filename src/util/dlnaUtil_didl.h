@@ -21,6 +21,13 @@
 
 #include "util/dlnaUtil_buffer.h"
 
+// The DLNA fields of the pictures made for thumbnails and album art:
+// converted JPEGs, sent interactively.
+inline constexpr char DLNA_UTIL_JPEG_TN_FEATURES[] =
+    "DLNA.ORG_PN=JPEG_TN;DLNA.ORG_OP=01;DLNA.ORG_CI=1;DLNA.ORG_FLAGS=00d00000000000000000000000000000";
+inline constexpr char DLNA_UTIL_JPEG_SM_FEATURES[] =
+    "DLNA.ORG_PN=JPEG_SM;DLNA.ORG_OP=01;DLNA.ORG_CI=1;DLNA.ORG_FLAGS=00d00000000000000000000000000000";
+
 // One media object, written as an `item` element.
 struct dlnaUtilDidlItem {
   int32_t id;                // object id
@@ -43,6 +50,9 @@ struct dlnaUtilDidlItem {
   const char *genre;         // NULL: absent
   const char *artist;        // upnp:artist; NULL: absent
   int32_t originalTrackNumber;  // upnp:originalTrackNumber; written when > 0
+  char thumbnailResolution[16];  // a JPEG_TN res at /web/<id>.tn.jpg of this size; empty: none
+  char smallResolution[16];      // a JPEG_SM res at /web/<id>.sm.jpg of this size; empty: none
+  int32_t albumArtId;            // upnp:albumArtURI /web/<albumArtId>.art.jpg; 0: none
 };
 
 // One folder, written as a `container` element.
@@ -54,6 +64,9 @@ struct dlnaUtilDidlContainer {
   uint32_t searchable;  // 0 or 1; 2 or more (callers use -1): not written
   const char *title;
   const char *upnpClass;
+  int32_t albumArtId;          // upnp:albumArtURI /web/<albumArtId>.art.jpg; 0: none
+  const char *serverAddress;   // of the album art URL
+  int32_t serverPort;
 };
 
 // Appends ` name="value"` with the value escaped.  NULL name:
@@ -70,7 +83,7 @@ int32_t dlnaUtil_DIDLAddIntegerAttribute(dlnaUtilBuffer *buffer, const char *nam
 // DLNA_UTIL_ERR_INVALID_PARAM.
 int32_t dlnaUtil_DIDLAddElement(dlnaUtilBuffer *buffer, const char *name, const char *text);
 
-// Appends the opening DIDL-Lite tag with its DIDL-Lite, dc and upnp
+// Appends the opening DIDL-Lite tag with its DIDL-Lite, dc, upnp and dlna
 // namespace declarations.
 int32_t dlnaUtil_DIDLAddHeader(dlnaUtilBuffer *buffer);
 
@@ -79,16 +92,19 @@ int32_t dlnaUtil_DIDLAddFooter(dlnaUtilBuffer *buffer);
 
 // Appends one `item`: attributes id, parentID, restricted; elements
 // upnp:album (if set), upnp:class, dc:title, upnp:genre, dc:creator,
-// upnp:artist, dc:date and upnp:originalTrackNumber (each if set); then, when protocolInfo is set, `res` with
+// upnp:artist, dc:date, upnp:originalTrackNumber and upnp:albumArtURI (each
+// if set); then, when protocolInfo is set, `res` with
 // protocolInfo, size, duration (H:MM:SS.mmm), resolution and bitrate (each
-// when present) around the URL "http://<address>:<port>/web/<resourceName>".
+// when present) around the URL "http://<address>:<port>/web/<resourceName>",
+// followed by the JPEG_TN and JPEG_SM `res` when their resolutions are set.
 // The item is refused (DLNA_UTIL_ERR_INVALID_PARAM) only when every one of
 // id, parentID, restricted, upnpClass and title is bad; one good field lets it
 // through.  NULL item: DLNA_UTIL_ERR_INVALID_PARAM.
 int32_t dlnaUtil_DIDLAddItem(dlnaUtilBuffer *buffer, const dlnaUtilDidlItem *item);
 
 // Appends one `container`: attributes id, parentID, childCount (if >= 0),
-// restricted, searchable (if 0 or 1); elements upnp:class and dc:title.
+// restricted, searchable (if 0 or 1); elements upnp:class, dc:title and
+// upnp:albumArtURI (if albumArtId is set).
 // Refused with DLNA_UTIL_ERR_INVALID_PARAM when any one of these holds: id
 // negative, parentID below -1, restricted 2 or more, title or upnpClass NULL,
 // or the record itself NULL.

@@ -34,7 +34,7 @@ std::string writeDocument(const char *title, const char *creator, const char *fo
   item.resourceName = "1005.mp3";
   item.duration = 3723004;
   item.bitrate = 16000;
-  dlnaUtilDidlContainer folder{1001, 0, 3, 1, 1, folderTitle, "object.container.storageFolder"};
+  dlnaUtilDidlContainer folder{1001, 0, 3, 1, 1, folderTitle, "object.container.storageFolder", 0, nullptr, 0};
   EXPECT_EQ(dlnaUtil_DIDLAddHeader(buffer), 0);
   EXPECT_EQ(dlnaUtil_DIDLAddContainer(buffer, &folder), 0);
   EXPECT_EQ(dlnaUtil_DIDLAddItem(buffer, &item), 0);
