@@ -215,7 +215,8 @@ int32_t walkFolder(dmsContentListInfo *list, dmsPendingEntry &folder, dmsScanBud
     const int rank = name.isDirectory ? 0 : dmsClmCoverRank(name.name);
     if (rank > coverRank) {
       coverRank = rank;
-      folder.coverName = name.name;
+      if (folder.container == nullptr) folder.container = std::make_unique<dmsContainerState>();
+      folder.container->coverName = name.name;
     }
   }
   std::vector<FolderChild> children;
@@ -311,8 +312,8 @@ dmsContentEntry *createEntryAndAddToList(dmsContentListInfo *list, dmsPendingEnt
   entry->media = pending.media;
   entry->tags = pending.tags;
   if (entry->type != DMS_CLM_TYPE_ITEM) {
-    entry->container = std::make_unique<dmsContainerState>();
-    entry->container->coverName = std::move(pending.coverName);
+    entry->container = pending.container != nullptr ? std::move(pending.container)
+                                                    : std::make_unique<dmsContainerState>();
   }
   list->entriesById.insert(entry.get());
   ++list->entryCount;

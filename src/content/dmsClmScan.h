@@ -30,7 +30,9 @@ struct dmsPendingEntry {
   dmsMediaRecord media;                   // items
   dmsMediaTags tags;                      // items (texts pooled)
   std::vector<dmsPendingEntry> children;  // containers, in sorted name order
-  std::string coverName;                  // containers: the best cover picture's name
+  // Folders: their state as far as the walk knows it (the cover picture),
+  // handed to the entry as it is; NULL for files, which are most entries.
+  std::unique_ptr<dmsContainerState> container;
 };
 
 // The entry budget as a walk sees it: a copy of the list's count and maximum.
