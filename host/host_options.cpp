@@ -3,15 +3,100 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
 
 namespace {
 
-bool parseNumber(const char *text, int low, int high, int &value) {
+bool parseNumber(const std::string &text, int low, int high, int &value) {
   char *end = nullptr;
   errno = 0;
-  long number = std::strtol(text, &end, 10);
-  if (errno != 0 || end == text || *end != '\0' || number < low || number > high) return false;
+  const long number = std::strtol(text.c_str(), &end, 10);
+  if (errno != 0 || end == text.c_str() || *end != '\0' || number < low || number > high) return false;
   value = static_cast<int>(number);
+  return true;
+}
+
+bool parseSwitch(const std::string &text, bool &value) {
+  if (text == "yes" || text == "true" || text == "1" || text == "on") return value = true, true;
+  if (text == "no" || text == "false" || text == "0" || text == "off") return value = false, true;
+  return false;
+}
+
+bool parseMask(const std::string &text) {
+  char *end = nullptr;
+  errno = 0;
+  std::strtoul(text.c_str(), &end, 16);
+  return errno == 0 && end != text.c_str() && *end == '\0';
+}
+
+// One option: its name (the long option without "--" and the file's key),
+// whether the command line gives it a value, and how a value applies.
+struct OptionRow {
+  const char *name;
+  bool takesValue;  // on the command line; in the file every key has a value
+  bool (*apply)(HostOptions &options, const std::string &value);
+};
+
+const OptionRow kOptions[] = {
+    {"name", true, [](HostOptions &o, const std::string &v) { return !v.empty() && v.size() <= 256 && (o.name = v, true); }},
+    {"address", true, [](HostOptions &o, const std::string &v) { return !v.empty() && (o.address = v, true); }},
+    {"interface", true, [](HostOptions &o, const std::string &v) { return !v.empty() && (o.interface = v, true); }},
+    {"port", true, [](HostOptions &o, const std::string &v) { return parseNumber(v, 0, 65535, o.port); }},
+    {"media-port", true, [](HostOptions &o, const std::string &v) { return parseNumber(v, 0, 65535, o.mediaPort); }},
+    {"max-content", true, [](HostOptions &o, const std::string &v) { return parseNumber(v, 1, 100000000, o.maxContent); }},
+    {"art-cache-mb", true, [](HostOptions &o, const std::string &v) { return parseNumber(v, 0, 4096, o.artCacheMb); }},
+    {"filter", false, [](HostOptions &o, const std::string &v) { return parseSwitch(v, o.filter); }},
+    {"trace", true, [](HostOptions &o, const std::string &v) { return parseMask(v) && (o.trace = v, true); }},
+    {"www", true, [](HostOptions &o, const std::string &v) { return !v.empty() && (o.www = v, true); }},
+};
+
+const OptionRow *findOption(const std::string &name) {
+  for (const OptionRow &row : kOptions) {
+    if (name == row.name) return &row;
+  }
+  return nullptr;
+}
+
+std::string trimmed(const std::string &text) {
+  const size_t first = text.find_first_not_of(" \t\r");
+  if (first == std::string::npos) return {};
+  return text.substr(first, text.find_last_not_of(" \t\r") - first + 1);
+}
+
+// Applies the file's lines over `options`; folders are collected apart.
+bool readConfigFile(const std::string &path, HostOptions &options, std::vector<std::string> &folders,
+                    std::string &error) {
+  std::ifstream in(path);
+  if (!in) {
+    error = path + ": cannot be read";
+    return false;
+  }
+  std::string line;
+  for (int number = 1; std::getline(in, line); ++number) {
+    const std::string where = path + ":" + std::to_string(number) + ": ";
+    line = trimmed(line);
+    if (line.empty() || line[0] == '#') continue;
+    const size_t equals = line.find('=');
+    if (equals == std::string::npos) {
+      error = where + "expected \"key = value\"";
+      return false;
+    }
+    const std::string key = trimmed(line.substr(0, equals));
+    const std::string value = trimmed(line.substr(equals + 1));
+    if (key == "folder" && !value.empty()) {
+      folders.push_back(value);
+      continue;
+    }
+    const OptionRow *row = key == "config" ? nullptr : findOption(key);
+    if (row == nullptr) {
+      error = where + "unknown key \"" + key + "\"";
+      return false;
+    }
+    if (!row->apply(options, value)) {
+      error = where + "bad value for " + key + ": \"" + value + "\"";
+      return false;
+    }
+  }
   return true;
 }
 
@@ -20,15 +105,21 @@ bool parseNumber(const char *text, int low, int high, int &value) {
 void printHostUsage(FILE *out) {
   std::fprintf(out,
                "usage: dlna-dms [options] FOLDER...\n"
+               "       dlna-dms --config FILE [options] [FOLDER...]\n"
                "       dlna-dms probe FILE...\n"
                "Shares the FOLDERs with DLNA players (TVs, phones, media players) on the\n"
-               "local network until interrupted (Ctrl-C or SIGTERM).\n"
+               "local network until interrupted (Ctrl-C or SIGTERM).  SIGHUP reads the\n"
+               "configuration file again and applies what changed.\n"
                "The probe command detects each FILE as the server would and prints what\n"
                "it found as one JSON object per line.\n"
                "\n"
+               "  --config FILE       read options from FILE (\"key = value\" lines, keys as\n"
+               "                      the options below, \"folder = DIR\" per folder);\n"
+               "                      options given here take precedence\n"
                "  --name NAME         friendly name shown by players (\": DMS\" is appended)\n"
-               "  --address ADDR      IPv4 address to serve on (default: the first network\n"
-               "                      address, else 127.0.0.1)\n"
+               "  --address ADDR      IPv4 address to serve on, one of this machine's\n"
+               "                      (default: the first network address, else 127.0.0.1)\n"
+               "  --interface NAME    serve on the IPv4 address of this network interface\n"
                "  --port N            HTTP port (default 49152; lower ports become 49152)\n"
                "  --media-port N      port of the media streams (default: the HTTP port + 1,\n"
                "                      or any free port when that is taken; 0: any free)\n"
@@ -36,74 +127,60 @@ void printHostUsage(FILE *out) {
                "  --art-cache-mb N    memory kept for thumbnails and album art, in MiB\n"
                "                      (default 8; 0 makes every picture anew)\n"
                "  --filter            offer only well-known media extensions to detection\n"
+               "  --trace MASK        trace level mask, hexadecimal (default 0x0003)\n"
                "  --www DIR           folder with the description files and icons\n"
                "  --help              show this text\n"
                "  --version           show the version\n");
 }
 
-HostCommand parseHostOptions(int argc, char **argv, HostOptions &options, std::string &error) {
+HostCommand parseHostCommandLine(int argc, char **argv, HostCommandLine &line, std::string &error) {
   for (int i = 1; i < argc; ++i) {
-    const char *arg = argv[i];
-    auto value = [&](const char *option) -> const char * {
-      if (i + 1 >= argc) {
-        error = std::string(option) + " needs a value";
-        return nullptr;
-      }
-      return argv[++i];
-    };
-    if (std::strcmp(arg, "--help") == 0 || std::strcmp(arg, "-h") == 0) return HostCommand::Help;
-    if (std::strcmp(arg, "--version") == 0) return HostCommand::Version;
-    if (std::strcmp(arg, "--filter") == 0) {
-      options.filter = true;
-    } else if (std::strcmp(arg, "--name") == 0) {
-      const char *text = value(arg);
-      if (text == nullptr) return HostCommand::Invalid;
-      if (std::strlen(text) > 256) {
-        error = "--name takes at most 256 characters";
-        return HostCommand::Invalid;
-      }
-      options.name = text;
-    } else if (std::strcmp(arg, "--address") == 0) {
-      const char *text = value(arg);
-      if (text == nullptr) return HostCommand::Invalid;
-      options.address = text;
-    } else if (std::strcmp(arg, "--www") == 0) {
-      const char *text = value(arg);
-      if (text == nullptr) return HostCommand::Invalid;
-      options.www = text;
-    } else if (std::strcmp(arg, "--media-port") == 0) {
-      const char *text = value(arg);
-      if (text == nullptr) return HostCommand::Invalid;
-      if (!parseNumber(text, 0, 65535, options.mediaPort)) {
-        error = std::string("bad value for ") + arg + ": " + text;
-        return HostCommand::Invalid;
-      }
-    } else if (std::strcmp(arg, "--art-cache-mb") == 0) {
-      const char *text = value(arg);
-      if (text == nullptr) return HostCommand::Invalid;
-      if (!parseNumber(text, 0, 4096, options.artCacheMb)) {
-        error = std::string("bad value for ") + arg + ": " + text;
-        return HostCommand::Invalid;
-      }
-    } else if (std::strcmp(arg, "--port") == 0 || std::strcmp(arg, "--max-content") == 0) {
-      const char *text = value(arg);
-      if (text == nullptr) return HostCommand::Invalid;
-      bool isPort = std::strcmp(arg, "--port") == 0;
-      int &target = isPort ? options.port : options.maxContent;
-      if (!parseNumber(text, isPort ? 0 : 1, isPort ? 65535 : 100000000, target)) {
-        error = std::string("bad value for ") + arg + ": " + text;
-        return HostCommand::Invalid;
-      }
-    } else if (arg[0] == '-' && arg[1] != '\0') {
-      error = std::string("unknown option ") + arg;
-      return HostCommand::Invalid;
-    } else {
-      options.folders.emplace_back(arg);
+    const std::string arg = argv[i];
+    if (arg == "--help" || arg == "-h") return HostCommand::Help;
+    if (arg == "--version") return HostCommand::Version;
+    if (arg.size() < 2 || arg[0] != '-') {
+      line.folders.push_back(arg);
+      continue;
     }
-  }
-  if (options.folders.empty()) {
-    error = "no folder to share";
-    return HostCommand::Invalid;
+    const std::string name = arg.rfind("--", 0) == 0 ? arg.substr(2) : arg;
+    const OptionRow *row = findOption(name);
+    if (row == nullptr && name != "config") {
+      error = "unknown option " + arg;
+      return HostCommand::Invalid;
+    }
+    if (row != nullptr && !row->takesValue) {
+      line.options.emplace_back(name, "yes");
+      continue;
+    }
+    if (i + 1 >= argc) {
+      error = arg + " needs a value";
+      return HostCommand::Invalid;
+    }
+    const std::string value = argv[++i];
+    if (row == nullptr) {
+      line.configPath = value;
+      continue;
+    }
+    HostOptions check;  // a bad value is refused here, before any file is read
+    if (!row->apply(check, value)) {
+      error = "bad value for " + arg + ": " + value;
+      return HostCommand::Invalid;
+    }
+    line.options.emplace_back(name, value);
   }
   return HostCommand::Serve;
+}
+
+bool resolveHostOptions(const HostCommandLine &line, HostOptions &options, std::string &error) {
+  HostOptions resolved;
+  std::vector<std::string> fileFolders;
+  if (!line.configPath.empty() && !readConfigFile(line.configPath, resolved, fileFolders, error)) return false;
+  for (const auto &[name, value] : line.options) findOption(name)->apply(resolved, value);
+  resolved.folders = line.folders.empty() ? fileFolders : line.folders;
+  if (resolved.folders.empty()) {
+    error = "no folder to share";
+    return false;
+  }
+  options = std::move(resolved);
+  return true;
 }

@@ -7,6 +7,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
@@ -15,8 +16,8 @@
 #include <string>
 #include <vector>
 
-#include "content/dmsClmApi.h"
 #include "dlna_dms.h"
+#include "host_address.h"
 #include "host_options.h"
 #include "probe.h"
 
@@ -30,47 +31,41 @@ namespace {
 // The SDK raises lower ports to this one.
 constexpr int kLowestPort = 49152;
 
-int fail(const std::string &message) {
+int fail(const std::string &message, int code = 1) {
   std::fprintf(stderr, "dlna-dms: %s\n", message.c_str());
-  return 1;
+  return code;
 }
 
-// The first IPv4 address of an interface that is up and not loopback.
-std::string firstNetworkAddress() {
-  ifaddrs *list = nullptr;
-  if (getifaddrs(&list) != 0) return "127.0.0.1";
-  std::string found = "127.0.0.1";
-  for (ifaddrs *entry = list; entry != nullptr; entry = entry->ifa_next) {
-    if (entry->ifa_addr == nullptr || entry->ifa_addr->sa_family != AF_INET) continue;
-    if ((entry->ifa_flags & IFF_UP) == 0 || (entry->ifa_flags & IFF_LOOPBACK) != 0) continue;
-    char text[INET_ADDRSTRLEN] = {0};
-    auto *address = reinterpret_cast<sockaddr_in *>(entry->ifa_addr);
-    if (inet_ntop(AF_INET, &address->sin_addr, text, sizeof text) != nullptr) {
-      found = text;
-      break;
+// The folders as absolute paths, the form the server shares them by; false
+// with `error` when one is not a folder.
+bool absoluteFolders(const std::vector<std::string> &named, std::vector<std::string> &out, std::string &error) {
+  out.clear();
+  for (const std::string &folder : named) {
+    char *absolute = ::realpath(folder.c_str(), nullptr);
+    struct stat status {};
+    const bool isFolder = absolute != nullptr && ::stat(absolute, &status) == 0 && S_ISDIR(status.st_mode);
+    if (isFolder) out.emplace_back(absolute);
+    std::free(absolute);
+    if (!isFolder) {
+      error = "'" + folder + "' is not a folder";
+      return false;
     }
   }
-  freeifaddrs(list);
-  return found;
+  return true;
 }
 
-// True when nothing listens on address:port yet.  The probe may share the
-// port with sockets in TIME_WAIT (the last answers of a server that just
-// stopped): only a real listener makes the port busy, so a restart works at
-// once.
-bool portIsFree(const std::string &address, int port) {
-  int probe = ::socket(AF_INET, SOCK_STREAM, 0);
-  if (probe < 0) return true;
-  const int reuse = 1;
-  ::setsockopt(probe, SOL_SOCKET, SO_REUSEADDR, &reuse, sizeof reuse);
-  sockaddr_in where{};
-  where.sin_family = AF_INET;
-  where.sin_port = htons(static_cast<uint16_t>(port));
-  inet_pton(AF_INET, address.c_str(), &where.sin_addr);
-  bool free = ::bind(probe, reinterpret_cast<sockaddr *>(&where), sizeof where) == 0 ||
-              errno != EADDRINUSE;
-  ::close(probe);
-  return free;
+// The address to serve on; false with `error` for an interface without an
+// IPv4 address or an address that is not this machine's.
+bool chooseAddress(HostOptions &options, std::string &error) {
+  if (!options.interface.empty()) {
+    options.address = interfaceAddress(options.interface);
+    if (options.address.empty()) error = "interface " + options.interface + " has no IPv4 address";
+  } else if (options.address.empty()) {
+    options.address = firstNetworkAddress();
+  } else if (!isLocalAddress(options.address)) {
+    error = options.address + " is not an IPv4 address of this machine";
+  }
+  return error.empty();
 }
 
 // The files the library reads from its working directory.
@@ -92,22 +87,66 @@ std::string defaultWwwDirectory() {
   return DMS_SOURCE_WWW;
 }
 
-int serve(HostOptions &options) {
+void printSharing(dmsHandle *server, const HostOptions &options, const char *verb) {
+  int32_t folders = 0;
+  int32_t items = 0;
+  dlna_dmsGetCounts(server, &folders, &items);
+  std::printf("%s %d folder(s) and %d item(s) as \"%s: DMS\" at http://%s:%d/description.xml"
+              " (media on port %d)\n",
+              verb, static_cast<int>(folders), static_cast<int>(items), options.name.c_str(),
+              options.address.c_str(), static_cast<int>(options.port < kLowestPort ? kLowestPort : options.port),
+              static_cast<int>(dlna_dmsGetMediaPort(server)));
+  std::fflush(stdout);
+}
+
+// SIGHUP: reads the configuration again (with the command line over it) and
+// applies what changed to the running server.  A bad file changes nothing.
+void reload(dmsHandle *server, const HostCommandLine &line, HostOptions &running) {
+  HostOptions fresh;
+  std::string error;
   std::vector<std::string> folders;
-  for (const std::string &folder : options.folders) {
-    char *absolute = ::realpath(folder.c_str(), nullptr);
-    struct stat status {};
-    if (absolute == nullptr || ::stat(absolute, &status) != 0 || !S_ISDIR(status.st_mode)) {
-      std::free(absolute);
-      return fail("'" + folder + "' is not a folder");
-    }
-    folders.emplace_back(absolute);
-    std::free(absolute);
+  if (!resolveHostOptions(line, fresh, error) || !absoluteFolders(fresh.folders, folders, error)) {
+    fail("reload: " + error + "; the running configuration is kept");
+    return;
   }
+  auto contains = [](const std::vector<std::string> &list, const std::string &item) {
+    return std::find(list.begin(), list.end(), item) != list.end();
+  };
+  for (const std::string &folder : running.folders) {
+    if (!contains(folders, folder) && dlna_dmsDeleteSharedPath(server, folder.c_str()) != DMS_SUCCESS) {
+      fail("reload: cannot stop sharing " + folder);
+    }
+  }
+  for (std::string &folder : folders) {
+    if (!contains(running.folders, folder) && dlna_dmsAddSharedPath(server, folder.data()) != DMS_SUCCESS) {
+      fail("reload: cannot share " + folder);
+    }
+  }
+  running.folders = folders;
+  if (fresh.name != running.name && dlna_dmsUpdateFriendlyName(server, fresh.name.c_str()) == DMS_SUCCESS) {
+    running.name = fresh.name;
+  }
+  if (fresh.artCacheMb != running.artCacheMb) {
+    dlna_dmsSetArtCacheSize(server, static_cast<uint64_t>(fresh.artCacheMb) * 1024 * 1024);
+    running.artCacheMb = fresh.artCacheMb;
+  }
+  const bool later = fresh.address != running.address || fresh.interface != running.interface ||
+                     fresh.port != running.port || fresh.mediaPort != running.mediaPort ||
+                     fresh.maxContent != running.maxContent || fresh.filter != running.filter ||
+                     fresh.trace != running.trace || (!fresh.www.empty() && fresh.www != running.www);
+  if (later) fail("reload: address, interface, ports, max-content, filter, trace and www change at the next start", 0);
+  printSharing(server, running, "Reloaded: sharing");
+}
+
+int serve(const HostCommandLine &line, HostOptions &options) {
+  std::vector<std::string> folders;
+  std::string error;
+  if (!absoluteFolders(options.folders, folders, error)) return fail(error);
+  options.folders = folders;
+  if (!chooseAddress(options, error)) return fail(error, 2);
   if (options.www.empty()) options.www = defaultWwwDirectory();
   std::string missing = missingWwwFile(options.www);
   if (!missing.empty()) return fail("missing server file " + missing + " (see --www)");
-  if (options.address.empty()) options.address = firstNetworkAddress();
   int wantedPort = options.port < kLowestPort ? kLowestPort : options.port;
   if (!portIsFree(options.address, wantedPort)) {
     return fail("port " + std::to_string(wantedPort) + " on " + options.address + " is busy");
@@ -132,14 +171,15 @@ int serve(HostOptions &options) {
 
   // Signals are taken by sigwait below; block them before the library starts
   // its threads so that every thread inherits the mask.
-  sigset_t stopSignals;
-  sigemptyset(&stopSignals);
-  sigaddset(&stopSignals, SIGINT);
-  sigaddset(&stopSignals, SIGTERM);
-  pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
+  sigset_t signals;
+  sigemptyset(&signals);
+  sigaddset(&signals, SIGINT);
+  sigaddset(&signals, SIGTERM);
+  sigaddset(&signals, SIGHUP);
+  pthread_sigmask(SIG_BLOCK, &signals, nullptr);
 
   // Without a level the library prints a banner; ask for errors and warnings.
-  ::setenv("DMS_TRACE_LEVEL", "0x0003", 0);
+  ::setenv("DMS_TRACE_LEVEL", options.trace.empty() ? "0x0003" : options.trace.c_str(), !options.trace.empty());
   dlna_dmsInit();
   dmsHandle *server = nullptr;
   int32_t result = dlna_dmsCreate(&server, &config, &info);
@@ -159,17 +199,10 @@ int serve(HostOptions &options) {
   if (result != DMS_SUCCESS) {
     exitCode = fail("cannot start the server (error " + std::to_string(result) + ")");
   } else {
-    int32_t containers = 0;
-    int32_t items = 0;
-    dmsClmGetCounts(dlna_dmsGetContentList(server), &containers, &items);
-    std::printf("Sharing %d folder(s) and %d item(s) as \"%s: DMS\" at http://%s:%d/description.xml"
-                " (media on port %d)\n",
-                static_cast<int>(containers), static_cast<int>(items), options.name.c_str(),
-                options.address.c_str(), static_cast<int>(config.port),
-                static_cast<int>(dlna_dmsGetMediaPort(server)));
-    std::fflush(stdout);
-    int signal = 0;
-    sigwait(&stopSignals, &signal);
+    printSharing(server, options, "Sharing");
+    for (int signal = 0; sigwait(&signals, &signal) == 0 && signal == SIGHUP;) {
+      if (!line.configPath.empty()) reload(server, line, options);
+    }
     dlna_dmsStop(server);
   }
   dlna_dmsDestroy(server);
@@ -182,9 +215,10 @@ int serve(HostOptions &options) {
 
 int main(int argc, char **argv) {
   if (argc >= 2 && std::strcmp(argv[1], "probe") == 0) return runProbe(argc - 2, argv + 2);
+  HostCommandLine line;
   HostOptions options;
   std::string error;
-  switch (parseHostOptions(argc, argv, options, error)) {
+  switch (parseHostCommandLine(argc, argv, line, error)) {
     case HostCommand::Help:
       printHostUsage(stdout);
       return 0;
@@ -196,7 +230,12 @@ int main(int argc, char **argv) {
       printHostUsage(stderr);
       return 2;
     case HostCommand::Serve:
-      return serve(options);
+      break;
   }
-  return 2;
+  if (!resolveHostOptions(line, options, error)) {
+    std::fprintf(stderr, "dlna-dms: %s\n", error.c_str());
+    if (line.configPath.empty()) printHostUsage(stderr);
+    return 2;
+  }
+  return serve(line, options);
 }

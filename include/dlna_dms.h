@@ -136,6 +136,21 @@ DMS_EXPORT int32_t dlna_dmsSetArtCacheSize(dmsHandle *handle, uint64_t bytes);
 /* Copies the cache's figures into *out. */
 DMS_EXPORT int32_t dlna_dmsGetArtCacheStats(const dmsHandle *handle, dmsArtCacheStats *out);
 
+/* The numbers of folders (shared folders and the folders below them) and of
+ * media items the server lists now. */
+DMS_EXPORT int32_t dlna_dmsGetCounts(dmsHandle *handle, int32_t *folders, int32_t *items);
+
+/* Runs the server's media detection on the file at `path`, without a
+ * server (after dlna_dmsInit), and describes what it found as one line of
+ * JSON ending in a newline: the detection result, format, MIME type, DLNA
+ * profile and protocolInfo, rates, channels, sizes, playing time, the tags,
+ * and whether the file carries a cover picture or an Exif thumbnail.  *json
+ * is allocated with malloc(); the host frees it.  A file that is missing or
+ * not media still gets its line (with a non-zero "result"); the call fails
+ * only for NULL arguments, memory, or when detection cannot be set up
+ * (DMS_ERR_FAILURE).  Any thread. */
+DMS_EXPORT int32_t dlna_dmsProbeFile(const char *path, char **json);
+
 /* Re-registers a started server (DMS_ERR_NOT_STARTED otherwise).  Like the
  * three calls below, it stops and starts the server: media streams in
  * progress end and players request them again. */

@@ -408,6 +408,13 @@ extern "C" DMS_EXPORT int32_t dlna_dmsGetArtCacheStats(const dmsHandle *handle, 
   });
 }
 
+extern "C" DMS_EXPORT int32_t dlna_dmsGetCounts(dmsHandle *handle, int32_t *folders, int32_t *items) {
+  if (handle == nullptr || handle->contentList == nullptr || folders == nullptr || items == nullptr) {
+    return DMS_ERR_INVALID_PARAM;
+  }
+  return dmsApiGuard("dlna_dmsGetCounts", [&] { return dmsClmGetCounts(handle->contentList, folders, items); });
+}
+
 extern "C" DMS_EXPORT dmsContentListInfo *dlna_dmsGetContentList(dmsHandle *handle) {
   if (handle == nullptr) return nullptr;
   return dmsGuard("dlna_dmsGetContentList", static_cast<dmsContentListInfo *>(nullptr),
