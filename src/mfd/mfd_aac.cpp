@@ -38,7 +38,7 @@ constexpr double kSamplesPerFrame = 1024.0;
 bool isMp3LayerBits(uint32_t bits) { return bits == 10 || bits == 11 || bits == 2 || bits == 3; }
 
 // The first word, kept from mode 2 for mode 3 of the same detection.
-thread_local uint32_t t_aacHeaderWord = 0;
+thread_local uint32_t t_aacHeaderWord MFD_FAST_TLS = 0;
 
 uint32_t samplingFrequency(uint32_t index) {
   return index < sizeof(kSamplingFrequencies) / sizeof(kSamplingFrequencies[0])

@@ -86,7 +86,7 @@ struct Mp3Finding {
   int64_t frameStart;
   FrameHeader header;
 };
-thread_local Mp3Finding t_mp3Finding{};
+thread_local Mp3Finding t_mp3Finding MFD_FAST_TLS{};
 
 bool parseHeader(const uint8_t *bytes, FrameHeader &header) {
   if (bytes[0] != 0xFF || (bytes[1] & 0xE0) != 0xE0) return false;

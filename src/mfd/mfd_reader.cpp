@@ -45,7 +45,7 @@ struct ReaderState {
   bool firstBlockInMaster = false;
 };
 
-thread_local ReaderState gs_s_mfdReader;
+thread_local ReaderState gs_s_mfdReader MFD_FAST_TLS;
 thread_local std::array<uint8_t, MFD_MASTER_BUFFER_SIZE> ga_u8_mfdMasterBuf{};
 
 uint32_t bitsAvailable(const ReaderState &reader) {

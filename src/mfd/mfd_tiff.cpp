@@ -25,7 +25,7 @@ constexpr uint32_t kTypeSignedShort = 8;
 constexpr int kWantedTags = 3;
 
 // Byte order found by mode 2, for mode 3 on the same thread.
-thread_local bool t_littleEndian = false;
+thread_local bool t_littleEndian MFD_FAST_TLS = false;
 
 uint32_t swapBytes16(uint32_t value) { return ((value & 0xFF) << 8) | ((value >> 8) & 0xFF); }
 uint32_t swapBytes32(uint32_t value) {
