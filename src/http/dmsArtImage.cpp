@@ -5,6 +5,7 @@
 #include <turbojpeg.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <memory>
 
 #include "http/dmsArtDecode.h"
@@ -14,6 +15,8 @@
 namespace {
 
 constexpr int64_t kMaxFileBytes = int64_t{64} << 20;
+// Exif data lives in the first segment, within 64 KiB of the start.
+constexpr int64_t kHeadBytes = int64_t{128} << 10;
 constexpr int kQuality = 85;
 
 struct TjDeleter {
@@ -27,32 +30,36 @@ struct TjBufferDeleter {
 // under a mapping would kill the process with SIGBUS.
 class FileBytes {
  public:
-  // Reads the regular file at `path`; false when it cannot be opened, is
-  // empty, is no regular file (a FIFO must not block us), exceeds the limit
-  // or changes size while it is read.  May throw std::bad_alloc.
-  bool read(const std::string &path) {
+  // Reads the regular file at `path`, or only its first `limit` bytes when
+  // it is longer; false when it cannot be opened, is empty, is no regular
+  // file (a FIFO must not block us), exceeds kMaxFileBytes or is cut short
+  // while it is read.  May throw std::bad_alloc.
+  bool read(const std::string &path, int64_t limit = kMaxFileBytes) {
     const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
     if (fd < 0) return false;
     struct stat info {};
-    bool whole = false;
+    bool read = false;
     if (::fstat(fd, &info) == 0 && S_ISREG(info.st_mode) && info.st_size > 0 && info.st_size <= kMaxFileBytes) {
-      size_ = static_cast<size_t>(info.st_size);
+      size_ = static_cast<size_t>(std::min<int64_t>(info.st_size, limit));
+      complete_ = size_ == static_cast<size_t>(info.st_size);
       data_ = std::make_unique_for_overwrite<uint8_t[]>(size_);
       size_t got = 0;
       for (ssize_t n = 1; got < size_ && n > 0; got += n > 0 ? static_cast<size_t>(n) : 0) {
         n = ::pread(fd, data_.get() + got, size_ - got, static_cast<off_t>(got));
       }
-      whole = got == size_;
+      read = got == size_;
     }
     ::close(fd);
-    return whole;
+    return read;
   }
   const uint8_t *data() const { return data_.get(); }
   size_t size() const { return size_; }
+  bool complete() const { return complete_; }  // the whole file, not only its head
 
  private:
   std::unique_ptr<uint8_t[]> data_;
   size_t size_ = 0;
+  bool complete_ = false;
 };
 
 bool withinBudget(int32_t width, int32_t height) {
@@ -171,17 +178,23 @@ bool dmsArtScaleImage(const uint8_t *data, size_t size, int32_t boxWidth, int32_
 
 bool dmsArtScaleFile(const std::string &path, int32_t boxWidth, int32_t boxHeight, dmsArtJpeg &out) {
   return dmsGuard("dmsArtScaleFile", false, [&] {
+    // The head first: a camera's thumbnail and the picture's size are in
+    // it, and a thumbnail that serves spares reading the whole photo.
     FileBytes file;
     int32_t width = 0, height = 0, fitWidth = 0, fitHeight = 0;
-    if (!file.read(path) || !dmsArtSourceSize(file.data(), file.size(), &width, &height) ||
+    if (!file.read(path, kHeadBytes) || !dmsArtSourceSize(file.data(), file.size(), &width, &height) ||
         !withinBudget(width, height)) {
-      return false;
+      if (file.complete() || !file.read(path) || !dmsArtSourceSize(file.data(), file.size(), &width, &height) ||
+          !withinBudget(width, height)) {
+        return false;
+      }
     }
     dmsArtFitSize(width, height, boxWidth, boxHeight, &fitWidth, &fitHeight);
     if (dmsArtKindOf(file.data(), file.size()) == dmsArtKind::kJpeg &&
         fromExifThumbnail(file.data(), file.size(), width, height, fitWidth, fitHeight, out)) {
       return true;
     }
+    if (!file.complete() && !file.read(path)) return false;
     return scaleTo(file.data(), file.size(), fitWidth, fitHeight, out);
   });
 }

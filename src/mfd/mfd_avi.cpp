@@ -8,7 +8,6 @@
 #include <vector>
 
 #include "mfd/mfd_api.h"
-#include "mfd/mfd_audio.h"
 #include "mfd/mfd_video.h"
 #include "util/osal_trace.h"
 
@@ -54,12 +53,9 @@ uint32_t upper(uint32_t fourCc) {
   return result;
 }
 
-struct Movie {
+struct Movie : mfdVideoStreams {
   uint32_t microsecondsPerFrame = 0, frames = 0;
   double longestStreamMs = 0;  // from the stream headers' length, rate and scale
-  int32_t width = 0, height = 0;
-  uint32_t videoCodec = 0, audioCodec = 0;
-  int32_t sampleRate = 0, channels = 0;
 };
 
 // One stream list: its header names the kind, its format the codec.
@@ -150,14 +146,7 @@ int mediaFormatAviDetect(int fd, mfdMediaInfo *info, int mode, const char * /*pa
     info->mediaClass = movie.videoCodec != 0 || movie.audioCodec == 0 ? MFD_CLASS_VIDEO : MFD_CLASS_AUDIO;
     return 0;
   }
-  info->videoCodec = movie.videoCodec;
-  info->videoWidth = movie.width;
-  info->videoHeight = movie.height;
-  info->audioCodec = movie.audioCodec;
-  info->sampleRate = movie.sampleRate;
-  info->channels = movie.channels;
   const double framesMs = static_cast<double>(movie.frames) * movie.microsecondsPerFrame / 1000.0;
-  info->duration = mfdAudio_toDuration(std::max(framesMs, movie.longestStreamMs));
-  info->bitrate = mfdVideo_kbitPerSecond(mfdVideo_fileSize(fd), info->duration);
+  mfdVideo_reportStreams(fd, movie, std::max(framesMs, movie.longestStreamMs), info);
   return 0;
 }

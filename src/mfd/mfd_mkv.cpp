@@ -8,7 +8,6 @@
 #include <vector>
 
 #include "mfd/mfd_api.h"
-#include "mfd/mfd_audio.h"
 #include "mfd/mfd_video.h"
 #include "util/osal_trace.h"
 
@@ -112,12 +111,10 @@ int32_t wholeHertz(double frequency) {
   return frequency > 0 && frequency < 1e7 ? static_cast<int32_t>(frequency) : 0;
 }
 
-struct Movie {
+struct Movie : mfdVideoStreams {
   bool webm = false;
   uint64_t timestampScale = 1000000;  // nanoseconds per tick
   double duration = 0;                 // ticks
-  uint32_t videoCodec = 0, audioCodec = 0;
-  int32_t width = 0, height = 0, sampleRate = 0, channels = 0;
 };
 
 // The document type of the EBML header; false when the file does not start
@@ -213,13 +210,6 @@ int mediaFormatMatroskaDetect(int fd, mfdMediaInfo *info, int mode, const char *
     info->mediaClass = movie.videoCodec != 0 ? MFD_CLASS_VIDEO : MFD_CLASS_AUDIO;
     return 0;
   }
-  info->videoCodec = movie.videoCodec;
-  info->videoWidth = movie.width;
-  info->videoHeight = movie.height;
-  info->audioCodec = movie.audioCodec;
-  info->sampleRate = movie.sampleRate;
-  info->channels = movie.channels;
-  info->duration = mfdAudio_toDuration(movie.duration * static_cast<double>(movie.timestampScale) / 1e6);
-  info->bitrate = mfdVideo_kbitPerSecond(mfdVideo_fileSize(fd), info->duration);
+  mfdVideo_reportStreams(fd, movie, movie.duration * static_cast<double>(movie.timestampScale) / 1e6, info);
   return 0;
 }

@@ -8,6 +8,7 @@
 #include <limits>
 
 #include "mfd/mfd_api.h"
+#include "mfd/mfd_audio.h"
 #include "mfd/mfd_reader.h"
 #include "util/osal_trace.h"
 
@@ -213,6 +214,17 @@ uint32_t mfdVideo_ptsSpanMs(uint64_t first, uint64_t last) {
   // More than half the clock's range is a stamp out of order, not a wrap.
   if (ticks >= kPtsModulo / 2) return 0;
   return static_cast<uint32_t>(ticks / 90);
+}
+
+void mfdVideo_reportStreams(int fd, const mfdVideoStreams &streams, double durationMs, mfdMediaInfo *info) {
+  info->videoCodec = streams.videoCodec;
+  info->videoWidth = streams.width;
+  info->videoHeight = streams.height;
+  info->audioCodec = streams.audioCodec;
+  info->sampleRate = streams.sampleRate;
+  info->channels = streams.channels;
+  info->duration = mfdAudio_toDuration(durationMs);
+  info->bitrate = mfdVideo_kbitPerSecond(mfdVideo_fileSize(fd), info->duration);
 }
 
 int32_t mfdVideo_kbitPerSecond(int64_t bytes, uint32_t milliseconds) {

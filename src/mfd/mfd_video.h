@@ -167,4 +167,16 @@ uint32_t mfdVideo_ptsSpanMs(uint64_t first, uint64_t last);
 // Kilobits per second of `bytes` played in `milliseconds`; 0 when unknown.
 int32_t mfdVideo_kbitPerSecond(int64_t bytes, uint32_t milliseconds);
 
+// What a container's track headers tell of its first video and audio
+// streams (codecs as MFD_CODEC_*; 0 unknown).
+struct mfdVideoStreams {
+  uint32_t videoCodec = 0, audioCodec = 0;
+  int32_t width = 0, height = 0, sampleRate = 0, channels = 0;
+};
+
+// Parse mode's report of a container: its streams, the playing time and the
+// bit rate over the whole file open on `fd`.
+struct mfdMediaInfo;
+void mfdVideo_reportStreams(int fd, const mfdVideoStreams &streams, double durationMs, mfdMediaInfo *info);
+
 #endif  // DMS_MFD_MFD_VIDEO_H
