@@ -22,7 +22,7 @@
 #include <vector>
 
 #include "dms_test.h"
-#include "http/dmsArtImage.h"
+#include "art/dmsArtImage.h"
 
 namespace fs = std::filesystem;
 using Clock = std::chrono::steady_clock;

@@ -16,7 +16,7 @@
 #include <cstdlib>
 #include <string>
 
-#include "http/dmsArtImage.h"
+#include "art/dmsArtImage.h"
 #include "mfd/mfd_api.h"
 #include "mfd/mfd_exif.h"
 #include "util/osal_trace.h"

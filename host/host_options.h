@@ -18,7 +18,7 @@ struct HostOptions {
   std::string address;    // empty: --interface's address, else the first network address
   std::string interface;  // network interface whose IPv4 address to serve on
   int port = 49152;
-  int mediaPort = -1;  // -1: the port + 1, or any free one
+  int mediaPort = -1;  // accepted and ignored: media use `port`
   int maxContent = 100000;
   int artCacheMb = 8;  // memory for thumbnails and album art
   bool filter = false;

@@ -28,9 +28,6 @@ int KVSUPPORT_XR_VAL = 0;
 
 namespace {
 
-// The SDK raises lower ports to this one.
-constexpr int kLowestPort = 49152;
-
 int fail(const std::string &message, int code = 1) {
   std::fprintf(stderr, "dlna-dms: %s\n", message.c_str());
   return code;
@@ -91,10 +88,8 @@ void printSharing(dmsHandle *server, const HostOptions &options, const char *ver
   int32_t folders = 0;
   int32_t items = 0;
   dlna_dmsGetCounts(server, &folders, &items);
-  std::printf("%s %d folder(s) and %d item(s) as \"%s: DMS\" at http://%s:%d/description.xml"
-              " (media on port %d)\n",
-              verb, static_cast<int>(folders), static_cast<int>(items), options.name.c_str(),
-              options.address.c_str(), static_cast<int>(options.port < kLowestPort ? kLowestPort : options.port),
+  std::printf("%s %d folder(s) and %d item(s) as \"%s: DMS\" at http://%s:%d/description.xml\n", verb,
+              static_cast<int>(folders), static_cast<int>(items), options.name.c_str(), options.address.c_str(),
               static_cast<int>(dlna_dmsGetMediaPort(server)));
   std::fflush(stdout);
 }
@@ -147,7 +142,7 @@ int serve(const HostCommandLine &line, HostOptions &options) {
   if (options.www.empty()) options.www = defaultWwwDirectory();
   std::string missing = missingWwwFile(options.www);
   if (!missing.empty()) return fail("missing server file " + missing + " (see --www)");
-  int wantedPort = options.port < kLowestPort ? kLowestPort : options.port;
+  const int wantedPort = options.port;
   if (!portIsFree(options.address, wantedPort)) {
     return fail("port " + std::to_string(wantedPort) + " on " + options.address + " is busy");
   }
@@ -190,7 +185,7 @@ int serve(const HostCommandLine &line, HostOptions &options) {
   int exitCode = 0;
   dlna_dmsSetArtCacheSize(server, static_cast<uint64_t>(options.artCacheMb) * 1024 * 1024);
   if (options.mediaPort >= 0 && dlna_dmsSetMediaPort(server, options.mediaPort) != DMS_SUCCESS) {
-    exitCode = fail("media port " + std::to_string(options.mediaPort) + " on " + options.address + " is busy");
+    exitCode = fail("cannot set the media port");
     dlna_dmsDestroy(server);
     std::free(server);
     return exitCode;

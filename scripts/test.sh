@@ -17,13 +17,17 @@ configure_and_build() {  # dir, cmake options...
 }
 
 # ctest inside a fresh network namespace (root: unshare -n; otherwise a user
-# namespace maps us to root inside it).
+# namespace maps us to root inside it).  The tests listen on fixed ports
+# below 50000; the namespace's outgoing connections take their local ports
+# above it, so a connection still closing from one test never holds the
+# port the next one listens on.
 isolated_ctest() {  # dir, ctest options...
   local dir=$1; shift
   local ns=(unshare -n)
   [ "$(id -u)" -eq 0 ] || ns=(unshare -rn)
   "${ns[@]}" sh -c 'ip link set lo up &&
     ip route add 224.0.0.0/4 dev lo src 127.0.0.1 2>/dev/null;
+    echo "50000 60999" > /proc/sys/net/ipv4/ip_local_port_range;
     cd "$0" && exec ctest --output-on-failure --timeout 300 "$@"' "$dir" "$@"
 }
 

@@ -13,10 +13,12 @@
 #include <memory>
 #include <string>
 
+#include "api/dlna_dmsSdkFence.h"
+#include "art/dmsArtCache.h"
 #include "content/dmsClmApi.h"
-#include "http/dmsArtCache.h"
+#include "gena/dmsGena.h"
 #include "http/dmsAvtHttpHandler.h"
-#include "http/dmsMediaServer.h"
+#include "http/dmsHttpServer.h"
 #include "services/dmsCdsMgrApi.h"
 #include "services/dmsCmsApi.h"
 #include "services/dmsDeviceEventMgr.h"
@@ -28,8 +30,6 @@
 namespace {
 
 constexpr char kTraceFile[] = "dlna_dmsApi.c";
-constexpr size_t kMaxContentLength = 65536;
-constexpr char kWebDirectory[] = "/web";
 constexpr size_t kDefaultArtCacheBytes = 8 * 1024 * 1024;
 
 struct FreeDeleter {
@@ -42,25 +42,23 @@ int32_t traceSdkFailure(int result, const char *callee, int32_t code) {
   return code;
 }
 
-// Stop order and lifetimes.  The media server reads the content list and
-// nothing else; its connections copy what they serve under the list's read
-// lock, so closing it (which ends every connection at once, whatever the
-// client does) is all that must happen before the list is freed.  It is
-// closed first, by stop and again here, so that destroy never waits on a
-// player.  Then the SDK is finished (it joins its workers, so no SOAP or
-// /web callback still runs), then the services, then the content list.
+// Stop order and lifetimes.  The front door calls the services and reads
+// the content list; its connections copy what they serve under the list's
+// read lock, so closing it (which ends every connection at once, whatever
+// the client does) is all that must happen before they go.  It is closed
+// first, by stop and again here, so that destroy never waits on a player.
+// Then the SDK is finished (discovery only), then the services (the
+// ContentDirectory's last event may still go to the GENA hub), then the
+// hub, then the event manager and the content list.
 //
 // Releases, in reverse order of creation, whatever part of a server exists.
 // Used by destroy and by a create that fails half-way, so that a later create
 // in the same process starts from a clean SDK.  Returns the result of freeing
 // the content list (0 when there was none).
 int32_t tearDownServer(dmsHandle *handle) {
-  dmsMediaServerStop(handle->mediaServer);
-  handle->mediaServer = nullptr;
-  // Finish the SDK first: it joins its worker threads, so no callback can
-  // still be running when the services and the content list go away.
+  dmsHttpServerStop(handle->httpServer);
+  handle->httpServer = nullptr;
   if (handle->sdkReady) {
-    UpnpEnableWebserver(0);
     int result = UpnpFinish();
     if (result != UPNP_E_SUCCESS) DMS_TRACE(OSAL_TRACE_ERR, "Error [%d] in %s()\n", result, "UpnpFinish");
     handle->sdkReady = 0;
@@ -82,6 +80,10 @@ int32_t tearDownServer(dmsHandle *handle) {
     if (result != 0) DMS_TRACE(OSAL_TRACE_ERR, "Error [%d] in %s()\n", result, "dmsCdsMgrDeInit");
     handle->cdsContext = nullptr;
   }
+  if (handle->eventMgr != nullptr) dmsDevEventMgrSetEventSink(handle->eventMgr, nullptr);
+  std::unique_ptr<dmsGena> gena(handle->gena);  // nothing sends events any more
+  handle->gena = nullptr;
+  gena.reset();
   if (handle->eventMgr != nullptr) {
     int32_t result = dmsDevEventMgrDeInit(handle->eventMgr);
     if (result != 0) DMS_TRACE(OSAL_TRACE_ERR, "Error [%d] in %s()\n", result, "dmsDevEventMgrDeInit");
@@ -121,38 +123,36 @@ class CreationGuard {
   bool committed_ = false;
 };
 
-// Brings up the SDK, its web server and the "/web" directory.
-int32_t startSdk(dmsHandle *handle, dmsConfig *config) {
-  std::string address(config->ipAddress, strnlen(config->ipAddress, sizeof config->ipAddress));
-  int result = UpnpInit(address.c_str(), static_cast<unsigned short>(config->port & 0xFFFF));
+// Brings up the SDK for discovery: on the configured address, with a port
+// of its own that nothing advertises, and fenced off from the network.
+int32_t startSdk(dmsHandle *handle) {
+  const std::string address(handle->config.ipAddress, strnlen(handle->config.ipAddress, sizeof handle->config.ipAddress));
+  // The SDK takes exactly the port it is given: one that is free now, tried
+  // again should another program take it first.
+  int result = UPNP_E_SOCKET_BIND;
+  for (int attempt = 0; attempt < 3 && result == UPNP_E_SOCKET_BIND; ++attempt) {
+    result = UpnpInit(address.c_str(), dmsFreeSdkPort(address.c_str()));
+  }
   if (result != UPNP_E_SUCCESS) return traceSdkFailure(result, "UpnpInit", DMS_ERR_INVALID_PARAM);
   handle->sdkReady = 1;
-  result = UpnpSetMaxContentLength(kMaxContentLength);
-  if (result != UPNP_E_SUCCESS) return traceSdkFailure(result, "UpnpSetMaxContentLength", DMS_ERR_INVALID_PARAM);
-  config->port = UpnpGetServerPort();
-  DMS_TRACE(OSAL_TRACE_INFO, "IP: [%s], Port: [%d]\n", address.c_str(), static_cast<int>(config->port));
-  result = UpnpEnableWebserver(1);
+  result = UpnpEnableWebserver(0);
   if (result != UPNP_E_SUCCESS) return traceSdkFailure(result, "UpnpEnableWebserver", DMS_ERR_INVALID_PARAM);
-  // Paths outside "/web" are looked up under a root that cannot hold files,
-  // so that "/web/../etc/passwd" and the like answer 404.
-  result = UpnpSetWebServerRootDir("/dev/null");
-  if (result != UPNP_E_SUCCESS) return traceSdkFailure(result, "UpnpSetWebServerRootDir", DMS_ERR_INVALID_PARAM);
-  result = dmsAvtHttp_setCallbacks();
-  if (result != UPNP_E_SUCCESS) return traceSdkFailure(result, "UpnpSetVirtualDirCallbacks", DMS_ERR_INVALID_PARAM);
-  result = UpnpAddVirtualDir(kWebDirectory, nullptr, nullptr);
-  if (result != UPNP_E_SUCCESS) return traceSdkFailure(result, "UpnpAddVirtualDir", DMS_ERR_INVALID_PARAM);
+  dmsFenceSdkListeners(UpnpGetServerPort(), UpnpGetServerPort6());
+  DMS_TRACE(OSAL_TRACE_INFO, "IP: [%s], Port: [%d]\n", address.c_str(), static_cast<int>(handle->config.port));
   return DMS_SUCCESS;
 }
 
-// Registers the device with the SDK (which then serves its description and
-// routes its actions and subscriptions to the event manager) and sets the
-// subscription time-out.  Nothing is announced: start advertises.
+// Registers the device with the SDK by the URL of the front door's
+// description (the SDK fetches it once, then names it as LOCATION in its
+// announcements and search answers).  Nothing is announced: start
+// advertises.
 int32_t registerDevice(dmsHandle *handle) {
-  int result = UpnpRegisterRootDevice2(UPNPREG_BUF_DESC, handle->description, 0, 1,
-                                       dmsDeviceEventHandlerCbf, handle->eventMgr, &handle->deviceHandle);
+  const std::string url = std::string("http://") + handle->config.ipAddress + ":" +
+                          std::to_string(handle->config.port) + "/description.xml";
+  int result = UpnpRegisterRootDevice2(UPNPREG_URL_DESC, url.c_str(), 0, 0, dmsDeviceEventHandlerCbf, handle,
+                                       &handle->deviceHandle);
   if (result != UPNP_E_SUCCESS) return traceSdkFailure(result, "UpnpRegisterRootDevice2", DMS_ERR_INVALID_PARAM);
   handle->registered = 1;
-  // Events and subscriptions go out under the handle of this registration.
   handle->eventMgr->deviceHandle = handle->deviceHandle;
   result = UpnpSetMaxSubscriptionTimeOut(handle->deviceHandle, DMS_ADVERTISEMENT_MAX_AGE);
   if (result != UPNP_E_SUCCESS) return traceSdkFailure(result, "UpnpSetMaxSubscriptionTimeOut", DMS_ERR_INVALID_PARAM);
@@ -168,35 +168,41 @@ int32_t unregisterDevice(dmsHandle *handle) {
   return DMS_SUCCESS;
 }
 
-// Opens the media server on `port` (0: any free one) and points the DIDL res
-// URLs at it.
-int32_t listenForMedia(dmsHandle *handle, int32_t port) {
-  const std::string address(handle->config.ipAddress,
-                            strnlen(handle->config.ipAddress, sizeof handle->config.ipAddress));
-  int32_t result = dmsMediaServerStart(&handle->mediaServer, address.c_str(), port,
-                                       handle->contentList, handle->artCache, dmsMediaServerLimits{});
-  if (result != DMS_SUCCESS) return result;
-  handle->mediaPort = dmsMediaServerPort(handle->mediaServer);
-  // Browse may be running (the device is registered from create): the
-  // port is atomic, and an answer names either the old port or the new.
-  if (handle->cdsContext != nullptr) handle->cdsContext->serverPort = handle->mediaPort;
+// Opens the front door on the configured port (0: any free one, then kept).
+int32_t openFrontDoor(dmsHandle *handle) {
+  dmsHttpServerConfig config;
+  config.address.assign(handle->config.ipAddress, strnlen(handle->config.ipAddress, sizeof handle->config.ipAddress));
+  config.port = handle->config.port;
+  config.description = handle->description;
+  config.contentList = handle->contentList;
+  config.artCache = handle->artCache;
+  config.eventMgr = handle->eventMgr;
+  config.gena = handle->gena;
+  int32_t result = dmsHttpServerStart(&handle->httpServer, config);
+  if (result != DMS_SUCCESS) return traceSdkFailure(result, "dmsHttpServerStart", result);
+  handle->config.port = dmsHttpServerPort(handle->httpServer);
+  // The DIDL res URLs name this port.
+  if (handle->cdsContext != nullptr) handle->cdsContext->serverPort = handle->config.port;
   return DMS_SUCCESS;
 }
 
-// The media server on `port`, or on any free port when that one is taken.
-int32_t openMediaServer(dmsHandle *handle, int32_t port) {
-  if (port < 0 || port > 65535) port = 0;
-  int32_t result = listenForMedia(handle, port);
-  if (result == DMS_ERR_FAILURE && port != 0) result = listenForMedia(handle, 0);
-  if (result != DMS_SUCCESS) return traceSdkFailure(result, "dmsMediaServerStart", result);
-  return DMS_SUCCESS;
+// Subscriptions of the three services, fed by the event manager.
+void createEventing(dmsHandle *handle) {
+  dmsDevEventMgr *mgr = handle->eventMgr;
+  handle->gena = std::make_unique<dmsGena>(DMS_SERVICE_COUNT, dmsGenaLimits{}, [mgr](size_t service) {
+                   return dmsDevEventMgrInitialEvent(mgr, service);
+                 }).release();  // owned by the handle
+  dmsGena *gena = handle->gena;
+  dmsDevEventMgrSetEventSink(mgr, [gena](size_t service, const std::string &propertySet) {
+    gena->notify(service, propertySet);
+  });
 }
 
 int32_t createServices(dmsHandle *handle) {
   int32_t result = dmsDevEventMgrInit(&handle->eventMgr, -1, handle->uuid);
   if (result != 0) return traceSdkFailure(result, "dmsDevEventMgrInit", result);
   result = dmsCdsMgrInit(&handle->cdsContext, handle->eventMgr, handle->contentList,
-                         handle->config.ipAddress, handle->mediaPort);
+                         handle->config.ipAddress, handle->config.port);
   if (result != 0) return traceSdkFailure(result, "dmsCdsMgrInit", result);
   handle->cdsContext->artCache = handle->artCache;
   // Content changes are evented through the ContentDirectory.
@@ -207,6 +213,7 @@ int32_t createServices(dmsHandle *handle) {
   if (result != 0) return traceSdkFailure(result, "dmsCdsMgrInit", result);
   result = dmsMsMrsInit(&handle->msMrsContext, handle->eventMgr);
   if (result != 0) return traceSdkFailure(result, "dmsCdsMgrInit", result);
+  createEventing(handle);
   return DMS_SUCCESS;
 }
 
@@ -235,12 +242,11 @@ int32_t createServer(dmsHandle **out, dmsConfig *config, const dmsDeviceInfo *de
   }
   dmsHandle *handle = owner.get();
   CreationGuard guard(handle);
-  int32_t result = startSdk(handle, config);
-  if (result != DMS_SUCCESS) return result;
-  if (dlnaUtil_getUuid(handle->uuid) != 0) return traceSdkFailure(-1, "dlnaUtil_getUuid", DMS_ERR_INVALID_PARAM);
   handle->config = *config;
+  if (config->port < 0 || config->port > 65535) handle->config.port = 0;
+  if (dlnaUtil_getUuid(handle->uuid) != 0) return traceSdkFailure(-1, "dlnaUtil_getUuid", DMS_ERR_INVALID_PARAM);
   if (deviceInfo != nullptr) handle->deviceInfo = *deviceInfo;
-  result = dmsFormatDeviceDescription(handle, &handle->description);
+  int32_t result = dmsFormatDeviceDescription(handle, &handle->description);
   if (result != DMS_SUCCESS) {
     DMS_TRACE(OSAL_TRACE_ERR, "Error in Memory Allocation");
     return result;
@@ -249,8 +255,12 @@ int32_t createServer(dmsHandle **out, dmsConfig *config, const dmsDeviceInfo *de
                                    config->numSharedPaths, config->maxContent);
   if (result != DMS_SUCCESS) return traceSdkFailure(result, "dmsClmCreateContentList", result);
   handle->artCache = std::make_unique<dmsArtCache>(kDefaultArtCacheBytes).release();  // owned by the handle
-  if ((result = openMediaServer(handle, config->port + 1)) != DMS_SUCCESS) return result;
   if ((result = createServices(handle)) != DMS_SUCCESS) return result;
+  // The front door first: the SDK takes a port of its own (never ours) and
+  // fetches our description when the device is registered.
+  if ((result = openFrontDoor(handle)) != DMS_SUCCESS) return result;
+  config->port = handle->config.port;
+  if ((result = startSdk(handle)) != DMS_SUCCESS) return result;
   if ((result = registerDevice(handle)) != DMS_SUCCESS) return result;
   if (!initLocking(handle)) {
     return traceSdkFailure(DMS_ERR_MUTEX_FAILURE, "osal_pthread_mutex_init", DMS_ERR_MUTEX_FAILURE);
@@ -276,8 +286,8 @@ int32_t setState(dmsHandle *handle, int32_t state, bool stampAdvertisement, cons
 }
 
 int32_t startServer(dmsHandle *handle) {
-  if (handle->mediaServer == nullptr) {
-    int32_t opened = openMediaServer(handle, handle->mediaPort);
+  if (handle->httpServer == nullptr) {
+    int32_t opened = openFrontDoor(handle);
     if (opened != DMS_SUCCESS) return opened;
   }
   // Registered since create, or again after a stop.
@@ -310,29 +320,17 @@ int32_t stopServer(dmsHandle *handle) {
     handle->hasAdvertiserThread = 0;
   }
   const int32_t unregistered = unregisterDevice(handle);
-  // Media connections are closed whatever the players do, so that a host
-  // that stops on SIGTERM exits at once.
-  dmsMediaServerStop(handle->mediaServer);
-  handle->mediaServer = nullptr;
+  // Connections are closed whatever the players do, so that a host that
+  // stops on SIGTERM exits at once.
+  dmsHttpServerStop(handle->httpServer);
+  handle->httpServer = nullptr;
   return unregistered;
 }
 
-int32_t setMediaPort(dmsHandle *handle, int32_t port) {
-  if (handle->state == DMS_STATE_STARTED) {
-    DMS_TRACE(OSAL_TRACE_ERR, "Media port can only change while the server is stopped\n");
-    return DMS_ERR_SYNC;
-  }
-  const int32_t previous = handle->mediaPort;
-  const bool listening = handle->mediaServer != nullptr;
-  dmsMediaServerStop(handle->mediaServer);
-  handle->mediaServer = nullptr;
-  int32_t result = listenForMedia(handle, port);
-  if (result != DMS_SUCCESS) {
-    // Keep serving where the server did; start opens it otherwise.
-    if (listening) openMediaServer(handle, previous);
-    else handle->mediaPort = previous;
-    return traceSdkFailure(result, "dmsMediaServerStart", result);
-  }
+// Media go out on the one port of the front door; the call is kept for
+// hosts written for a separate media port.
+int32_t setMediaPort(dmsHandle *, int32_t port) {
+  DMS_TRACE(OSAL_TRACE_INFO, "Media port %d ignored: media are served on the HTTP port\n", static_cast<int>(port));
   return DMS_SUCCESS;
 }
 
@@ -389,7 +387,7 @@ extern "C" DMS_EXPORT int32_t dlna_dmsSetMediaPort(dmsHandle *handle, int32_t po
 
 extern "C" DMS_EXPORT int32_t dlna_dmsGetMediaPort(const dmsHandle *handle) {
   if (handle == nullptr) return 0;
-  return dmsGuard("dlna_dmsGetMediaPort", 0, [&] { return handle->mediaServer == nullptr ? 0 : handle->mediaPort; });
+  return dmsGuard("dlna_dmsGetMediaPort", 0, [&] { return handle->httpServer == nullptr ? 0 : handle->config.port; });
 }
 
 extern "C" DMS_EXPORT int32_t dlna_dmsSetArtCacheSize(dmsHandle *handle, uint64_t bytes) {
@@ -421,11 +419,18 @@ extern "C" DMS_EXPORT dmsContentListInfo *dlna_dmsGetContentList(dmsHandle *hand
                   [&] { return handle->contentList; });
 }
 
-int dmsDeviceEventHandlerCbf(Upnp_EventType eventType, const void *event, void *cookie) {
-  if (cookie == nullptr) return 0;
+int dmsDeviceEventHandlerCbf(Upnp_EventType eventType, const void *event, void *) {
+  // The SDK's own port is fenced and advertised nowhere; should a request
+  // reach it anyway, it is refused: control and subscriptions are the front
+  // door's alone.
   dmsGuardVoid("dmsDeviceEventHandlerCbf", [&] {
-    int32_t result = dmsDevEventMgrEventProcess(static_cast<dmsDevEventMgr *>(cookie), eventType, event);
-    if (result != 0) DMS_TRACE(OSAL_TRACE_ERR, "Error [%d] in %s()\n", result, "dmsDevEventMgrEventProcess");
+    if (eventType == UPNP_CONTROL_ACTION_REQUEST && event != nullptr) {
+      auto *request = static_cast<UpnpActionRequest *>(const_cast<void *>(event));
+      UpnpActionRequest_set_ErrCode(request, 401);
+      UpnpActionRequest_strcpy_ErrStr(request, "Invalid Action");
+    } else if (eventType == UPNP_CONTROL_GET_VAR_REQUEST && event != nullptr) {
+      UpnpStateVarRequest_set_ErrCode(static_cast<UpnpStateVarRequest *>(const_cast<void *>(event)), 404);
+    }
   });
   return 0;
 }

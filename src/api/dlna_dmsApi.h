@@ -14,12 +14,13 @@
 #include "util/dmsGuard.h"
 
 class dmsArtCache;
+class dmsGena;
 
 struct dmsDevEventMgr;
 struct dmsCdsMgrHandle;
 struct dmsCmsInstance;
 struct dmsMsMrsInstance;
-struct dmsMediaServer;
+struct dmsHttpServer;
 
 // Server states.
 inline constexpr int32_t DMS_STATE_CREATED = 0;
@@ -35,13 +36,14 @@ inline constexpr int32_t DMS_ADVERTISEMENT_MAX_AGE = 1800;
 //
 // Locking: `mutex` guards `state` and `lastAdvertisement` (and `wake` waits on it), which the host
 // thread (start, stop) and the advertiser thread share.  Every other field is
-// written by the host thread only; fields SDK callbacks read (through the
-// services) are written only while the device is unregistered, or are
-// atomic in the service that reads them.
+// written by the host thread only; fields the front door's threads read
+// (through the services) are written only while it is closed, or are atomic
+// in the service that reads them.
 //
-// Registration: the device is registered once at create and stays so until
-// stop, then again from start to stop.  Registering only to unregister again
-// would announce a departure (ssdp:byebye) at every start.
+// Registration: the device is registered with the SDK (for discovery only,
+// by the URL of the front door's description) once at create and stays so
+// until stop, then again from start to stop.  Registering only to unregister
+// again would announce a departure (ssdp:byebye) at every start.
 struct dmsHandle {
   UpnpDevice_Handle deviceHandle;
   int32_t registered;  // deviceHandle is registered with the SDK
@@ -63,12 +65,13 @@ struct dmsHandle {
   int32_t state;
   char *description;     // the device description, malloc'ed
   int32_t sdkReady;      // UpnpInit succeeded and UpnpFinish is still due
-  // The media server (src/http/dmsMediaServer.h) and its port.  Listening
-  // from create to stop and from start to stop; closed by stop and destroy
-  // before anything it reads (the content list) goes away.  mediaPort is the
-  // port the DIDL res URLs name; it is kept across stop and start.
-  dmsMediaServer *mediaServer;
-  int32_t mediaPort;
+  // The front door (src/http/dmsHttpServer.h) on config.port: description,
+  // control, events and media.  Listening from create to stop and from start
+  // to stop; closed by stop and destroy before anything it reads goes away.
+  dmsHttpServer *httpServer;
+  // Event subscriptions and their delivery; owned, made at create, freed by
+  // destroy after the services (whose last events it may still carry).
+  dmsGena *gena;
   // Thumbnails and album art made so far; owned (made at create, freed last
   // by destroy), read by the media server and the ContentDirectory.
   dmsArtCache *artCache;
@@ -90,8 +93,9 @@ int32_t dmsFormatDeviceDescription(const dmsHandle *handle, char **out);
 // (dlna_dmsStop joins it).
 void *dmsDeviceAdvertiser(void *arg);
 
-// The device callback registered with the SDK; `cookie` is the server's
-// dmsDevEventMgr (or NULL while the device is registered at create only).
+// The device callback registered with the SDK.  The SDK serves discovery
+// only: an action or query that still reaches its (fenced) port is refused,
+// and a subscription is never accepted, so it can never send a NOTIFY.
 int dmsDeviceEventHandlerCbf(Upnp_EventType eventType, const void *event, void *cookie);
 
 #endif  // DMS_API_DLNA_DMS_API_H

@@ -7,7 +7,7 @@
 #include <string>
 #include <string_view>
 
-#include "content/dmsClmTags.h"
+#include "tags/dmsClmTags.h"
 #include "mfd/mfd_api.h"
 #include "mfd/mfd_exif.h"
 #include "dlna_dms.h"

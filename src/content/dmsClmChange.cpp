@@ -7,7 +7,7 @@
 #include <string_view>
 #include <vector>
 
-#include "content/dmsClmPicture.h"
+#include "tags/dmsClmPicture.h"
 #include "content/dmsClmScan.h"
 #include "content/dmsFsmApi.h"
 #include "services/dmsCdsMgrApi.h"

@@ -15,8 +15,8 @@
 #include <thread>
 #include <utility>
 
-#include "content/dmsClmPicture.h"
-#include "content/dmsClmTags.h"
+#include "tags/dmsClmPicture.h"
+#include "tags/dmsClmTags.h"
 #include "content/dmsFsmApi.h"
 #include "util/dmsGuard.h"
 #include "util/osal_trace.h"

@@ -1,36 +1,32 @@
-// HTTP file server behind the SDK's "/web" virtual directory: the service
-// descriptions, presentation page and icons from the working directory, and
-// (through the content list) the shared media files.
+// The fixed files of the "/web" directory: the service descriptions, the
+// presentation page and the icons, read from the working directory.  The
+// front door serves them (and the media, through dmsAvtHttpMedia.h).
 #ifndef DMS_HTTP_DMS_AVT_HTTP_HANDLER_H
 #define DMS_HTTP_DMS_AVT_HTTP_HANDLER_H
 
-#include <upnp.h>
-
 #include <cstdint>
+#include <string>
 
 struct dmsContentListInfo;
 
 // Measures the eight fixed files under `baseDirectory` and remembers the
-// content list for media lookups.  `contentList` may be NULL (no media is
-// served) and must outlive dmsAvtHttp_deinit.  Returns 0, or -1 when the
-// directory is NULL or a file is missing (the trace names the file).
+// content list.  `contentList` may be NULL and must outlive
+// dmsAvtHttp_deinit.  Returns 0, or -1 when the directory is NULL or a file
+// is missing (the trace names the file).
 int32_t dmsAvtHttp_init(const char *baseDirectory, dmsContentListInfo *contentList);
 
 // Forgets the files and the content list; returns 0.
 int32_t dmsAvtHttp_deinit();
 
-// Hands the six callbacks to the SDK.  UpnpInit resets them, so this runs
-// after every UpnpInit, before any virtual directory is added.  0 or the
-// SDK's error.
-int32_t dmsAvtHttp_setCallbacks();
+// One fixed file as it is served.
+struct dmsAvtHttpFixed {
+  std::string path;                        // the file on disk
+  const char *contentType = nullptr;
+  const char *contentFeatures = nullptr;   // NULL: no contentFeatures.dlna.org header
+};
 
-// The SDK callbacks, in the order the SDK table lists them.
-int dmsAvtHttp_getInfo(const char *path, UpnpFileInfo *info, const void *cookie);
-UpnpWebFileHandle dmsAvtHttp_open(const char *path, enum UpnpOpenFileMode mode,
-                                  const void *cookie);
-int dmsAvtHttp_read(UpnpWebFileHandle handle, char *buffer, size_t count, const void *cookie);
-int dmsAvtHttp_write(UpnpWebFileHandle handle, char *buffer, size_t count, const void *cookie);
-int dmsAvtHttp_seek(UpnpWebFileHandle handle, off_t offset, int origin, const void *cookie);
-int dmsAvtHttp_close(UpnpWebFileHandle handle, const void *cookie);
+// The fixed file served at request path `path` (compared exactly, e.g.
+// "/web/cds.xml"); false for any other path or before init.
+bool dmsAvtHttpFixedFile(const char *path, dmsAvtHttpFixed &out);
 
 #endif  // DMS_HTTP_DMS_AVT_HTTP_HANDLER_H

@@ -18,7 +18,7 @@
 #include <vector>
 
 #include "dlna_dms.h"
-#include "http/dmsArt.h"
+#include "art/dmsArt.h"
 #include "http/dmsAvtHttpMedia.h"
 #include "util/dlnaUtil_didl.h"
 #include "util/dmsGuard.h"
@@ -26,25 +26,12 @@
 
 static constexpr char kTraceFile[] = "dmsMediaServer.c";
 
-// See the header: written before the polling thread starts, read-only after.
-struct dmsMediaServer {
-  MHD_Daemon *daemon = nullptr;
-  dmsContentListInfo *contentList = nullptr;  // borrowed; outlives the server
-  dmsArtCache *artCache = nullptr;            // borrowed; outlives the server
-  int32_t port = 0;
-  uint32_t connectionLimit = 0;
-  // Open connections; counted by the polling thread, and by the stopping
-  // thread after it has joined the polling thread.
-  std::atomic<uint32_t> connections{0};
-};
 
 namespace {
 
 // LPCM pieces are swapped in buffers of this size; one per paused LPCM client.
 constexpr size_t kSwapBlock = 64 * 1024;
 
-// Marks a request whose header the access handler has seen once.
-char kHeaderRead;
 
 // Owns a descriptor until a response takes it over.
 class FileDescriptor {
@@ -148,16 +135,6 @@ void addHeaderLines(MHD_Response *response, const std::string &lines) {
   }
 }
 
-MHD_Result queueEmpty(MHD_Connection *connection, unsigned status, const char *name = nullptr,
-                      const std::string &value = {}) {
-  MHD_Response *response = MHD_create_response_from_buffer(0, nullptr, MHD_RESPMEM_PERSISTENT);
-  if (response == nullptr) return MHD_NO;
-  if (name != nullptr) MHD_add_response_header(response, name, value.c_str());
-  MHD_Result queued = MHD_queue_response(connection, status, response);
-  MHD_destroy_response(response);
-  return queued;
-}
-
 // The response for `count` bytes of `media` from file position `position`;
 // takes `file` over when it succeeds.
 MHD_Response *bodyResponse(const dmsAvtHttpMediaFile &media, FileDescriptor &file, int64_t position,
@@ -195,14 +172,14 @@ const char *rangeHeader(MHD_Connection *connection) {
   return MHD_lookup_connection_value(connection, MHD_HEADER_KIND, MHD_HTTP_HEADER_RANGE);
 }
 
-MHD_Result answerArt(dmsMediaServer *server, MHD_Connection *connection, uint32_t id, dmsArtKind kind) {
-  const dmsArtCache::Picture picture = dmsArtGet(server->contentList, server->artCache, id, kind, nullptr);
-  if (picture == nullptr) return queueEmpty(connection, MHD_HTTP_NOT_FOUND);
+MHD_Result answerArt(dmsContentListInfo *contentList, dmsArtCache *artCache, MHD_Connection *connection, uint32_t id, dmsArtKind kind) {
+  const dmsArtCache::Picture picture = dmsArtGet(contentList, artCache, id, kind, nullptr);
+  if (picture == nullptr) return dmsHttpQueueEmpty(connection, MHD_HTTP_NOT_FOUND);
   const auto length = static_cast<int64_t>(picture->size());
   ByteRange range;
   const RangeAnswer answer = parseRange(rangeHeader(connection), length, range);
   if (answer == RangeAnswer::kUnsatisfiable) {
-    return queueEmpty(connection, MHD_HTTP_RANGE_NOT_SATISFIABLE, MHD_HTTP_HEADER_CONTENT_RANGE,
+    return dmsHttpQueueEmpty(connection, MHD_HTTP_RANGE_NOT_SATISFIABLE, MHD_HTTP_HEADER_CONTENT_RANGE,
                       "bytes */" + std::to_string(length));
   }
   // Pictures are small: the answer takes a copy of its bytes, so the cache
@@ -215,24 +192,23 @@ MHD_Result answerArt(dmsMediaServer *server, MHD_Connection *connection, uint32_
                           kind == dmsArtKind::kSmall ? DLNA_UTIL_JPEG_SM_FEATURES : DLNA_UTIL_JPEG_TN_FEATURES);
   MHD_add_response_header(response, "transferMode.dlna.org", "Interactive");
   const unsigned code = rangeHeaders(response, answer, range, length);
-  MHD_Result queued = MHD_queue_response(connection, code, response);
-  MHD_destroy_response(response);
-  return queued;
+  return dmsHttpQueue(connection, code, response);
 }
 
-MHD_Result answerMedia(dmsMediaServer *server, MHD_Connection *connection, const char *url) {
+MHD_Result answerMedia(dmsContentListInfo *contentList, dmsArtCache *artCache, MHD_Connection *connection,
+                       const char *url) {
   uint32_t id = 0;
   dmsArtKind kind = dmsArtKind::kThumbnail;
-  if (dmsArtParseUrl(url, &id, &kind)) return answerArt(server, connection, id, kind);
+  if (dmsArtParseUrl(url, &id, &kind)) return answerArt(contentList, artCache, connection, id, kind);
   dmsAvtHttpMediaFile media;
-  if (!dmsAvtHttpParseMediaId(url, &id) || !dmsAvtHttpFindMedia(server->contentList, id, media)) {
-    return queueEmpty(connection, MHD_HTTP_NOT_FOUND);
+  if (!dmsAvtHttpParseMediaId(url, &id) || !dmsAvtHttpFindMedia(contentList, id, media)) {
+    return dmsHttpQueueEmpty(connection, MHD_HTTP_NOT_FOUND);
   }
   FileDescriptor file(::open(media.path.c_str(), O_RDONLY | O_CLOEXEC));
   struct stat status {};
   if (file.get() < 0 || ::fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode)) {
     DMS_TRACE(OSAL_TRACE_INFO, "File [%s] cannot be accessed\n", media.path.c_str());
-    return queueEmpty(connection, MHD_HTTP_NOT_FOUND);
+    return dmsHttpQueueEmpty(connection, MHD_HTTP_NOT_FOUND);
   }
   // Read ahead generously.  The pages are not dropped here as the /web path
   // does at open: a player that probes and then plays, or two players of one
@@ -242,7 +218,7 @@ MHD_Result answerMedia(dmsMediaServer *server, MHD_Connection *connection, const
   ByteRange range;
   const RangeAnswer answer = parseRange(rangeHeader(connection), length, range);
   if (answer == RangeAnswer::kUnsatisfiable) {
-    return queueEmpty(connection, MHD_HTTP_RANGE_NOT_SATISFIABLE, MHD_HTTP_HEADER_CONTENT_RANGE,
+    return dmsHttpQueueEmpty(connection, MHD_HTTP_RANGE_NOT_SATISFIABLE, MHD_HTTP_HEADER_CONTENT_RANGE,
                       "bytes */" + std::to_string(length));
   }
   MHD_Response *response = bodyResponse(media, file, media.dataOffset + range.first, range.count);
@@ -250,110 +226,58 @@ MHD_Result answerMedia(dmsMediaServer *server, MHD_Connection *connection, const
   MHD_add_response_header(response, MHD_HTTP_HEADER_CONTENT_TYPE, media.mimeType.c_str());
   addHeaderLines(response, dmsAvtHttpMediaHeaders(media));
   const unsigned code = rangeHeaders(response, answer, range, length);
-  MHD_Result queued = MHD_queue_response(connection, code, response);
-  MHD_destroy_response(response);
-  return queued;
-}
-
-MHD_Result answerRequest(void *cls, MHD_Connection *connection, const char *url, const char *method,
-                         const char * /*version*/, const char * /*uploadData*/, size_t * /*uploadSize*/,
-                         void **requestState) {
-  return dmsGuard("dmsMediaServerAnswer", MHD_NO, [&] {
-    // Nothing here takes a body: a request that may carry one is refused
-    // before it is read (the connection then closes).
-    if (std::strcmp(method, MHD_HTTP_METHOD_GET) != 0 && std::strcmp(method, MHD_HTTP_METHOD_HEAD) != 0) {
-      return queueEmpty(connection, MHD_HTTP_METHOD_NOT_ALLOWED, MHD_HTTP_HEADER_ALLOW, "GET, HEAD");
-    }
-    // A response queued at the first call, when only the header is read,
-    // ends the connection; at the second it may stay open for the next
-    // request.
-    if (*requestState == nullptr) {
-      *requestState = &kHeaderRead;
-      return MHD_YES;
-    }
-    return answerMedia(static_cast<dmsMediaServer *>(cls), connection, url);
-  });
-}
-
-// The total limit is kept here rather than by the library, which at its limit
-// stops accepting and leaves new clients waiting in the listen queue: a
-// client beyond the limit is accepted and closed at once.
-MHD_Result acceptClient(void *cls, const sockaddr * /*address*/, socklen_t /*length*/) {
-  return dmsGuard("dmsMediaServerAccept", MHD_NO, [&] {
-    auto *server = static_cast<dmsMediaServer *>(cls);
-    return server->connections.load() < server->connectionLimit ? MHD_YES : MHD_NO;
-  });
-}
-
-void countConnection(void *cls, MHD_Connection * /*connection*/, void ** /*socketState*/,
-                     MHD_ConnectionNotificationCode change) {
-  dmsGuardVoid("dmsMediaServerCount", [&] {
-    auto *server = static_cast<dmsMediaServer *>(cls);
-    if (change == MHD_CONNECTION_NOTIFY_STARTED) ++server->connections;
-    else if (change == MHD_CONNECTION_NOTIFY_CLOSED) --server->connections;
-  });
-}
-
-void traceLibraryMessage(void * /*cls*/, const char *format, va_list arguments) {
-  dmsGuardVoid("dmsMediaServerLog", [&] {
-    char text[512];
-    std::vsnprintf(text, sizeof text, format, arguments);
-    DMS_TRACE(OSAL_TRACE_WARN, "%s", text);
-  });
-}
-
-MHD_Daemon *startDaemon(dmsMediaServer *server, const sockaddr_in &where, const dmsMediaServerLimits &limits) {
-  const unsigned flags = MHD_USE_INTERNAL_POLLING_THREAD | MHD_USE_EPOLL | MHD_USE_ITC | MHD_USE_ERROR_LOG;
-  server->connectionLimit = limits.connections;
-  // A few polling threads, so that a picture being made (tens of
-  // milliseconds for a large photo) holds up only one thread's connections.
-  const unsigned threads = std::clamp(std::thread::hardware_concurrency(), 2u, 4u);
-  return MHD_start_daemon(
-      flags, ntohs(where.sin_port), acceptClient, server, answerRequest, server,
-      MHD_OPTION_EXTERNAL_LOGGER, traceLibraryMessage, nullptr,
-      MHD_OPTION_SOCK_ADDR, &where,
-      MHD_OPTION_NOTIFY_CONNECTION, countConnection, server,
-      MHD_OPTION_CONNECTION_LIMIT, static_cast<unsigned>(limits.connections) + 1,
-      MHD_OPTION_PER_IP_CONNECTION_LIMIT, static_cast<unsigned>(limits.perAddress),
-      MHD_OPTION_CONNECTION_TIMEOUT, static_cast<unsigned>(limits.idleSeconds),
-      MHD_OPTION_THREAD_POOL_SIZE, threads,
-      MHD_OPTION_END);
+  return dmsHttpQueue(connection, code, response);
 }
 
 }  // namespace
 
-int32_t dmsMediaServerStart(dmsMediaServer **out, const char *address, int32_t port,
-                            dmsContentListInfo *contentList, dmsArtCache *artCache,
-                            const dmsMediaServerLimits &limits) {
-  if (out == nullptr || address == nullptr || port < 0 || port > 65535) return DMS_ERR_INVALID_PARAM;
-  sockaddr_in where{};
-  where.sin_family = AF_INET;
-  where.sin_port = htons(static_cast<uint16_t>(port));
-  if (::inet_pton(AF_INET, address, &where.sin_addr) != 1) return DMS_ERR_INVALID_PARAM;
-  return dmsGuard("dmsMediaServerStart", DMS_ERR_NO_MEMORY, [&] {
-    auto server = std::make_unique<dmsMediaServer>();
-    server->contentList = contentList;
-    server->artCache = artCache;
-    server->daemon = startDaemon(server.get(), where, limits);
-    if (server->daemon == nullptr) {
-      DMS_TRACE(OSAL_TRACE_ERR, "Media server cannot listen on [%s:%d]\n", address, static_cast<int>(port));
-      return DMS_ERR_FAILURE;
-    }
-    const MHD_DaemonInfo *info = MHD_get_daemon_info(server->daemon, MHD_DAEMON_INFO_BIND_PORT);
-    server->port = info != nullptr ? info->port : port;
-    DMS_TRACE(OSAL_TRACE_INFO, "Media server on [%s:%d]\n", address, static_cast<int>(server->port));
-    *out = server.release();
-    return DMS_SUCCESS;
-  });
+MHD_Result dmsHttpQueue(MHD_Connection *connection, unsigned status, MHD_Response *response) {
+  if (response == nullptr) return MHD_NO;
+  MHD_add_response_header(response, "Server", dmsHttpServerHeader());
+  const MHD_Result queued = MHD_queue_response(connection, status, response);
+  MHD_destroy_response(response);
+  return queued;
 }
 
-int32_t dmsMediaServerPort(const dmsMediaServer *server) { return server == nullptr ? 0 : server->port; }
+MHD_Result dmsHttpQueueEmpty(MHD_Connection *connection, unsigned status, const char *name, const std::string &value) {
+  MHD_Response *response = MHD_create_response_from_buffer(0, nullptr, MHD_RESPMEM_PERSISTENT);
+  if (response != nullptr && name != nullptr) MHD_add_response_header(response, name, value.c_str());
+  return dmsHttpQueue(connection, status, response);
+}
 
-int32_t dmsMediaServerStop(dmsMediaServer *server) {
-  if (server == nullptr) return DMS_SUCCESS;
-  std::unique_ptr<dmsMediaServer> owned(server);
-  // Closes the listening socket and every connection, paused or half-sent,
-  // and joins the polling thread; responses close their descriptors.
-  if (owned->daemon != nullptr) MHD_stop_daemon(owned->daemon);
-  return DMS_SUCCESS;
+MHD_Result dmsHttpQueueText(MHD_Connection *connection, unsigned status, const char *contentType, std::string text) {
+  // The answer owns the text until it has been sent.
+  auto owned = std::make_unique<std::string>(std::move(text));
+  MHD_Response *response = MHD_create_response_from_buffer_with_free_callback_cls(
+      owned->size(), owned->data(), [](void *cls) { std::unique_ptr<std::string> gone(static_cast<std::string *>(cls)); },
+      owned.get());
+  if (response == nullptr) return MHD_NO;
+  owned.release();
+  MHD_add_response_header(response, MHD_HTTP_HEADER_CONTENT_TYPE, contentType);
+  return dmsHttpQueue(connection, status, response);
+}
+
+bool dmsMediaServerIsMediaUrl(const char *url) {
+  uint32_t id = 0;
+  dmsArtKind kind = dmsArtKind::kThumbnail;
+  return dmsArtParseUrl(url, &id, &kind) || dmsAvtHttpParseMediaId(url, &id);
+}
+
+MHD_Result dmsMediaServerAnswer(MHD_Connection *connection, const char *url, dmsContentListInfo *contentList,
+                                dmsArtCache *artCache) {
+  return answerMedia(contentList, artCache, connection, url);
+}
+
+MHD_Result dmsMediaServerAnswerFixed(MHD_Connection *connection, const dmsAvtHttpFixed &file) {
+  FileDescriptor descriptor(::open(file.path.c_str(), O_RDONLY | O_CLOEXEC));
+  struct stat status {};
+  if (descriptor.get() < 0 || ::fstat(descriptor.get(), &status) != 0 || !S_ISREG(status.st_mode)) {
+    return dmsHttpQueueEmpty(connection, MHD_HTTP_NOT_FOUND);
+  }
+  MHD_Response *response = MHD_create_response_from_fd64(static_cast<uint64_t>(status.st_size), descriptor.get());
+  if (response == nullptr) return MHD_NO;
+  descriptor.release();
+  MHD_add_response_header(response, MHD_HTTP_HEADER_CONTENT_TYPE, file.contentType);
+  if (file.contentFeatures != nullptr) MHD_add_response_header(response, "contentFeatures.dlna.org", file.contentFeatures);
+  return dmsHttpQueue(connection, MHD_HTTP_OK, response);
 }

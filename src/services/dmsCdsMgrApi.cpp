@@ -27,7 +27,7 @@ static constexpr char kTraceFile[] = "dmsCdsMgrApi";
 namespace {
 
 using dmsCdsMgrAnalyzeReqFn = int32_t (*)(dmsCdsMgrHandle *handle,
-                                          UpnpActionRequest *actionRequest, void *requestArgs);
+                                          dmsActionRequest *actionRequest, void *requestArgs);
 using dmsCdsMgrCreateRespFn = int32_t (*)(dmsCdsMgrHandle *handle, void *requestArgs,
                                           dmsCdsRespArgs *respArgs, dlnaUtilBuffer *buffer);
 using dmsCdsMgrReleaseReqFn = int32_t (*)(void *requestArgs);
@@ -43,14 +43,14 @@ struct dmsCdsMgrAction {
 // The analysers and releasers take their own record type; the table holds
 // them behind these untyped adaptors.
 template <typename Args>
-int32_t callAnalyzer(int32_t (*analyze)(dmsCdsMgrHandle *, UpnpActionRequest *, Args *),
-                     dmsCdsMgrHandle *handle, UpnpActionRequest *actionRequest,
+int32_t callAnalyzer(int32_t (*analyze)(dmsCdsMgrHandle *, dmsActionRequest *, Args *),
+                     dmsCdsMgrHandle *handle, dmsActionRequest *actionRequest,
                      void *requestArgs) {
   return analyze(handle, actionRequest, static_cast<Args *>(requestArgs));
 }
 
 template <auto Analyze>
-int32_t untypedAnalyze(dmsCdsMgrHandle *handle, UpnpActionRequest *actionRequest,
+int32_t untypedAnalyze(dmsCdsMgrHandle *handle, dmsActionRequest *actionRequest,
                        void *requestArgs) {
   return callAnalyzer(Analyze, handle, actionRequest, requestArgs);
 }
@@ -141,7 +141,7 @@ class RequestCleanup {
   dmsCdsRespArgs &respArgs_;
 };
 
-int32_t addResponseArguments(dmsCdsMgrHandle *handle, UpnpActionRequest *actionRequest,
+int32_t addResponseArguments(dmsCdsMgrHandle *handle, dmsActionRequest *actionRequest,
                              const dmsCdsRespArgs &respArgs) {
   int32_t count = respArgs.count < kMaxResponseArguments ? respArgs.count : kMaxResponseArguments;
   for (int32_t i = 0; i < count; ++i) {
@@ -154,12 +154,10 @@ int32_t addResponseArguments(dmsCdsMgrHandle *handle, UpnpActionRequest *actionR
       return result;
     }
   }
-  // Debugging hook: renders the finished answer and drops it.
-  dlnaUtil_xmlParserPrintXmlDocument(UpnpActionRequest_get_ActionResult(actionRequest));
   return DMS_SUCCESS;
 }
 
-int32_t runAction(dmsCdsMgrHandle *handle, UpnpActionRequest *actionRequest,
+int32_t runAction(dmsCdsMgrHandle *handle, dmsActionRequest *actionRequest,
                   const dmsCdsMgrAction &action) {
   dmsCdsMgrRequestArgs requestArgs;
   void *actionArgs = requestArgsFor(action, requestArgs);
@@ -198,14 +196,14 @@ int32_t runAction(dmsCdsMgrHandle *handle, UpnpActionRequest *actionRequest,
   return addResponseArguments(handle, actionRequest, respArgs);
 }
 
-int32_t handleActionRequest(UpnpActionRequest *actionRequest, dmsCdsMgrHandle *handle) {
-  const char *serviceId = UpnpActionRequest_get_ServiceID_cstr(actionRequest);
+int32_t handleActionRequest(dmsActionRequest *actionRequest, dmsCdsMgrHandle *handle) {
+  const char *serviceId = actionRequest->serviceId;
   if (serviceId == nullptr || std::strcmp(serviceId, DMS_CDS_SERVICE_ID) != 0) {
     DMS_TRACE(OSAL_TRACE_ERR, "Action request is not for CDS service. ServiceID given = %s\n",
               serviceId != nullptr ? serviceId : "");
     return DMS_ERR_WRONG_SERVICE;
   }
-  const char *actionName = UpnpActionRequest_get_ActionName_cstr(actionRequest);
+  const char *actionName = actionRequest->actionName;
   const dmsCdsMgrAction *action = actionName != nullptr ? findAction(actionName) : nullptr;
   if (action == nullptr) {
     DMS_TRACE(OSAL_TRACE_ERR, "Requested Action %s is NOT supported\n",
@@ -215,25 +213,23 @@ int32_t handleActionRequest(UpnpActionRequest *actionRequest, dmsCdsMgrHandle *h
   return runAction(handle, actionRequest, *action);
 }
 
-int32_t answerStateVarQuery(const dmsCdsMgrHandle *handle, UpnpStateVarRequest *stateVarRequest) {
-  const char *serviceId = UpnpStateVarRequest_get_ServiceID_cstr(stateVarRequest);
+int32_t answerStateVarQuery(const dmsCdsMgrHandle *handle, dmsStateVarRequest *stateVarRequest) {
+  const char *serviceId = stateVarRequest->serviceId;
   if (serviceId == nullptr || std::strcmp(serviceId, DMS_CDS_SERVICE_ID) != 0) {
     DMS_TRACE(OSAL_TRACE_ERR,
               "State Variable request is not for CDS service. ServiceID given = %s\n",
               serviceId != nullptr ? serviceId : "");
     return DMS_ERR_WRONG_SERVICE;
   }
-  const char *name = UpnpStateVarRequest_get_StateVarName_cstr(stateVarRequest);
+  const char *name = stateVarRequest->stateVarName;
   for (const dmsStateVarPair *row = gsa_s_dmsCdsMgrStateVarList;
        name != nullptr && row->name != nullptr; ++row) {
     if (std::strcmp(row->name, name) != 0) continue;
     const std::string live = std::strcmp(name, "SystemUpdateID") == 0 ? dmsCdsMgrSystemUpdateIdText(handle) : "";
     const char *value = live.empty() ? row->value : live.c_str();
-    // The SDK keeps its own DOM string copy and frees it after the reply.
-    if (value != nullptr && UpnpStateVarRequest_set_CurrentVal(stateVarRequest, value) == 0) {
-      DMS_TRACE(OSAL_TRACE_ERR, "Function %s Failed with error = %d\n", "ixmlCloneDOMString",
-                DMS_ERR_NO_MEMORY);
-      return DMS_ERR_NO_MEMORY;
+    if (value != nullptr) {
+      stateVarRequest->currentVal = value;
+      stateVarRequest->hasValue = true;
     }
     return DMS_SUCCESS;
   }
@@ -318,9 +314,9 @@ int32_t dmsCdsMgrActionRequestCbf(void *actionRequest, void *handle) {
     DMS_TRACE(OSAL_TRACE_ERR, "Input Parameter Error: Pointer NULL\n");
     return DMS_ERR_INVALID_PARAM;
   }
-  // Called on the SDK's worker threads: nothing may escape into the C library.
+  // Called on the front door's threads: nothing may escape into the C library.
   return dmsGuard("dmsCdsMgrActionRequestCbf", DMS_ERR_NO_MEMORY, [&] {
-    return handleActionRequest(static_cast<UpnpActionRequest *>(actionRequest),
+    return handleActionRequest(static_cast<dmsActionRequest *>(actionRequest),
                                static_cast<dmsCdsMgrHandle *>(handle));
   });
 }
@@ -333,7 +329,7 @@ int32_t dmsCdsMgrStateVariableRequestCbf(void *stateVarRequest, void *handle) {
   }
   return dmsGuard("dmsCdsMgrStateVariableRequestCbf", DMS_ERR_FAILURE, [&] {
     return answerStateVarQuery(static_cast<const dmsCdsMgrHandle *>(handle),
-                               static_cast<UpnpStateVarRequest *>(stateVarRequest));
+                               static_cast<dmsStateVarRequest *>(stateVarRequest));
   });
 }
 

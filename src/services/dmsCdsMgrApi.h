@@ -2,13 +2,13 @@
 // passes between its steps, and the entry points the server and content
 // management call.
 //
-// Requests arrive on the SDK's worker threads, several at once; each works on
+// Requests arrive on the front door's threads, several at once; each works on
 // its own records and buffer.  Browse and Search read the content list under
 // its shared lock (dmsClmReadLock) for as long as they look at entries.
 #ifndef DMS_SERVICES_DMS_CDS_MGR_API_H
 #define DMS_SERVICES_DMS_CDS_MGR_API_H
 
-#include <upnp.h>
+#include "services/dmsActionRequest.h"
 
 #include <atomic>
 #include <cstdint>
@@ -53,6 +53,9 @@ enum dmsCdsFilterFlag : int {
   DMS_CDS_FILTER_ALBUMART,  // upnp:albumArtURI, of items and folders
   DMS_CDS_FILTER_COUNT
 };
+
+// The most objects one Browse or Search answer holds.
+inline constexpr int32_t DMS_CDS_MAX_OBJECTS = 1000;
 
 // Browse flags.
 inline constexpr uint32_t DMS_CDS_BROWSE_METADATA = 1;
@@ -124,9 +127,9 @@ int32_t dmsCdsMgrNotifyContentChange(dmsCdsMgrHandle *handle,
 std::string dmsCdsFormatContainerUpdateIds(const dmsCdsContentChangeInfo &changeInfo);
 
 // Request analysis and release (dmsCdsMgrRequestHandler).
-int32_t dmsCdsAnalyzeReqBrowse(dmsCdsMgrHandle *handle, UpnpActionRequest *actionRequest,
+int32_t dmsCdsAnalyzeReqBrowse(dmsCdsMgrHandle *handle, dmsActionRequest *actionRequest,
                                dmsCdsBrowseArgs *browseArgs);
-int32_t dmsCdsAnalyzeReqSearch(dmsCdsMgrHandle *handle, UpnpActionRequest *actionRequest,
+int32_t dmsCdsAnalyzeReqSearch(dmsCdsMgrHandle *handle, dmsActionRequest *actionRequest,
                                dmsCdsSearchArgs *searchArgs);
 int32_t dmsCdsReleaseReqArgsBrowse(dmsCdsBrowseArgs *browseArgs);
 int32_t dmsCdsReleaseReqArgsSearch(dmsCdsSearchArgs *searchArgs);

@@ -74,6 +74,14 @@ void forEachFilterToken(char *text, Visit visit) {
 }
 
 // Reads one integer argument; failures are traced and mapped.
+// One answer holds at most DMS_CDS_MAX_OBJECTS objects, however many are
+// asked for (0 asks for all): a server may return fewer than requested, and
+// control points page on by TotalMatches.  This bounds the memory and time
+// of one answer whatever the folder's size.
+int32_t capRequestedCount(int32_t requested) {
+  return requested == 0 || requested > DMS_CDS_MAX_OBJECTS ? DMS_CDS_MAX_OBJECTS : requested;
+}
+
 int32_t readInteger(IXML_Document *document, const char *name, int32_t *value) {
   int32_t result = dmsUtilErrMapToDmsErr(dlnaUtil_xmlParserGetInteger(document, name, value));
   if (result != DMS_SUCCESS) {
@@ -142,6 +150,7 @@ int32_t checkBrowseArguments(dmsCdsBrowseArgs *browseArgs, const char *browseFla
     DMS_TRACE(OSAL_TRACE_ERR, "Extracted Browse Request Argument value is not valid\n");
     return DMS_ERR_INVALID_BROWSE_FLAG;
   }
+  browseArgs->requestedCount = capRequestedCount(browseArgs->requestedCount);
   return DMS_SUCCESS;
 }
 
@@ -225,13 +234,13 @@ void applyItemFilterToken(uint8_t *filterFlags, std::string_view token) {
 
 }  // namespace
 
-int32_t dmsCdsAnalyzeReqBrowse(dmsCdsMgrHandle *handle, UpnpActionRequest *actionRequest,
+int32_t dmsCdsAnalyzeReqBrowse(dmsCdsMgrHandle *handle, dmsActionRequest *actionRequest,
                                dmsCdsBrowseArgs *browseArgs) {
   if (handle == nullptr || actionRequest == nullptr || browseArgs == nullptr) {
     DMS_TRACE(OSAL_TRACE_ERR, "Input Parameter Error: Pointer NULL\n");
     return DMS_ERR_INVALID_PARAM;
   }
-  IXML_Document *document = UpnpActionRequest_get_ActionRequest(actionRequest);
+  IXML_Document *document = actionRequest->arguments;
   dlnaUtil_xmlParserPrintXmlDocument(document);
 
   MallocText browseFlag;  // only needed until the flag is decoded
@@ -241,13 +250,13 @@ int32_t dmsCdsAnalyzeReqBrowse(dmsCdsMgrHandle *handle, UpnpActionRequest *actio
   return result;
 }
 
-int32_t dmsCdsAnalyzeReqSearch(dmsCdsMgrHandle *handle, UpnpActionRequest *actionRequest,
+int32_t dmsCdsAnalyzeReqSearch(dmsCdsMgrHandle *handle, dmsActionRequest *actionRequest,
                                dmsCdsSearchArgs *searchArgs) {
   if (handle == nullptr || actionRequest == nullptr || searchArgs == nullptr) {
     DMS_TRACE(OSAL_TRACE_ERR, "Input Parameter Error: Pointer NULL\n");
     return DMS_ERR_INVALID_PARAM;
   }
-  IXML_Document *document = UpnpActionRequest_get_ActionRequest(actionRequest);
+  IXML_Document *document = actionRequest->arguments;
   dlnaUtil_xmlParserPrintXmlDocument(document);
 
   int32_t result = readSearchArguments(document, searchArgs);
@@ -258,6 +267,7 @@ int32_t dmsCdsAnalyzeReqSearch(dmsCdsMgrHandle *handle, UpnpActionRequest *actio
     DMS_TRACE(OSAL_TRACE_ERR, "Extracted Search Request Argument value is not valid\n");
     result = DMS_ERR_INVALID_BROWSE_FLAG;
   }
+  if (result == DMS_SUCCESS) searchArgs->requestedCount = capRequestedCount(searchArgs->requestedCount);
   if (result != DMS_SUCCESS) resetSearchArgs(searchArgs);
   return result;
 }

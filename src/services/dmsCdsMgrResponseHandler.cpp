@@ -250,7 +250,7 @@ int32_t dmsCdsCreateRespBrowseDirectChildren(dmsCdsMgrHandle *handle,
                                  : static_cast<int32_t>(childTotal);
   int32_t requested = browseArgs->requestedCount;
   if (childCount < requested) {
-    DMS_TRACE(OSAL_TRACE_WARN, "Restricting requested count(%d) to child count(%d)\n", requested,
+    DMS_TRACE(OSAL_TRACE_INFO, "Restricting requested count(%d) to child count(%d)\n", requested,
               childCount);
     requested = childCount;
   }

@@ -15,7 +15,7 @@
 #include <string_view>
 
 #include "dlna_dms.h"
-#include "http/dmsArt.h"
+#include "art/dmsArt.h"
 #include "services/dmsCdsMgrResponseHandler.h"
 #include "util/dmsGuard.h"
 #include "util/osal_trace.h"

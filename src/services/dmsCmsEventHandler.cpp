@@ -3,7 +3,7 @@
 
 #include <cstring>
 
-#include <upnp.h>
+#include "services/dmsActionRequest.h"
 
 #include "dlna_dms.h"
 #include "services/dmsCmsApi.h"
@@ -19,7 +19,7 @@ namespace {
 
 constexpr char kCmsServiceType[] = "urn:schemas-upnp-org:service:ConnectionManager:1";
 
-using dmsCmsRequestAnalyzer = int32_t (*)(UpnpActionRequest *, dmsCmsActionArgument *,
+using dmsCmsRequestAnalyzer = int32_t (*)(dmsActionRequest *, dmsCmsActionArgument *,
                                           dmsCmsInstance *);
 using dmsCmsResponseCreator = int32_t (*)(const dmsCmsActionArgument *, dmsCmsActionResponse *,
                                           dmsCmsInstance *);
@@ -47,12 +47,12 @@ static const dmsCmsAction *findAction(const char *actionName) {
   return nullptr;
 }
 
-static int32_t runAction(UpnpActionRequest *request, dmsCmsInstance *cms) {
-  if (std::strcmp(UpnpActionRequest_get_ServiceID_cstr(request), DMS_CMS_SERVICE_ID) != 0) {
+static int32_t runAction(dmsActionRequest *request, dmsCmsInstance *cms) {
+  if (std::strcmp(request->serviceId, DMS_CMS_SERVICE_ID) != 0) {
     DMS_TRACE(OSAL_TRACE_ERR, "Service ID not Connection Management Service\n");
     return DMS_ERR_WRONG_SERVICE;
   }
-  const dmsCmsAction *action = findAction(UpnpActionRequest_get_ActionName_cstr(request));
+  const dmsCmsAction *action = findAction(request->actionName);
   if (action == nullptr) {
     DMS_TRACE(OSAL_TRACE_ERR, "Unsupported Action Name\n");
     return DMS_ERR_UNSUPPORTED_ACTION;
@@ -69,7 +69,7 @@ static int32_t runAction(UpnpActionRequest *request, dmsCmsInstance *cms) {
     DMS_TRACE(OSAL_TRACE_ERR, "Response Creator failed \n");
     return DMS_ERR_WRONG_SERVICE;
   }
-  // `response` owns any built text until the SDK document holds its copy.
+  // `response` owns any built text until the answer holds its copy.
   return dmsServiceAddResponseArguments(cms->eventMgr, request, kCmsServiceType,
                                         response.argNames, response.argValues, response.count,
                                         kTraceFile, __func__);
@@ -81,7 +81,7 @@ int32_t dmsCmsActionRequestCbf(void *sdkRequest, void *serviceContext) {
     return DMS_ERR_INVALID_PARAM;
   }
   return dmsGuard("dmsCmsActionRequestCbf", DMS_ERR_NO_MEMORY, [&] {
-    return runAction(static_cast<UpnpActionRequest *>(sdkRequest),
+    return runAction(static_cast<dmsActionRequest *>(sdkRequest),
                      static_cast<dmsCmsInstance *>(serviceContext));
   });
 }
@@ -91,6 +91,6 @@ int32_t dmsCmsStateVariableRequestCbf(void *sdkRequest, void *serviceContext) {
     DMS_TRACE(OSAL_TRACE_ERR, "Null argument\n");
     return DMS_ERR_INVALID_PARAM;
   }
-  return dmsServiceAnswerStateVarQuery(static_cast<UpnpStateVarRequest *>(sdkRequest),
+  return dmsServiceAnswerStateVarQuery(static_cast<dmsStateVarRequest *>(sdkRequest),
                                        dmsCmsGetStateVariableListInfo(), kTraceFile, __func__);
 }

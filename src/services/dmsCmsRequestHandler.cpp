@@ -8,7 +8,7 @@
 
 static constexpr char kTraceFile[] = "dmsCmsRequestHandler";
 
-int32_t dmsCmsAnalyzeReqGetProtocolInfo(UpnpActionRequest *request,
+int32_t dmsCmsAnalyzeReqGetProtocolInfo(dmsActionRequest *request,
                                         dmsCmsActionArgument *argument, dmsCmsInstance *context) {
   if (request == nullptr || argument == nullptr || context == nullptr) {
     DMS_TRACE(OSAL_TRACE_ERR, "Null argument\n");
@@ -17,7 +17,7 @@ int32_t dmsCmsAnalyzeReqGetProtocolInfo(UpnpActionRequest *request,
   return DMS_SUCCESS;
 }
 
-int32_t dmsCmsAnalyzeReqGetConnectionIDs(UpnpActionRequest *request,
+int32_t dmsCmsAnalyzeReqGetConnectionIDs(dmsActionRequest *request,
                                          dmsCmsActionArgument *argument, dmsCmsInstance *context) {
   if (request == nullptr || argument == nullptr || context == nullptr) {
     DMS_TRACE(OSAL_TRACE_ERR, "Null argument\n");
@@ -26,7 +26,7 @@ int32_t dmsCmsAnalyzeReqGetConnectionIDs(UpnpActionRequest *request,
   return DMS_SUCCESS;
 }
 
-int32_t dmsCmsAnalyzeReqGetConnectionInfo(UpnpActionRequest *request,
+int32_t dmsCmsAnalyzeReqGetConnectionInfo(dmsActionRequest *request,
                                           dmsCmsActionArgument *argument,
                                           dmsCmsInstance *context) {
   if (request == nullptr || argument == nullptr || context == nullptr) {
@@ -35,7 +35,7 @@ int32_t dmsCmsAnalyzeReqGetConnectionInfo(UpnpActionRequest *request,
   }
   // Only connection 0 exists; the number is read but every value gets its
   // answer.
-  int32_t rc = dlnaUtil_xmlParserGetInteger(UpnpActionRequest_get_ActionRequest(request),
+  int32_t rc = dlnaUtil_xmlParserGetInteger(request->arguments,
                                             "ConnectionID", &argument->connectionId);
   if (rc != 0) {
     DMS_TRACE(OSAL_TRACE_ERR, "%s%d\n", "dlnaUtil_xmlParserGetInteger():Return::", rc);

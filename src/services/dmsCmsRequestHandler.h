@@ -6,7 +6,7 @@
 
 #include <cstdint>
 
-#include <upnp.h>
+#include "services/dmsActionRequest.h"
 
 #include "services/dmsCmsApi.h"
 
@@ -16,15 +16,15 @@ struct dmsCmsActionArgument {
 };
 
 // GetProtocolInfo and GetCurrentConnectionIDs have no input arguments.
-int32_t dmsCmsAnalyzeReqGetProtocolInfo(UpnpActionRequest *request,
+int32_t dmsCmsAnalyzeReqGetProtocolInfo(dmsActionRequest *request,
                                         dmsCmsActionArgument *argument, dmsCmsInstance *context);
-int32_t dmsCmsAnalyzeReqGetConnectionIDs(UpnpActionRequest *request,
+int32_t dmsCmsAnalyzeReqGetConnectionIDs(dmsActionRequest *request,
                                          dmsCmsActionArgument *argument, dmsCmsInstance *context);
 
 // Reads the integer "ConnectionID".  Any value is accepted.  When it cannot
 // be read, returns the utility code mapped to a server code (a missing
 // argument gives -69).
-int32_t dmsCmsAnalyzeReqGetConnectionInfo(UpnpActionRequest *request,
+int32_t dmsCmsAnalyzeReqGetConnectionInfo(dmsActionRequest *request,
                                           dmsCmsActionArgument *argument,
                                           dmsCmsInstance *context);
 

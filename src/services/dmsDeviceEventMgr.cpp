@@ -1,7 +1,6 @@
-// Device event manager: routes the SDK's device events to the services.
+// Device event manager: routes control requests to the services and their
+// events to the event sink.
 #include "services/dmsDeviceEventMgr.h"
-
-#include "services/dmsCdsMgrApi.h"
 
 #include <atomic>
 #include <cstring>
@@ -9,9 +8,8 @@
 #include <string>
 #include <vector>
 
-#include <upnptools.h>
-
 #include "dlna_dms.h"
+#include "services/dmsCdsMgrApi.h"
 #include "services/dmsCmsApi.h"
 #include "services/dmsMsMrsApi.h"
 #include "util/dmsGuard.h"
@@ -22,34 +20,28 @@ static constexpr char kTraceFile[] = "dmsDeviceEventMgr.c";
 // Informational instance numbers, one per manager ever created.
 static std::atomic<int32_t> gs_s32_instanceId{0};
 
+// The device's services, in the order of the device description.
+const dmsServiceDescriptor g_dmsServices[DMS_SERVICE_COUNT] = {
+    // service id             service type                                                control path         event path         state variables                    optional  queries
+    {DMS_CMS_SERVICE_ID,      "urn:schemas-upnp-org:service:ConnectionManager:1",        "/web/cms_control",  "/web/cms_event",  dmsCmsGetStateVariableListInfo,    false,    true},
+    {DMS_CDS_SERVICE_ID,      "urn:schemas-upnp-org:service:ContentDirectory:1",         "/web/cds_control",  "/web/cds_event",  dmsCdsMgrGetStateVarListInfo,      true,     true},
+    {DMS_MSMRS_SERVICE_ID,    "urn:microsoft.com:service:X_MS_MediaReceiverRegistrar:1", "/web/mrs_control",  "/web/mrs_event",  dmsMsMrsGetStateVariableListInfo,  false,    false},
+};
+
 namespace {
 
-// Empty property set of the eventing protocol; the SDK starts from the same
-// text when it creates one itself.
-constexpr char kEmptyPropertySet[] =
-    "<e:propertyset xmlns:e=\"urn:schemas-upnp-org:event-1-0\"></e:propertyset>";
+constexpr size_t kCms = 0;
+constexpr size_t kCds = 1;
+constexpr size_t kMsMrs = 2;
 
-struct IxmlDocumentDeleter {
-  void operator()(IXML_Document *document) const { ixmlDocument_free(document); }
-};
-using PropertySet = std::unique_ptr<IXML_Document, IxmlDocumentDeleter>;
-
-// Builds a property set of `count` variables.  The SDK escapes the values,
-// so texts with markup reach the subscribers intact.  Returns 0 or the SDK's
-// code (UPNP_E_OUTOF_MEMORY when the empty document cannot be made).
-int32_t buildPropertySet(const char *const *names, const char *const *values, size_t count,
-                         PropertySet &out) {
-  IXML_Document *document = ixmlParseBuffer(kEmptyPropertySet);
-  if (document == nullptr) return UPNP_E_OUTOF_MEMORY;
-  out.reset(document);
-  for (size_t i = 0; i < count; ++i) {
-    int32_t rc = UpnpAddToPropertySet(&document, names[i], values[i]);
-    if (rc != UPNP_E_SUCCESS) return rc;
+size_t serviceById(const char *serviceId) {
+  for (size_t i = 0; i < DMS_SERVICE_COUNT; ++i) {
+    if (serviceId != nullptr && std::strcmp(g_dmsServices[i].serviceId, serviceId) == 0) return i;
   }
-  return UPNP_E_SUCCESS;
+  return DMS_SERVICE_COUNT;
 }
 
-// The SOAP error for a service's failure code.
+// The fault for a service's failure code.
 struct ActionError {
   int code;
   const char *text;
@@ -64,190 +56,117 @@ ActionError mapActionResult(int32_t result) {
   }
 }
 
-// Answers an action for which no service is there.  The SDK sends the error
-// from the request's fields; a result document would turn it into a success.
-void rejectUnknownService(UpnpActionRequest *request) {
-  UpnpActionRequest_set_ErrCode(request, 401);
-  UpnpActionRequest_strcpy_ErrStr(request, "Unknown Service Action");
-  if (IXML_Document *stale = UpnpActionRequest_get_ActionResult(request)) {
-    ixmlDocument_free(stale);
-  }
-  UpnpActionRequest_set_ActionResult(request, nullptr);
+void rejectUnknownService(dmsActionRequest *request) {
+  request->errCode = 401;
+  request->errStr = "Unknown Service Action";
+  request->responseArgs.clear();
+  request->responseType.clear();
 }
 
-void traceActionDocument(UpnpActionRequest *request) {
-  // Rendering a whole document costs; only do it when the line is printed.
-  if ((g_u32_osalTraceLevel.load(std::memory_order_relaxed) & OSAL_TRACE_INFO) == 0) return;
-  DOMString text = ixmlPrintDocument(UpnpActionRequest_get_ActionRequest(request));
-  DMS_TRACE(OSAL_TRACE_INFO, "Req Action Details::%s\n", text != nullptr ? text : "");
-  ixmlFreeDOMString(text);
-}
-
-int32_t processActionRequest(dmsDevEventMgr *mgr, UpnpActionRequest *request) {
-  traceActionDocument(request);
-  if (UpnpActionRequest_get_ErrCode(request) != 0) return DMS_ERR_INVALID_PARAM;
-
-  const char *serviceId = UpnpActionRequest_get_ServiceID_cstr(request);
-  dmsServiceCallback callback = nullptr;
-  void *context = nullptr;
-  if (std::strcmp(serviceId, DMS_CMS_SERVICE_ID) == 0) {
-    callback = mgr->cmsActionCallback;
-    context = mgr->cmsContext;
-  } else if (std::strcmp(serviceId, DMS_CDS_SERVICE_ID) == 0) {
-    callback = mgr->cdsActionCallback;
-    context = mgr->cdsContext;
-  } else if (std::strcmp(serviceId, DMS_MSMRS_SERVICE_ID) == 0) {
-    callback = mgr->msMrsActionCallback;
-    context = mgr->msMrsContext;
-  } else {
-    DMS_TRACE(OSAL_TRACE_WARN, "Action Request for Service ID [%s] not supported\n", serviceId);
+int32_t processActionRequest(dmsDevEventMgr *mgr, dmsActionRequest *request) {
+  if (request->errCode != 0) return DMS_ERR_INVALID_PARAM;
+  const size_t service = serviceById(request->serviceId);
+  if (service == DMS_SERVICE_COUNT) {
+    DMS_TRACE(OSAL_TRACE_WARN, "Action Request for Service ID [%s] not supported\n", request->serviceId);
     rejectUnknownService(request);
     return DMS_ERR_INVALID_BROWSE_FLAG;
   }
-  if (callback == nullptr) {
+  const dmsServiceSlot &slot = mgr->slots[service];
+  if (slot.action == nullptr) {
     rejectUnknownService(request);
     return DMS_SUCCESS;
   }
-
-  int32_t result = callback(request, context);
+  if (request->client != nullptr) {
+    DMS_TRACE(OSAL_TRACE_INFO, "Action [%s] from [%s] User-Agent [%s] X-AV-Client-Info [%s]\n", request->actionName,
+              request->client->address.c_str(), request->client->userAgent.c_str(),
+              request->client->avClientInfo.c_str());
+  }
+  const int32_t result = slot.action(request, slot.context);
   DMS_TRACE(OSAL_TRACE_INFO, "Action Handler Callback Return Value [%d]:Service [%s] \n", result,
-            serviceId);
+            request->serviceId);
   if (result != DMS_SUCCESS) {
-    ActionError error = mapActionResult(result);
-    UpnpActionRequest_set_ErrCode(request, error.code);
-    UpnpActionRequest_strcpy_ErrStr(request, error.text);
-  }
-
-  // Closing call without a service type: the SDK refuses it with an
-  // invalid-parameter code, which is the expected outcome; only a success
-  // here is reported.
-  IXML_Document *resultDocument = UpnpActionRequest_get_ActionResult(request);
-  int rc = UpnpAddToActionResponse(&resultDocument, UpnpActionRequest_get_ActionName_cstr(request),
-                                   nullptr, nullptr, nullptr);
-  if (resultDocument != UpnpActionRequest_get_ActionResult(request)) {
-    UpnpActionRequest_set_ActionResult(request, resultDocument);
-  }
-  if (rc == UPNP_E_SUCCESS) {
-    DMS_TRACE(OSAL_TRACE_ERR, "Error Action Send Failed for Service [%s] not supported\n",
-              serviceId);
+    const ActionError error = mapActionResult(result);
+    request->errCode = error.code;
+    request->errStr = error.text;
   }
   return result;
 }
 
-int32_t processStateVarRequest(dmsDevEventMgr *mgr, UpnpStateVarRequest *request) {
-  const char *serviceId = UpnpStateVarRequest_get_ServiceID_cstr(request);
-  dmsServiceCallback callback = nullptr;
-  if (std::strcmp(serviceId, DMS_CMS_SERVICE_ID) == 0) {
-    callback = mgr->cmsStateVarCallback;
-  } else if (std::strcmp(serviceId, DMS_CDS_SERVICE_ID) == 0) {
-    callback = mgr->cdsStateVarCallback;
-  } else {
-    DMS_TRACE(OSAL_TRACE_WARN, "Var Request for Service ID [%s] not supported\n", serviceId);
+int32_t processStateVarRequest(dmsDevEventMgr *mgr, dmsStateVarRequest *request) {
+  const size_t service = serviceById(request->serviceId);
+  if (service == DMS_SERVICE_COUNT || !g_dmsServices[service].answersQueries) {
+    DMS_TRACE(OSAL_TRACE_WARN, "Var Request for Service ID [%s] not supported\n", request->serviceId);
     return DMS_SUCCESS;
   }
-  if (callback == nullptr) return DMS_SUCCESS;
+  const dmsServiceSlot &slot = mgr->slots[service];
+  if (slot.stateVar == nullptr) return DMS_SUCCESS;
   // Each service gets its own context: the ContentDirectory answers
   // SystemUpdateID from its live counter.
-  return callback(request, callback == mgr->cdsStateVarCallback ? mgr->cdsContext : mgr->cmsContext);
+  return slot.stateVar(request, slot.context);
 }
 
-const dmsStateVarPair *stateVariablesOf(const char *serviceId) {
-  if (std::strcmp(serviceId, DMS_CMS_SERVICE_ID) == 0) return dmsCmsGetStateVariableListInfo();
-  if (std::strcmp(serviceId, DMS_CDS_SERVICE_ID) == 0) return dmsCdsMgrGetStateVarListInfo();
-  if (std::strcmp(serviceId, DMS_MSMRS_SERVICE_ID) == 0) {
-    return dmsMsMrsGetStateVariableListInfo();
-  }
-  return nullptr;
-}
-
-int32_t processSubscriptionRequest(dmsDevEventMgr *mgr, const UpnpSubscriptionRequest *request) {
-  const char *serviceId = UpnpSubscriptionRequest_get_ServiceId_cstr(request);
-  const dmsStateVarPair *table = stateVariablesOf(serviceId);
-  if (table == nullptr) {
-    DMS_TRACE(OSAL_TRACE_WARN, "Subscription for Service ID [%s] Not supported yet\n", serviceId);
-    return DMS_SUCCESS;
-  }
-
-  std::vector<const char *> names;
-  std::vector<const char *> values;
-  // A new subscriber hears the live SystemUpdateID, as the events carry it.
-  const bool contentDirectory = std::strcmp(serviceId, DMS_CDS_SERVICE_ID) == 0 && mgr->cdsContext != nullptr;
-  const std::string systemUpdateId =
-      contentDirectory ? dmsCdsMgrSystemUpdateIdText(static_cast<dmsCdsMgrHandle *>(mgr->cdsContext)) : "";
-  for (const dmsStateVarPair *row = table; row->name != nullptr; ++row) {
-    names.push_back(row->name);
-    const bool live = contentDirectory && std::strcmp(row->name, "SystemUpdateID") == 0;
-    values.push_back(live ? systemUpdateId.c_str() : row->value);
-  }
-  // A service without variables is accepted with an empty property set.
-  PropertySet propertySet;
-  if (buildPropertySet(names.data(), values.data(), names.size(), propertySet) != UPNP_E_SUCCESS) {
-    return DMS_ERR_NO_MEMORY;
-  }
-
-  DMS_TRACE(OSAL_TRACE_INFO, "Subscription Request for [%s] Service\n ", serviceId);
-  // The SDK identifies the device by the UDN exactly as the subscriber
-  // addressed it ("uuid:...").
-  int rc = UpnpAcceptSubscriptionExt(mgr->deviceHandle, UpnpSubscriptionRequest_get_UDN_cstr(request),
-                                     serviceId, propertySet.get(),
-                                     UpnpSubscriptionRequest_get_SID_cstr(request));
-  if (rc != UPNP_E_SUCCESS) {
-    DMS_TRACE(OSAL_TRACE_ERR, "Error :: %s%d\n", "UpnpAcceptSubscription() Returns::", rc);
-    return DMS_ERR_UPNP_FAILURE;
-  }
-  return DMS_SUCCESS;
-}
-
-// One service's three slots in the manager.
-struct ServiceSlots {
-  void *&context;
-  dmsServiceCallback &action;
-  dmsServiceCallback &stateVar;
-};
-
-ServiceSlots cmsSlots(dmsDevEventMgr *mgr) {
-  return {mgr->cmsContext, mgr->cmsActionCallback, mgr->cmsStateVarCallback};
-}
-ServiceSlots cdsSlots(dmsDevEventMgr *mgr) {
-  return {mgr->cdsContext, mgr->cdsActionCallback, mgr->cdsStateVarCallback};
-}
-ServiceSlots msMrsSlots(dmsDevEventMgr *mgr) {
-  return {mgr->msMrsContext, mgr->msMrsActionCallback, mgr->msMrsStateVarCallback};
-}
-
-// Fills a service's slots; the state-variable callback is required unless
-// `stateVarOptional`.
-int32_t registerService(dmsDevEventMgr *mgr, ServiceSlots (*slotsOf)(dmsDevEventMgr *), void *context,
-                        dmsServiceCallback actionCallback, dmsServiceCallback stateVarCallback,
-                        bool stateVarOptional) {
+// Fills a service's row; the state-variable callback is required unless
+// the service's row says it is optional.
+int32_t registerService(dmsDevEventMgr *mgr, size_t service, void *context, dmsServiceCallback actionCallback,
+                        dmsServiceCallback stateVarCallback) {
   if (mgr == nullptr || context == nullptr || actionCallback == nullptr ||
-      (stateVarCallback == nullptr && !stateVarOptional)) {
+      (stateVarCallback == nullptr && !g_dmsServices[service].stateVarOptional)) {
     DMS_TRACE(OSAL_TRACE_ERR, "Error in Input Parameters\n");
     return DMS_ERR_INVALID_PARAM;
   }
-  ServiceSlots slots = slotsOf(mgr);
-  slots.context = context;
-  slots.action = actionCallback;
-  slots.stateVar = stateVarCallback;
+  mgr->slots[service] = {context, actionCallback, stateVarCallback};
   return DMS_SUCCESS;
 }
 
-int32_t unregisterService(dmsDevEventMgr *mgr, ServiceSlots (*slotsOf)(dmsDevEventMgr *)) {
+int32_t unregisterService(dmsDevEventMgr *mgr, size_t service) {
   if (mgr == nullptr) {
     DMS_TRACE(OSAL_TRACE_ERR, "Input Parameter Error: Pointer NULL\n");
     return DMS_ERR_INVALID_PARAM;
   }
-  ServiceSlots slots = slotsOf(mgr);
-  slots.context = nullptr;
-  slots.action = nullptr;
-  slots.stateVar = nullptr;
+  mgr->slots[service] = {};
   return DMS_SUCCESS;
+}
+
+// Appends `text` with & < > " ' as entities.  The values are the services'
+// own texts (already XML character data where they come from files), so
+// only markup needs escaping here; a run without markup is copied whole.
+void appendEscaped(std::string &out, const char *text) {
+  const char *run = text;
+  for (const char *p = text;; ++p) {
+    const char c = *p;
+    const char *entity = nullptr;
+    switch (c) {
+      case '\0': out.append(run, static_cast<size_t>(p - run)); return;
+      case '&': entity = "&amp;"; break;
+      case '<': entity = "&lt;"; break;
+      case '>': entity = "&gt;"; break;
+      case '"': entity = "&quot;"; break;
+      case '\'': entity = "&apos;"; break;
+      default: continue;
+    }
+    out.append(run, static_cast<size_t>(p - run));
+    out.append(entity);
+    run = p + 1;
+  }
 }
 
 }  // namespace
 
-int32_t dmsDevEventMgrInit(dmsDevEventMgr **out, UpnpDevice_Handle deviceHandle,
-                           const char *udn) {
+size_t dmsServiceByControlPath(const char *path) {
+  for (size_t i = 0; i < DMS_SERVICE_COUNT; ++i) {
+    if (path != nullptr && std::strcmp(g_dmsServices[i].controlPath, path) == 0) return i;
+  }
+  return DMS_SERVICE_COUNT;
+}
+
+size_t dmsServiceByEventPath(const char *path) {
+  for (size_t i = 0; i < DMS_SERVICE_COUNT; ++i) {
+    if (path != nullptr && std::strcmp(g_dmsServices[i].eventPath, path) == 0) return i;
+  }
+  return DMS_SERVICE_COUNT;
+}
+
+int32_t dmsDevEventMgrInit(dmsDevEventMgr **out, int32_t deviceHandle, const char *udn) {
   if (out == nullptr || udn == nullptr) {
     DMS_TRACE(OSAL_TRACE_ERR, "Error in Input Parameters\n");
     return DMS_ERR_INVALID_PARAM;
@@ -263,55 +182,45 @@ int32_t dmsDevEventMgrInit(dmsDevEventMgr **out, UpnpDevice_Handle deviceHandle,
   });
 }
 
+int32_t dmsDevEventMgrSetEventSink(dmsDevEventMgr *mgr, dmsEventSink sink) {
+  if (mgr == nullptr) return DMS_ERR_INVALID_PARAM;
+  mgr->eventSink = std::move(sink);
+  return DMS_SUCCESS;
+}
+
 int32_t dmsDevEventMgrRegisterCmsEventCallback(dmsDevEventMgr *mgr, void *cmsContext,
                                                dmsServiceCallback actionCallback,
                                                dmsServiceCallback stateVarCallback) {
-  return registerService(mgr, cmsSlots, cmsContext, actionCallback, stateVarCallback, false);
+  return registerService(mgr, kCms, cmsContext, actionCallback, stateVarCallback);
 }
 
-// The ContentDirectory alone may leave its state-variable callback out.
 int32_t dmsDevEventMgrRegisterCdsEventCallback(dmsDevEventMgr *mgr, void *cdsContext,
                                                dmsServiceCallback actionCallback,
                                                dmsServiceCallback stateVarCallback) {
-  return registerService(mgr, cdsSlots, cdsContext, actionCallback, stateVarCallback, true);
+  return registerService(mgr, kCds, cdsContext, actionCallback, stateVarCallback);
 }
 
 int32_t dmsDevEventMgrRegisterMsMrsEventCallback(dmsDevEventMgr *mgr, void *msMrsContext,
                                                  dmsServiceCallback actionCallback,
                                                  dmsServiceCallback stateVarCallback) {
-  return registerService(mgr, msMrsSlots, msMrsContext, actionCallback, stateVarCallback, false);
+  return registerService(mgr, kMsMrs, msMrsContext, actionCallback, stateVarCallback);
 }
 
-int32_t dmsDevEventMgrUnRegisterCmsEventCallback(dmsDevEventMgr *mgr) {
-  return unregisterService(mgr, cmsSlots);
-}
+int32_t dmsDevEventMgrUnRegisterCmsEventCallback(dmsDevEventMgr *mgr) { return unregisterService(mgr, kCms); }
+int32_t dmsDevEventMgrUnRegisterCdsEventCallback(dmsDevEventMgr *mgr) { return unregisterService(mgr, kCds); }
+int32_t dmsDevEventMgrUnRegisterMsMrsEventCallback(dmsDevEventMgr *mgr) { return unregisterService(mgr, kMsMrs); }
 
-int32_t dmsDevEventMgrUnRegisterCdsEventCallback(dmsDevEventMgr *mgr) {
-  return unregisterService(mgr, cdsSlots);
-}
-
-int32_t dmsDevEventMgrUnRegisterMsMrsEventCallback(dmsDevEventMgr *mgr) {
-  return unregisterService(mgr, msMrsSlots);
-}
-
-int32_t dmsDevEventMgrEventProcess(dmsDevEventMgr *mgr, Upnp_EventType eventType,
-                                   const void *event) {
+int32_t dmsDevEventMgrEventProcess(dmsDevEventMgr *mgr, int eventType, void *event) {
   if (mgr == nullptr || event == nullptr) {
     DMS_TRACE(OSAL_TRACE_ERR, "Input Parameter Error: Pointer NULL\n");
     return DMS_ERR_INVALID_PARAM;
   }
-  // Called on the SDK's threads: nothing may escape into the C library.
   return dmsGuard("dmsDevEventMgrEventProcess", DMS_ERR_NO_MEMORY, [&] {
-    // The SDK hands its request records as const, but the answer is written
-    // into them (error code, result document, current value).
-    void *request = const_cast<void *>(event);
     switch (eventType) {
-      case UPNP_CONTROL_ACTION_REQUEST:
-        return processActionRequest(mgr, static_cast<UpnpActionRequest *>(request));
-      case UPNP_CONTROL_GET_VAR_REQUEST:
-        return processStateVarRequest(mgr, static_cast<UpnpStateVarRequest *>(request));
-      case UPNP_EVENT_SUBSCRIPTION_REQUEST:
-        return processSubscriptionRequest(mgr, static_cast<const UpnpSubscriptionRequest *>(event));
+      case DMS_EVENT_ACTION_REQUEST:
+        return processActionRequest(mgr, static_cast<dmsActionRequest *>(event));
+      case DMS_EVENT_GET_VAR_REQUEST:
+        return processStateVarRequest(mgr, static_cast<dmsStateVarRequest *>(event));
       default:
         DMS_TRACE(OSAL_TRACE_ERR, "Error in Input Parameters\n");
         return DMS_ERR_INVALID_PARAM;
@@ -319,7 +228,7 @@ int32_t dmsDevEventMgrEventProcess(dmsDevEventMgr *mgr, Upnp_EventType eventType
   });
 }
 
-int32_t dmsDevEventMgrAddActionResponse(dmsDevEventMgr *mgr, UpnpActionRequest *actionRequest,
+int32_t dmsDevEventMgrAddActionResponse(dmsDevEventMgr *mgr, dmsActionRequest *actionRequest,
                                         const char *serviceType, const char *argName,
                                         const char *argValue) {
   if (mgr == nullptr || actionRequest == nullptr || serviceType == nullptr || argName == nullptr ||
@@ -327,28 +236,36 @@ int32_t dmsDevEventMgrAddActionResponse(dmsDevEventMgr *mgr, UpnpActionRequest *
     DMS_TRACE(OSAL_TRACE_ERR, "Input Parameter Error: Pointer NULL\n");
     return DMS_ERR_INVALID_PARAM;
   }
-  // The first argument creates the response document; the SDK sends and
-  // frees whatever document the request holds after the callback.
-  IXML_Document *response = UpnpActionRequest_get_ActionResult(actionRequest);
-  int rc = UpnpAddToActionResponse(&response, UpnpActionRequest_get_ActionName_cstr(actionRequest),
-                                   serviceType, argName, argValue);
-  if (response != UpnpActionRequest_get_ActionResult(actionRequest)) {
-    UpnpActionRequest_set_ActionResult(actionRequest, response);
-  }
-  if (rc == UPNP_E_SUCCESS) {
-    UpnpActionRequest_set_ErrCode(actionRequest, 0);
+  return dmsGuard("dmsDevEventMgrAddActionResponse", DMS_ERR_NO_MEMORY, [&] {
+    std::string &out = actionRequest->responseArgs;
+    if (actionRequest->responseType.empty()) actionRequest->responseType = serviceType;
+    const size_t nameLength = std::strlen(argName);
+    out.reserve(out.size() + 2 * nameLength + 6 + std::strlen(argValue) + 64);
+    out += '<';
+    out.append(argName, nameLength);
+    out += '>';
+    appendEscaped(out, argValue);
+    out += "</";
+    out.append(argName, nameLength);
+    out += ">\r\n";
+    actionRequest->errCode = 0;
     return DMS_SUCCESS;
+  });
+}
+
+std::string dmsDevEventMgrPropertySet(const char *const *names, const char *const *values, size_t count) {
+  std::string body = "<?xml version=\"1.0\"?>\n<e:propertyset xmlns:e=\"urn:schemas-upnp-org:event-1-0\">\n";
+  for (size_t i = 0; i < count; ++i) {
+    body += "<e:property>\n<";
+    body += names[i];
+    body += '>';
+    appendEscaped(body, values[i] != nullptr ? values[i] : "");
+    body += "</";
+    body += names[i];
+    body += ">\n</e:property>\n";
   }
-  DMS_TRACE(OSAL_TRACE_ERR, "UpnpAddToActionResponse() Failed \n");
-  if (rc == UPNP_E_OUTOF_MEMORY) {
-    UpnpActionRequest_set_ErrCode(actionRequest, UPNP_E_OUTOF_MEMORY);
-    return DMS_ERR_NO_MEMORY;
-  }
-  if (rc == UPNP_E_INVALID_PARAM) {
-    UpnpActionRequest_set_ErrCode(actionRequest, UPNP_E_INVALID_PARAM);
-    return DMS_ERR_INVALID_PARAM;
-  }
-  return DMS_ERR_UPNP_FAILURE;
+  body += "</e:propertyset>\n\n";
+  return body;
 }
 
 int32_t dmsDevEventMgrNotifyEvent(dmsDevEventMgr *mgr, const char *serviceId,
@@ -360,19 +277,33 @@ int32_t dmsDevEventMgrNotifyEvent(dmsDevEventMgr *mgr, const char *serviceId,
   // A failed notification is traced and otherwise ignored: the next change
   // sends the current values again.
   dmsGuardVoid("dmsDevEventMgrNotifyEvent", [&] {
+    const size_t service = serviceById(serviceId);
+    if (service == DMS_SERVICE_COUNT || !mgr->eventSink) {
+      DMS_TRACE(OSAL_TRACE_ERR, "Function %s Failed with error = %d\n", "UpnpNotify", DMS_ERR_UPNP_FAILURE);
+      return;
+    }
     // Every event of this server carries exactly two variables.
     constexpr size_t kEventedVariables = 2;
-    PropertySet propertySet;
-    int rc = buildPropertySet(varNames, varValues, kEventedVariables, propertySet);
-    if (rc == UPNP_E_SUCCESS) {
-      const std::string deviceId = std::string("uuid:") + mgr->udn;
-      rc = UpnpNotifyExt(mgr->deviceHandle, deviceId.c_str(), serviceId, propertySet.get());
-    }
-    if (rc != UPNP_E_SUCCESS) {
-      DMS_TRACE(OSAL_TRACE_ERR, "Function %s Failed with error = %d\n", "UpnpNotify", rc);
-    }
+    mgr->eventSink(service, dmsDevEventMgrPropertySet(varNames, varValues, kEventedVariables));
   });
   return DMS_SUCCESS;
+}
+
+std::string dmsDevEventMgrInitialEvent(dmsDevEventMgr *mgr, size_t service) {
+  if (mgr == nullptr || service >= DMS_SERVICE_COUNT) return {};
+  std::vector<const char *> names;
+  std::vector<const char *> values;
+  // A new subscriber hears the live SystemUpdateID, as the events carry it.
+  const bool contentDirectory = service == kCds && mgr->slots[kCds].context != nullptr;
+  const std::string systemUpdateId =
+      contentDirectory ? dmsCdsMgrSystemUpdateIdText(static_cast<dmsCdsMgrHandle *>(mgr->slots[kCds].context)) : "";
+  for (const dmsStateVarPair *row = g_dmsServices[service].stateVariables(); row->name != nullptr; ++row) {
+    names.push_back(row->name);
+    const bool live = contentDirectory && std::strcmp(row->name, "SystemUpdateID") == 0;
+    values.push_back(live ? systemUpdateId.c_str() : row->value);
+  }
+  DMS_TRACE(OSAL_TRACE_INFO, "Subscription Request for [%s] Service\n ", g_dmsServices[service].serviceId);
+  return dmsDevEventMgrPropertySet(names.data(), values.data(), names.size());
 }
 
 int32_t dmsDevEventMgrDeInit(dmsDevEventMgr *mgr) {

@@ -3,7 +3,7 @@
 
 #include <cstring>
 
-#include <upnp.h>
+#include "services/dmsActionRequest.h"
 
 #include "dlna_dms.h"
 #include "services/dmsMsMrsApi.h"
@@ -22,7 +22,7 @@ namespace {
 constexpr char kMsMrsResponseServiceType[] =
     "urn:microsoft.com:serviceId:X_MS_MediaReceiverRegistrar:1";
 
-using dmsMsMrsRequestAnalyzer = int32_t (*)(UpnpActionRequest *, dmsMsMrsInstance *);
+using dmsMsMrsRequestAnalyzer = int32_t (*)(dmsActionRequest *, dmsMsMrsInstance *);
 using dmsMsMrsResponseCreator = int32_t (*)(dmsMsMrsActionResponse *, dmsMsMrsInstance *);
 
 struct dmsMsMrsAction {
@@ -48,13 +48,13 @@ static const dmsMsMrsAction *findAction(const char *actionName) {
   return nullptr;
 }
 
-static int32_t runAction(UpnpActionRequest *request, dmsMsMrsInstance *registrar) {
-  if (std::strcmp(UpnpActionRequest_get_ServiceID_cstr(request), DMS_MSMRS_SERVICE_ID) != 0) {
+static int32_t runAction(dmsActionRequest *request, dmsMsMrsInstance *registrar) {
+  if (std::strcmp(request->serviceId, DMS_MSMRS_SERVICE_ID) != 0) {
     // Same wording as the ConnectionManager's refusal.
     DMS_TRACE(OSAL_TRACE_ERR, "Service ID not Connection Management Service\n");
     return DMS_ERR_WRONG_SERVICE;
   }
-  const dmsMsMrsAction *action = findAction(UpnpActionRequest_get_ActionName_cstr(request));
+  const dmsMsMrsAction *action = findAction(request->actionName);
   if (action == nullptr) {
     DMS_TRACE(OSAL_TRACE_ERR, "Unsupported Action Name\n");
     return DMS_ERR_UNSUPPORTED_ACTION;
@@ -81,7 +81,7 @@ int32_t dmsMsMrsActionRequestCbf(void *sdkRequest, void *serviceContext) {
     return DMS_ERR_INVALID_PARAM;
   }
   return dmsGuard("dmsMsMrsActionRequestCbf", DMS_ERR_NO_MEMORY, [&] {
-    return runAction(static_cast<UpnpActionRequest *>(sdkRequest),
+    return runAction(static_cast<dmsActionRequest *>(sdkRequest),
                      static_cast<dmsMsMrsInstance *>(serviceContext));
   });
 }
@@ -91,6 +91,6 @@ int32_t dmsMsMrsStateVariableRequestCbf(void *sdkRequest, void *serviceContext) 
     DMS_TRACE(OSAL_TRACE_ERR, "Null argument\n");
     return DMS_ERR_INVALID_PARAM;
   }
-  return dmsServiceAnswerStateVarQuery(static_cast<UpnpStateVarRequest *>(sdkRequest),
+  return dmsServiceAnswerStateVarQuery(static_cast<dmsStateVarRequest *>(sdkRequest),
                                        dmsMsMrsGetStateVariableListInfo(), kTraceFile, __func__);
 }

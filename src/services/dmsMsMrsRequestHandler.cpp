@@ -7,7 +7,7 @@
 
 static constexpr char kTraceFile[] = "dmsMsMrsRequestHandler";
 
-int32_t dmsMsMrsAnalyzeReqIsAuthorized(UpnpActionRequest *request, dmsMsMrsInstance *context) {
+int32_t dmsMsMrsAnalyzeReqIsAuthorized(dmsActionRequest *request, dmsMsMrsInstance *context) {
   if (request == nullptr || context == nullptr) {
     DMS_TRACE(OSAL_TRACE_ERR, "Null argument\n");
     return DMS_ERR_INVALID_PARAM;
@@ -15,7 +15,7 @@ int32_t dmsMsMrsAnalyzeReqIsAuthorized(UpnpActionRequest *request, dmsMsMrsInsta
   return DMS_SUCCESS;
 }
 
-int32_t dmsMsMrsAnalyzeReqRegisterDevice(UpnpActionRequest *request, dmsMsMrsInstance *context) {
+int32_t dmsMsMrsAnalyzeReqRegisterDevice(dmsActionRequest *request, dmsMsMrsInstance *context) {
   if (request == nullptr || context == nullptr) {
     DMS_TRACE(OSAL_TRACE_ERR, "Null argument\n");
     return DMS_ERR_INVALID_PARAM;
@@ -23,7 +23,7 @@ int32_t dmsMsMrsAnalyzeReqRegisterDevice(UpnpActionRequest *request, dmsMsMrsIns
   return DMS_SUCCESS;
 }
 
-int32_t dmsMsMrsAnalyzeReqIsValidated(UpnpActionRequest *request, dmsMsMrsInstance *context) {
+int32_t dmsMsMrsAnalyzeReqIsValidated(dmsActionRequest *request, dmsMsMrsInstance *context) {
   if (request == nullptr || context == nullptr) {
     DMS_TRACE(OSAL_TRACE_ERR, "Null argument\n");
     return DMS_ERR_INVALID_PARAM;

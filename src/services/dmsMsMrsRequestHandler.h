@@ -6,12 +6,12 @@
 
 #include <cstdint>
 
-#include <upnp.h>
+#include "services/dmsActionRequest.h"
 
 #include "services/dmsMsMrsApi.h"
 
-int32_t dmsMsMrsAnalyzeReqIsAuthorized(UpnpActionRequest *request, dmsMsMrsInstance *context);
-int32_t dmsMsMrsAnalyzeReqRegisterDevice(UpnpActionRequest *request, dmsMsMrsInstance *context);
-int32_t dmsMsMrsAnalyzeReqIsValidated(UpnpActionRequest *request, dmsMsMrsInstance *context);
+int32_t dmsMsMrsAnalyzeReqIsAuthorized(dmsActionRequest *request, dmsMsMrsInstance *context);
+int32_t dmsMsMrsAnalyzeReqRegisterDevice(dmsActionRequest *request, dmsMsMrsInstance *context);
+int32_t dmsMsMrsAnalyzeReqIsValidated(dmsActionRequest *request, dmsMsMrsInstance *context);
 
 #endif  // DMS_SERVICES_DMSMSMRSREQUESTHANDLER_H

@@ -8,26 +8,26 @@
 
 static constexpr char kTraceFile[] = "dmsServiceCommon";
 
-int32_t dmsServiceAnswerStateVarQuery(UpnpStateVarRequest *request, const dmsStateVarPair *table,
+int32_t dmsServiceAnswerStateVarQuery(dmsStateVarRequest *request, const dmsStateVarPair *table,
                                       const char *traceFile, const char *functionName) {
   const char *traceAs = traceFile != nullptr ? traceFile : kTraceFile;
-  const char *wanted = UpnpStateVarRequest_get_StateVarName_cstr(request);
+  const char *wanted = request->stateVarName;
   for (const dmsStateVarPair *row = table; row != nullptr && row->name != nullptr; ++row) {
     if (std::strcmp(row->name, wanted) == 0) {
-      // The SDK copies the value and frees its copy after the reply.
-      UpnpStateVarRequest_set_CurrentVal(request, row->value);
-      UpnpStateVarRequest_set_ErrCode(request, 0);
+      request->currentVal = row->value;
+      request->hasValue = true;
+      request->errCode = 0;
     }
   }
   // Every query ends as unsupported, also one that matched: the value stays
   // in the request, the error code and result say 404 / unsupported.
   osal_tracePrintf(OSAL_TRACE_ERR, functionName, traceAs, __LINE__, 0,
                    "Requested State Variable Name %s\n", wanted);
-  UpnpStateVarRequest_set_ErrCode(request, 404);
+  request->errCode = 404;
   return DMS_ERR_UNSUPPORTED_STATE_VARIABLE;
 }
 
-int32_t dmsServiceAddResponseArguments(dmsDevEventMgr *mgr, UpnpActionRequest *request,
+int32_t dmsServiceAddResponseArguments(dmsDevEventMgr *mgr, dmsActionRequest *request,
                                        const char *serviceType, const char *const *names,
                                        const char *const *values, int32_t count,
                                        const char *traceFile, const char *functionName) {

@@ -6,7 +6,7 @@
 
 #include <cstdint>
 
-#include <upnp.h>
+#include "services/dmsActionRequest.h"
 
 #include "services/dmsDeviceEventMgr.h"
 
@@ -15,13 +15,13 @@
 // error code 0.  At the end the query is always closed with error code 404
 // and the result -78 (DMS_ERR_UNSUPPORTED_STATE_VARIABLE), a match included.
 // `traceFile` and `functionName` are the caller's, for its trace lines.
-int32_t dmsServiceAnswerStateVarQuery(UpnpStateVarRequest *request, const dmsStateVarPair *table,
+int32_t dmsServiceAnswerStateVarQuery(dmsStateVarRequest *request, const dmsStateVarPair *table,
                                       const char *traceFile, const char *functionName);
 
 // Adds names[i] = values[i] for i in [0, count) to the action's response
 // through dmsDevEventMgrAddActionResponse.  Stops at the first failure and
 // returns its code; returns 0 when all were added or count < 1.
-int32_t dmsServiceAddResponseArguments(dmsDevEventMgr *mgr, UpnpActionRequest *request,
+int32_t dmsServiceAddResponseArguments(dmsDevEventMgr *mgr, dmsActionRequest *request,
                                        const char *serviceType, const char *const *names,
                                        const char *const *values, int32_t count,
                                        const char *traceFile, const char *functionName);

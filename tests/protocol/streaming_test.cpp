@@ -68,11 +68,11 @@ TEST_F(StreamingTest, WholeFilesHeadAndRangesHaveExactLengths) {
       {"GET", "bytes=-50", 206, size - 50, 50},
       {"GET", "bytes=10-" + std::to_string(size + 1000), 206, 10, size - 10},
       {"GET", "bytes=" + std::to_string(size) + "-", 416, 0, 0},
-      {"GET", "bytes=500-100", 416, 0, 0},
+      {"GET", "bytes=500-100", 200, 0, size},  // not understood: the whole file
       {"GET", "bytes=0-1,5-6", 206, 0, 2},  // several ranges: the first is served
-      {"GET", "bytes=abc", 416, 0, 0},
-      {"GET", "items=0-1", 400, 0, 0},
-      {"POST", "", 500, 0, 0},  // nothing is ever written to a shared file
+      {"GET", "bytes=abc", 200, 0, size},
+      {"GET", "items=0-1", 200, 0, size},
+      {"POST", "", 405, 0, 0},  // nothing is ever written to a shared file
   };
   for (const Row &row : rows) {
     SCOPED_TRACE(row.method + " " + row.range);
@@ -157,7 +157,7 @@ class SlowReader {
     address.sin_port = htons(static_cast<uint16_t>(port));
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     ::connect(fd_, reinterpret_cast<sockaddr *>(&address), sizeof address);
-    const std::string request = "GET " + path + " HTTP/1.1\r\nHost: x\r\nConnection: close\r\n\r\n";
+    const std::string request = "GET " + path + " HTTP/1.1\r\nHost: 127.0.0.1\r\nConnection: close\r\n\r\n";
     ::send(fd_, request.data(), request.size(), MSG_NOSIGNAL);
     read(1);
   }

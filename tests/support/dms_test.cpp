@@ -94,15 +94,39 @@ HttpResponse parseResponse(const std::string &raw) {
   return response;
 }
 
-}  // namespace
+// Whether `raw` holds one whole answer to `request`: its header and the
+// body its Content-Length (or last chunk) promises.  Without either, the
+// answer ends when the server closes.
+bool answerComplete(const std::string &request, const std::string &raw) {
+  const size_t headerEnd = raw.find("\r\n\r\n");
+  if (headerEnd == std::string::npos) return false;
+  const HttpResponse head = parseResponse(raw.substr(0, headerEnd + 4));
+  if (request.rfind("HEAD", 0) == 0 || head.status == 204 || head.status == 304) return true;
+  const std::string length = head.header("content-length");
+  if (!length.empty()) return raw.size() >= headerEnd + 4 + std::stoull(length);
+  return head.header("transfer-encoding") == "chunked" && raw.find("\r\n0\r\n\r\n", headerEnd) != std::string::npos;
+}
 
-HttpResponse sendRaw(int port, const std::string &request, int timeoutMs) {
-  int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+// Connects `fd` to 127.0.0.1:port, giving up after two seconds (a port that
+// drops connection requests would otherwise hold the test for minutes).
+bool connectWithin(int fd, int port) {
   sockaddr_in address{};
   address.sin_family = AF_INET;
   address.sin_port = htons(static_cast<uint16_t>(port));
   address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  if (fd < 0 || ::connect(fd, reinterpret_cast<sockaddr *>(&address), sizeof address) != 0) {
+  timeval limit{2, 0};
+  ::setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
+  const bool connected = ::connect(fd, reinterpret_cast<sockaddr *>(&address), sizeof address) == 0;
+  limit = {0, 0};
+  ::setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
+  return connected;
+}
+
+}  // namespace
+
+HttpResponse sendRaw(int port, const std::string &request, int timeoutMs) {
+  int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  if (fd < 0 || !connectWithin(fd, port)) {
     if (fd >= 0) ::close(fd);
     return {};
   }
@@ -120,6 +144,7 @@ HttpResponse sendRaw(int port, const std::string &request, int timeoutMs) {
     ssize_t n = ::recv(fd, buffer, sizeof buffer, 0);
     if (n <= 0) break;
     raw.append(buffer, static_cast<size_t>(n));
+    if (answerComplete(request, raw)) break;
   }
   ::close(fd);
   return parseResponse(raw);
@@ -138,12 +163,7 @@ RawConnection::RawConnection(int port, const std::string &from, int receiveBuffe
   sockaddr_in local{};
   local.sin_family = AF_INET;
   inet_pton(AF_INET, from.c_str(), &local.sin_addr);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_port = htons(static_cast<uint16_t>(port));
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  connected_ = ::bind(fd_, reinterpret_cast<sockaddr *>(&local), sizeof local) == 0 &&
-               ::connect(fd_, reinterpret_cast<sockaddr *>(&address), sizeof address) == 0;
+  connected_ = ::bind(fd_, reinterpret_cast<sockaddr *>(&local), sizeof local) == 0 && connectWithin(fd_, port);
 }
 
 RawConnection::~RawConnection() {
@@ -361,7 +381,13 @@ CdsAnswer search(int port, const std::string &container, const std::string &crit
 }
 
 std::vector<DidlObject> children(int port, const std::string &id) {
-  return browse(port, id, "BrowseDirectChildren").objects;
+  // Pages as a control point does: one answer holds a bounded number.
+  std::vector<DidlObject> all;
+  for (;;) {
+    CdsAnswer page = browse(port, id, "BrowseDirectChildren", static_cast<int>(all.size()), 0);
+    all.insert(all.end(), page.objects.begin(), page.objects.end());
+    if (page.objects.empty() || static_cast<int>(all.size()) >= page.totalMatches) return all;
+  }
 }
 
 DidlObject lookup(int port, const std::string &titles) {

@@ -12,7 +12,7 @@
 #include <vector>
 
 #include "dms_test.h"
-#include "http/dmsArtImage.h"
+#include "art/dmsArtImage.h"
 #include "mfd/mfd_exif.h"
 
 namespace {

@@ -1,4 +1,4 @@
-#include "http/dmsArtDecode.h"
+#include "art/dmsArtDecode.h"
 
 #include <png.h>
 #include <turbojpeg.h>
@@ -7,7 +7,7 @@
 #include <cstring>
 #include <memory>
 
-#include "http/dmsArtImage.h"
+#include "art/dmsArtImage.h"
 
 namespace {
 

@@ -1,8 +1,8 @@
 // Thumbnails and album art for renderers: a JPEG or PNG picture decoded,
 // scaled down to fit a box and encoded as a small baseline JPEG, or, for a
 // photo, the thumbnail its camera already stored in the Exif data.
-#ifndef DMS_HTTP_DMS_ART_IMAGE_H
-#define DMS_HTTP_DMS_ART_IMAGE_H
+#ifndef DMS_ART_DMS_ART_IMAGE_H
+#define DMS_ART_DMS_ART_IMAGE_H
 
 #include <cstddef>
 #include <cstdint>
@@ -39,4 +39,4 @@ bool dmsArtScaleImage(const uint8_t *data, size_t size, int32_t boxWidth, int32_
 // and has the photo's aspect (within 2 %), it is decoded and scaled instead of the photo.  Never throws.
 bool dmsArtScaleFile(const std::string &path, int32_t boxWidth, int32_t boxHeight, dmsArtJpeg &out);
 
-#endif  // DMS_HTTP_DMS_ART_IMAGE_H
+#endif  // DMS_ART_DMS_ART_IMAGE_H

@@ -1,6 +1,6 @@
-#include "content/dmsClmTags.h"
+#include "tags/dmsClmTags.h"
 
-#include "content/dmsClmTagLib.h"
+#include "tags/dmsClmTagLib.h"
 
 #include <taglib/asffile.h>
 #include <taglib/flacfile.h>

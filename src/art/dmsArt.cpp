@@ -1,12 +1,12 @@
-#include "http/dmsArt.h"
+#include "art/dmsArt.h"
 
 #include <cstdio>
 #include <cstring>
 #include <limits>
 #include <string>
 
-#include "content/dmsClmPicture.h"
-#include "http/dmsArtImage.h"
+#include "tags/dmsClmPicture.h"
+#include "art/dmsArtImage.h"
 #include "util/dmsGuard.h"
 #include "util/osal_trace.h"
 

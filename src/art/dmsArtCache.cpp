@@ -1,4 +1,4 @@
-#include "http/dmsArtCache.h"
+#include "art/dmsArtCache.h"
 
 dmsArtCache::Picture dmsArtCache::find(uint64_t key, uint64_t stamp) {
   std::lock_guard lock(mutex_);

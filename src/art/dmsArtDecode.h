@@ -1,8 +1,8 @@
 // The decoding half of thumbnails and album art: JPEG and PNG pictures
 // decoded to 8-bit RGB and reduced to a requested size by area averaging,
 // without ever holding more than the pixel budget allows.
-#ifndef DMS_HTTP_DMS_ART_DECODE_H
-#define DMS_HTTP_DMS_ART_DECODE_H
+#ifndef DMS_ART_DMS_ART_DECODE_H
+#define DMS_ART_DMS_ART_DECODE_H
 
 #include <cstddef>
 #include <cstdint>
@@ -71,4 +71,4 @@ class dmsArtBoxFilter {
   uint32_t binRows_ = 0;    // source rows added to it so far
 };
 
-#endif  // DMS_HTTP_DMS_ART_DECODE_H
+#endif  // DMS_ART_DMS_ART_DECODE_H

@@ -6,8 +6,8 @@
 // version (size and time), so a picture of a file since rewritten is made
 // again.  Thread-safe: one mutex guards everything, held only for map work,
 // never while a picture is made.
-#ifndef DMS_HTTP_DMSARTCACHE_H
-#define DMS_HTTP_DMSARTCACHE_H
+#ifndef DMS_ART_DMSARTCACHE_H
+#define DMS_ART_DMSARTCACHE_H
 
 #include <cstddef>
 #include <cstdint>
@@ -61,4 +61,4 @@ class dmsArtCache {
   uint64_t failures_ = 0;
 };
 
-#endif  // DMS_HTTP_DMSARTCACHE_H
+#endif  // DMS_ART_DMSARTCACHE_H

@@ -2,8 +2,8 @@
 // MP4 covr, FLAC and Vorbis comment pictures, ASF WM/Picture), and the one
 // a folder holds as a file (cover, folder, front or albumart*, any case,
 // JPEG or PNG).
-#ifndef DMS_CONTENT_DMSCLMPICTURE_H
-#define DMS_CONTENT_DMSCLMPICTURE_H
+#ifndef DMS_TAGS_DMSCLMPICTURE_H
+#define DMS_TAGS_DMSCLMPICTURE_H
 
 #include <cstddef>
 #include <string>
@@ -23,4 +23,4 @@ bool dmsClmReadPicture(const std::string &path, const mfdMediaInfo &info, std::s
 // higher the better (cover > folder > front > albumart*).
 int dmsClmCoverRank(std::string_view name);
 
-#endif  // DMS_CONTENT_DMSCLMPICTURE_H
+#endif  // DMS_TAGS_DMSCLMPICTURE_H

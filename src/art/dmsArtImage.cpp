@@ -1,4 +1,4 @@
-#include "http/dmsArtImage.h"
+#include "art/dmsArtImage.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -8,7 +8,7 @@
 #include <algorithm>
 #include <memory>
 
-#include "http/dmsArtDecode.h"
+#include "art/dmsArtDecode.h"
 #include "mfd/mfd_exif.h"
 #include "util/dmsGuard.h"
 

@@ -4,8 +4,8 @@
 // Reading happens in the detection step, outside the list's lock, and only
 // for files a detector accepted.  Files are opened read-only.  The texts a
 // listed entry keeps live in the list's tag pool.
-#ifndef DMS_CONTENT_DMSCLMTAGS_H
-#define DMS_CONTENT_DMSCLMTAGS_H
+#ifndef DMS_TAGS_DMSCLMTAGS_H
+#define DMS_TAGS_DMSCLMTAGS_H
 
 #include <cstdint>
 #include <string>
@@ -32,4 +32,4 @@ bool dmsClmReadTags(const std::string &path, const mfdMediaInfo &info, dmsTagTex
 // but kept by no entry: nothing publishes them).  May throw std::bad_alloc.
 dmsMediaTags dmsClmPoolTags(dmsTagPool &pool, const dmsTagText &text);
 
-#endif  // DMS_CONTENT_DMSCLMTAGS_H
+#endif  // DMS_TAGS_DMSCLMTAGS_H

@@ -1,7 +1,7 @@
 // TagLib's file object for a format's tag layout, shared by the tag reader
 // and the cover reader of this module.  Internal to src/content.
-#ifndef DMS_CONTENT_DMSCLMTAGLIB_H
-#define DMS_CONTENT_DMSCLMTAGLIB_H
+#ifndef DMS_TAGS_DMSCLMTAGLIB_H
+#define DMS_TAGS_DMSCLMTAGLIB_H
 
 #include <taglib/tfile.h>
 #include <taglib/tfilestream.h>
@@ -24,4 +24,4 @@ bool dmsClmPictureOf(TagLib::File &file, std::string *out);
 // Routes TagLib's complaints about malformed tags to the trace.
 void dmsClmRouteTagLibMessages();
 
-#endif  // DMS_CONTENT_DMSCLMTAGLIB_H
+#endif  // DMS_TAGS_DMSCLMTAGLIB_H

@@ -1,4 +1,4 @@
-#include "content/dmsClmPicture.h"
+#include "tags/dmsClmPicture.h"
 
 #include <taglib/asffile.h>
 #include <taglib/asfpicture.h>
@@ -17,7 +17,7 @@
 
 #include <array>
 
-#include "content/dmsClmTagLib.h"
+#include "tags/dmsClmTagLib.h"
 #include "util/dmsGuard.h"
 
 namespace {

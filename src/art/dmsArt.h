@@ -9,13 +9,13 @@
 //
 // Pictures are made from JPEG and PNG files only, never written anywhere,
 // and a picture that cannot be made is not offered again.
-#ifndef DMS_HTTP_DMSART_H
-#define DMS_HTTP_DMSART_H
+#ifndef DMS_ART_DMSART_H
+#define DMS_ART_DMSART_H
 
 #include <cstdint>
 
 #include "content/dmsClmApi.h"
-#include "http/dmsArtCache.h"
+#include "art/dmsArtCache.h"
 
 enum class dmsArtKind : uint32_t { kThumbnail = 0, kSmall = 1, kAlbum = 2 };
 
@@ -42,4 +42,4 @@ bool dmsArtParseUrl(const char *path, uint32_t *id, dmsArtKind *kind);
 dmsArtCache::Picture dmsArtGet(dmsContentListInfo *list, dmsArtCache *cache, uint32_t id, dmsArtKind kind,
                                bool *cached);
 
-#endif  // DMS_HTTP_DMSART_H
+#endif  // DMS_ART_DMSART_H
