@@ -1,8 +1,8 @@
 // Serving figures: Browse of a 100-child folder and BrowseMetadata of one item
 // (requests per second, p50 and p99 latency and server CPU per request, with
-// 1 and 8 clients) and streaming of a 1 GiB file (MB/s with
-// 1 and 4 streams), from the SDK's /web path and from the media server with
-// 16 paused players attached, beside reading the same file with `cat`.
+// 1 and 8 clients) and streaming of a 1 GiB file (MB/s and server CPU per
+// GiB with 1 and 4 streams), alone and with 16 paused players attached,
+// beside reading the same file with `cat`.
 //
 // It starts a real server on 127.0.0.1: run it inside a private network
 // namespace, e.g.
@@ -123,28 +123,37 @@ int64_t download(int port, const std::string &path) {
   return headerBytes < 0 ? 0 : total - headerBytes;
 }
 
+// Streams `streams` copies at once; prints the throughput and the server's
+// CPU per GiB sent (the process's CPU less the client threads').
 void benchStream(int port, const std::string &path, int streams, int64_t size, const char *label) {
   auto start = Clock::now();
+  const double processBefore = cpuSeconds(CLOCK_PROCESS_CPUTIME_ID);
   std::vector<std::thread> threads;
+  std::vector<double> clientCpu(static_cast<size_t>(streams));
   std::atomic<int64_t> received{0};
   for (int s = 0; s < streams; ++s) {
-    threads.emplace_back([&] {
+    threads.emplace_back([&, s] {
+      const double before = cpuSeconds(CLOCK_THREAD_CPUTIME_ID);
       received += download(port, path);
+      clientCpu[static_cast<size_t>(s)] = cpuSeconds(CLOCK_THREAD_CPUTIME_ID) - before;
     });
   }
   for (auto &thread : threads) thread.join();
   double elapsed = secondsSince(start);
-  std::printf("stream 1 GiB %-22s streams %d  %7.0f MB/s  (%s)\n", label, streams,
-              received.load() / elapsed / 1e6,
+  double serverCpu = cpuSeconds(CLOCK_PROCESS_CPUTIME_ID) - processBefore;
+  for (double cpu : clientCpu) serverCpu -= cpu;
+  const double gib = static_cast<double>(received.load()) / static_cast<double>(int64_t{1} << 30);
+  std::printf("stream 1 GiB %-22s streams %d  %7.0f MB/s  server CPU %.3f s/GiB  (%s)\n", label, streams,
+              received.load() / elapsed / 1e6, gib > 0 ? serverCpu / gib : 0.0,
               received.load() == size * streams ? "complete" : "INCOMPLETE");
 }
 
-// Streams from the SDK's /web path, then from the media server with 16
-// players on pause attached, beside `cat` of the same file.
-void benchStreaming(dmsHandle *server, int sdkPort, const fs::path &big, int64_t bigSize) {
+// Streams from the server's port, then again with 16 players on pause
+// attached, beside `cat` of the same file.
+void benchStreaming(dmsHandle *server, const fs::path &big, int64_t bigSize) {
   const std::string bigPath = "/web/1002.wav";
-  benchStream(sdkPort, bigPath, 1, bigSize, "SDK /web");
-  benchStream(sdkPort, bigPath, 4, bigSize, "SDK /web");
+  benchStream(dlna_dmsGetMediaPort(server), bigPath, 1, bigSize, "");
+  benchStream(dlna_dmsGetMediaPort(server), bigPath, 4, bigSize, "");
   {
     // Players on pause: each read a little of the stream and stopped.
     std::vector<std::unique_ptr<dmstest::RawConnection>> paused;
@@ -154,8 +163,8 @@ void benchStreaming(dmsHandle *server, int sdkPort, const fs::path &big, int64_t
       paused.back()->send("GET " + bigPath + " HTTP/1.1\r\nHost: 127.0.0.1\r\n\r\n");
       paused.back()->receive(16384);
     }
-    benchStream(mediaPort, bigPath, 1, bigSize, "media, 16 paused");
-    benchStream(mediaPort, bigPath, 4, bigSize, "media, 16 paused");
+    benchStream(mediaPort, bigPath, 1, bigSize, "16 paused");
+    benchStream(mediaPort, bigPath, 4, bigSize, "16 paused");
   }
   auto start = Clock::now();
   std::string command = "cat '" + big.string() + "' > /dev/null";
@@ -217,7 +226,7 @@ int main(int argc, char **argv) {
   benchBrowse(config.port, "browse metadata", "1004", "BrowseMetadata", 1, 2000);
   benchBrowse(config.port, "browse metadata", "1004", "BrowseMetadata", 8, 250);
   // "serve_bench WWW browse" stops here, for profiling the Browse path.
-  if (argc <= 2 || std::string(argv[2]) != "browse") benchStreaming(server, config.port, big, bigSize);
+  if (argc <= 2 || std::string(argv[2]) != "browse") benchStreaming(server, big, bigSize);
   dlna_dmsStop(server);
   dlna_dmsDestroy(server);
   std::free(server);

@@ -91,32 +91,30 @@ DMS_EXPORT int32_t dlna_dmsInit(void);
 /* Library tear-down: call once after the last server was destroyed. */
 DMS_EXPORT int32_t dlna_dmsDeinit(void);
 
-/* Creates a server: brings up the UPnP SDK on config->ipAddress:port, scans
- * the shared folders and prepares the services.  On success *out is set and
- * config->port holds the bound port.  The media files are streamed by a
- * second HTTP server on the same address, listening from here on, on
- * config->port + 1 or, when that is taken, on any free port (see
- * dlna_dmsSetMediaPort).  Only one server per process. */
+/* Creates a server: scans the shared folders, prepares the services and
+ * opens the server's HTTP server on config->ipAddress:port (0: any free
+ * port), which answers everything from here on: description, control,
+ * event subscriptions and media.  The UPnP SDK is brought up on the same
+ * address for discovery only, on a port of its own.  On success *out is
+ * set and config->port holds the bound port; DMS_ERR_FAILURE when the port
+ * is taken.  Only one server per process. */
 DMS_EXPORT int32_t dlna_dmsCreate(dmsHandle **out, dmsConfig *config,
                                   const dmsDeviceInfo *deviceInfo);
 /* Registers and announces the device; starts the advertiser thread. */
 DMS_EXPORT int32_t dlna_dmsStart(dmsHandle *handle);
-/* Stops announcing, unregisters the device and closes the media server with
+/* Stops announcing, unregisters the device and closes the HTTP server with
  * every stream in progress, whatever the players do; returns within a second
- * or so.  Start opens the media server again on the same port. */
+ * or so.  Start opens it again on the same port. */
 DMS_EXPORT int32_t dlna_dmsStop(dmsHandle *handle);
 /* Stops (when started) and releases everything but the handle record. */
 DMS_EXPORT int32_t dlna_dmsDestroy(dmsHandle *handle);
 
-/* Moves the media server to `port` (0: any free port; 1 to 65535).  Only on
- * a server that is created or stopped, not started (DMS_ERR_SYNC): call it
- * between dlna_dmsCreate and dlna_dmsStart.  The DIDL res URLs of later
- * answers name the new port.  DMS_ERR_INVALID_PARAM for a NULL handle or a
- * port out of range; DMS_ERR_FAILURE when `port` cannot be bound, and the
- * server keeps its previous port. */
+/* Kept for hosts written for a separate media port: media are served on the
+ * one HTTP port, and this changes nothing (0; DMS_ERR_INVALID_PARAM for a
+ * NULL handle or a port out of range). */
 DMS_EXPORT int32_t dlna_dmsSetMediaPort(dmsHandle *handle, int32_t port);
-/* The port the media server listens on, or 0 while it is closed (after
- * dlna_dmsStop) and for NULL.  Not a status code. */
+/* The port media are served on (the HTTP port), or 0 while the server is
+ * closed (after dlna_dmsStop) and for NULL.  Not a status code. */
 DMS_EXPORT int32_t dlna_dmsGetMediaPort(const dmsHandle *handle);
 
 /* Figures of the cache of thumbnails and album art (made on first request). */

@@ -186,7 +186,9 @@ int32_t openFrontDoor(dmsHandle *handle) {
   return DMS_SUCCESS;
 }
 
-// Subscriptions of the three services, fed by the event manager.
+// Subscriptions of the three services, fed by the event manager.  The sink
+// is written here, before any thread can send, and cleared by tear-down
+// after the services (and the moderator's thread) are gone.
 void createEventing(dmsHandle *handle) {
   dmsDevEventMgr *mgr = handle->eventMgr;
   handle->gena = std::make_unique<dmsGena>(DMS_SERVICE_COUNT, dmsGenaLimits{}, [mgr](size_t service) {
@@ -201,6 +203,9 @@ void createEventing(dmsHandle *handle) {
 int32_t createServices(dmsHandle *handle) {
   int32_t result = dmsDevEventMgrInit(&handle->eventMgr, -1, handle->uuid);
   if (result != 0) return traceSdkFailure(result, "dmsDevEventMgrInit", result);
+  // Before the ContentDirectory: its moderator sends through the sink from
+  // its own thread as soon as it exists.
+  createEventing(handle);
   result = dmsCdsMgrInit(&handle->cdsContext, handle->eventMgr, handle->contentList,
                          handle->config.ipAddress, handle->config.port);
   if (result != 0) return traceSdkFailure(result, "dmsCdsMgrInit", result);
@@ -213,7 +218,6 @@ int32_t createServices(dmsHandle *handle) {
   if (result != 0) return traceSdkFailure(result, "dmsCdsMgrInit", result);
   result = dmsMsMrsInit(&handle->msMrsContext, handle->eventMgr);
   if (result != 0) return traceSdkFailure(result, "dmsCdsMgrInit", result);
-  createEventing(handle);
   return DMS_SUCCESS;
 }
 

@@ -219,7 +219,6 @@ MHD_Daemon *startDaemon(dmsHttpServer *server, const sockaddr_in &where) {
                           MHD_OPTION_PER_IP_CONNECTION_LIMIT, static_cast<unsigned>(limits.perAddress),
                           MHD_OPTION_CONNECTION_TIMEOUT, static_cast<unsigned>(limits.idleSeconds),
                           MHD_OPTION_CONNECTION_MEMORY_LIMIT, static_cast<size_t>(32 * 1024),
-                          MHD_OPTION_LISTENING_ADDRESS_REUSE, 1u,
                           MHD_OPTION_THREAD_POOL_SIZE, threads,
                           MHD_OPTION_END);
 }
