@@ -46,6 +46,7 @@ const OptionRow kOptions[] = {
     {"max-content", true, [](HostOptions &o, const std::string &v) { return parseNumber(v, 1, 100000000, o.maxContent); }},
     {"art-cache-mb", true, [](HostOptions &o, const std::string &v) { return parseNumber(v, 0, 4096, o.artCacheMb); }},
     {"filter", false, [](HostOptions &o, const std::string &v) { return parseSwitch(v, o.filter); }},
+    {"wide-links", false, [](HostOptions &o, const std::string &v) { return parseSwitch(v, o.wideLinks); }},
     {"trace", true, [](HostOptions &o, const std::string &v) { return parseMask(v) && (o.trace = v, true); }},
     {"www", true, [](HostOptions &o, const std::string &v) { return !v.empty() && (o.www = v, true); }},
 };
@@ -127,6 +128,7 @@ void printHostUsage(FILE *out) {
                "  --art-cache-mb N    memory kept for thumbnails and album art, in MiB\n"
                "                      (default 8; 0 makes every picture anew)\n"
                "  --filter            offer only well-known media extensions to detection\n"
+               "  --wide-links        follow symbolic links that lead out of the folders\n"
                "  --trace MASK        trace level mask, hexadecimal (default 0x0003)\n"
                "  --www DIR           folder with the description files and icons\n"
                "  --help              show this text\n"

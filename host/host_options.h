@@ -22,6 +22,7 @@ struct HostOptions {
   int maxContent = 100000;
   int artCacheMb = 8;  // memory for thumbnails and album art
   bool filter = false;
+  bool wideLinks = false;  // links may lead out of the shared folders
   std::string trace;  // trace level mask; empty: errors and warnings
   std::string www;    // empty: the installed or source-tree www directory
   std::vector<std::string> folders;

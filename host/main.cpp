@@ -121,6 +121,9 @@ void reload(dmsHandle *server, const HostCommandLine &line, HostOptions &running
   if (fresh.name != running.name && dlna_dmsUpdateFriendlyName(server, fresh.name.c_str()) == DMS_SUCCESS) {
     running.name = fresh.name;
   }
+  if (fresh.wideLinks != running.wideLinks && dlna_dmsSetWideLinks(server, fresh.wideLinks ? 1 : 0) == DMS_SUCCESS) {
+    running.wideLinks = fresh.wideLinks;
+  }
   if (fresh.artCacheMb != running.artCacheMb) {
     dlna_dmsSetArtCacheSize(server, static_cast<uint64_t>(fresh.artCacheMb) * 1024 * 1024);
     running.artCacheMb = fresh.artCacheMb;
@@ -184,6 +187,7 @@ int serve(const HostCommandLine &line, HostOptions &options) {
   }
   int exitCode = 0;
   dlna_dmsSetArtCacheSize(server, static_cast<uint64_t>(options.artCacheMb) * 1024 * 1024);
+  if (options.wideLinks) dlna_dmsSetWideLinks(server, 1);
   if (options.mediaPort >= 0 && dlna_dmsSetMediaPort(server, options.mediaPort) != DMS_SUCCESS) {
     exitCode = fail("cannot set the media port");
     dlna_dmsDestroy(server);

@@ -109,6 +109,14 @@ DMS_EXPORT int32_t dlna_dmsStop(dmsHandle *handle);
 /* Stops (when started) and releases everything but the handle record. */
 DMS_EXPORT int32_t dlna_dmsDestroy(dmsHandle *handle);
 
+/* Whether symbolic links may lead out of the shared folders (0: no, the
+ * default; 1: yes, for users who link their media there on purpose).  With
+ * 0 a link whose target lies outside every shared folder is neither listed,
+ * followed nor served.  A change brings the list to the disk under the new
+ * rule at once (what such links lead to comes or goes; everything else keeps
+ * its id).  0, or DMS_ERR_INVALID_PARAM for a NULL handle. */
+DMS_EXPORT int32_t dlna_dmsSetWideLinks(dmsHandle *handle, int32_t enabled);
+
 /* Kept for hosts written for a separate media port: media are served on the
  * one HTTP port, and this changes nothing (0; DMS_ERR_INVALID_PARAM for a
  * NULL handle or a port out of range). */

@@ -7,6 +7,8 @@
 
 #include "api/dlna_dmsApi.h"
 #include "content/dmsClmApi.h"
+#include "content/dmsClmChange.h"
+#include "content/dmsFsmApi.h"
 #include "util/osal_trace.h"
 
 namespace {
@@ -74,7 +76,25 @@ int32_t deleteSharedPath(dmsHandle *handle, const char *sharedPath) {
   return restartAfterChange(handle);
 }
 
+// Allows or refuses links out of the shares, and brings the list to the
+// disk under the new rule at once (as after lost events): what a link out
+// leads to comes or goes, everything else keeps its id.
+int32_t setWideLinks(dmsHandle *handle, bool enabled) {
+  dmsContentListInfo *list = handle->contentList;
+  std::lock_guard changing(list->changeMutex);
+  if (list->wideLinks.exchange(enabled) == enabled) return DMS_SUCCESS;
+  return clmFsmNotificationCallBack(list, nullptr, nullptr, nullptr, FSM_EVENT_RESCAN);
+}
+
 }  // namespace
+
+extern "C" DMS_EXPORT int32_t dlna_dmsSetWideLinks(dmsHandle *handle, int32_t enabled) {
+  if (handle == nullptr || handle->contentList == nullptr) {
+    DMS_TRACE(OSAL_TRACE_ERR, "Error in Input Parameters\n");
+    return DMS_ERR_INVALID_PARAM;
+  }
+  return dmsApiGuard("dlna_dmsSetWideLinks", [&] { return setWideLinks(handle, enabled != 0); });
+}
 
 extern "C" DMS_EXPORT int32_t dlna_dmsRestart(dmsHandle *handle) {
   if (handle == nullptr) {

@@ -1,5 +1,7 @@
 #include "art/dmsArt.h"
 
+#include <unistd.h>
+
 #include <cstdio>
 #include <cstring>
 #include <limits>
@@ -7,6 +9,7 @@
 
 #include "tags/dmsClmPicture.h"
 #include "art/dmsArtImage.h"
+#include "content/dmsClmShares.h"
 #include "util/dmsGuard.h"
 #include "util/osal_trace.h"
 
@@ -180,6 +183,11 @@ dmsArtCache::Picture dmsArtGet(dmsContentListInfo *list, dmsArtCache *cache, uin
       if (cached != nullptr) *cached = true;
       return kept;
     }
+    // The picture's file is read only while it is a regular file inside the
+    // shares (a link or FIFO swapped in since the scan is refused).
+    const int checked = dmsClmOpenShared(list, source.path);
+    if (checked < 0) return nullptr;
+    ::close(checked);
     dmsArtJpeg made;
     if (!make(source, kind, made)) {
       DMS_TRACE(OSAL_TRACE_INFO, "No picture can be made of [%s]\n", source.path.c_str());

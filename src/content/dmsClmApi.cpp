@@ -1,5 +1,7 @@
 #include "content/dmsClmApi.h"
 
+#include "content/dmsClmShares.h"
+
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -81,6 +83,9 @@ void addSharedPaths(dmsContentListInfo *list, const std::vector<SharedPath> &pat
   {
     auto reading = dmsClmReadLock(list);
     budget = {list->entryCount, list->maxContent};
+  }
+  for (const SharedPath &shared : paths) {
+    if (shared.type == DMS_CLM_TYPE_CONTAINER) dmsClmSharesAdd(list, shared.path);
   }
   dmsPendingEntry top;  // stands for the root
   for (const SharedPath &shared : paths) {
@@ -284,6 +289,7 @@ int32_t dmsClmRemoveFromContentList(dmsContentListInfo *list, const char *shared
     if (shared[i]->path == sharedPath) {
       DMS_TRACE(OSAL_TRACE_INFO, "Remove Child-%d with path [%s] from the list\n", static_cast<int>(i), sharedPath);
       freeEntry(list, shared[i], FreeMode::Detach);
+      dmsClmSharesRemove(list, sharedPath);
       return DMS_SUCCESS;
     }
   }

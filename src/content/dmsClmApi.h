@@ -29,11 +29,13 @@
 #ifndef DMS_CONTENT_DMS_CLM_API_H
 #define DMS_CONTENT_DMS_CLM_API_H
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <mutex>
 #include <shared_mutex>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "content/dmsClmIdIndex.h"
@@ -108,6 +110,11 @@ struct dmsContentListInfo {
 
   int32_t maxContent = 0;  // entry budget (raised by one per folder when filtering)
   int32_t entryCount = 0;  // entries made, the root not counted
+
+  // The shared folders as given and as resolved, and whether links may lead
+  // out of them (see content/dmsClmShares.h for the discipline).
+  std::vector<std::pair<std::string, std::string>> shareRoots;
+  std::atomic<bool> wideLinks{false};
 };
 
 // Creates the list and scans `sharedPaths` (each under its own container; a

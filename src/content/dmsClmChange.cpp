@@ -9,6 +9,7 @@
 
 #include "tags/dmsClmPicture.h"
 #include "content/dmsClmScan.h"
+#include "content/dmsClmShares.h"
 #include "content/dmsFsmApi.h"
 #include "services/dmsCdsMgrApi.h"
 #include "util/osal_trace.h"
@@ -71,9 +72,15 @@ void fileWritten(dmsContentListInfo *list, dmsContentEntry *container, const std
                  ChangedContainers &changes) {
   const std::string path = joinPath(dmsClmEntryPath(container), name);
   struct stat status {};
-  if (::stat(path.c_str(), &status) != 0 || !S_ISREG(status.st_mode) || !keepsName(name, false)) return;
-  noteCover(list, container, name, true);
+  if (::stat(path.c_str(), &status) != 0 || !keepsName(name, false)) return;
   dmsContentEntry *listed = dmsClmFindChild(container, name);
+  // A listed file replaced by a FIFO, a device or a link out of the shares
+  // goes; such a name is never listed.
+  if (!S_ISREG(status.st_mode) || !dmsClmLinkStaysInside(list, path)) {
+    if (listed != nullptr && listed->type == DMS_CLM_TYPE_ITEM) detach(list, listed, changes);
+    return;
+  }
+  noteCover(list, container, name, true);
   if (listed != nullptr && listed->type != DMS_CLM_TYPE_ITEM) return;
   // A refresh takes nothing from the budget; a new file is checked against it.
   dmsScanBudget budget{listed != nullptr ? 0 : list->entryCount, list->maxContent};
@@ -126,7 +133,7 @@ struct DiskName {
   bool operator<(const DiskName &other) const { return name < other.name; }
 };
 
-std::vector<DiskName> readFolder(const std::string &path) {
+std::vector<DiskName> readFolder(const dmsContentListInfo *list, const std::string &path) {
   std::vector<DiskName> names;
   DIR *directory = ::opendir(path.c_str());
   if (directory == nullptr) return names;
@@ -137,6 +144,7 @@ std::vector<DiskName> readFolder(const std::string &path) {
     if (::stat(joinPath(path, name).c_str(), &status) != 0) continue;
     const bool isDirectory = S_ISDIR(status.st_mode);
     if (!isDirectory && !S_ISREG(status.st_mode)) continue;
+    if (!dmsClmLinkStaysInside(list, joinPath(path, name))) continue;
     names.push_back({name, isDirectory, static_cast<int64_t>(status.st_size)});
   }
   ::closedir(directory);
@@ -147,7 +155,7 @@ std::vector<DiskName> readFolder(const std::string &path) {
 // Brings a listed folder back to the disk: what vanished goes, what is new
 // comes, what changed size is refreshed, and what stayed keeps its id.
 void reconcile(dmsContentListInfo *list, dmsContentEntry *folder, ChangedContainers &changes) {
-  const std::vector<DiskName> disk = readFolder(dmsClmEntryPath(folder));
+  const std::vector<DiskName> disk = readFolder(list, dmsClmEntryPath(folder));
   std::vector<dmsContentEntry *> gone;
   for (dmsContentEntry *child : folder->container->children) {
     auto found = std::lower_bound(disk.begin(), disk.end(), DiskName{std::string(nameOf(child)), false, 0});

@@ -1,5 +1,7 @@
 #include "content/dmsClmScan.h"
 
+#include "content/dmsClmShares.h"
+
 #include <dirent.h>
 #include <sys/stat.h>
 
@@ -47,6 +49,7 @@ using FolderIdentity = std::pair<dev_t, ino_t>;
 struct DirectoryName {
   std::string name;
   bool isDirectory;  // from the directory entry's type; unknown types are stat'ed
+  bool maybeLink;    // a symbolic link, or of a type the folder does not say
 };
 
 // The names of `path`, byte-wise sorted, filtered while the host flag is set.
@@ -64,7 +67,7 @@ int readNames(const std::string &path, std::vector<DirectoryName> &names) {
       isDirectory = ::stat(full.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
     }
     if (filtering && !dmsClmScanFilterKeeps(entry->d_name, isDirectory)) continue;
-    names.push_back({entry->d_name, isDirectory});
+    names.push_back({entry->d_name, isDirectory, entry->d_type == DT_UNKNOWN || entry->d_type == DT_LNK});
   }
   ::closedir(directory);
   std::sort(names.begin(), names.end(),
@@ -229,6 +232,10 @@ int32_t walkFolder(dmsContentListInfo *list, dmsPendingEntry &folder, dmsScanBud
       std::perror("osal_stat():  ");
       continue;
     }
+    // Only folders and regular files: a FIFO, socket or device is never
+    // opened, and nothing a link leads out of the shares to is listed.
+    if (!S_ISDIR(status.st_mode) && !S_ISREG(status.st_mode)) continue;
+    if (name.maybeLink && !dmsClmLinkStaysInside(list, path)) continue;
     uint32_t type = S_ISDIR(status.st_mode) ? DMS_CLM_TYPE_CONTAINER : DMS_CLM_TYPE_ITEM;
     if (type == DMS_CLM_TYPE_CONTAINER &&
         std::find(ancestors.begin(), ancestors.end(), FolderIdentity{status.st_dev, status.st_ino}) !=

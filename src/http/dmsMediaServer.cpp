@@ -19,6 +19,7 @@
 
 #include "dlna_dms.h"
 #include "art/dmsArt.h"
+#include "content/dmsClmShares.h"
 #include "http/dmsAvtHttpMedia.h"
 #include "util/dlnaUtil_didl.h"
 #include "util/dmsGuard.h"
@@ -204,7 +205,8 @@ MHD_Result answerMedia(dmsContentListInfo *contentList, dmsArtCache *artCache, M
   if (!dmsAvtHttpParseMediaId(url, &id) || !dmsAvtHttpFindMedia(contentList, id, media)) {
     return dmsHttpQueueEmpty(connection, MHD_HTTP_NOT_FOUND);
   }
-  FileDescriptor file(::open(media.path.c_str(), O_RDONLY | O_CLOEXEC));
+  // Never blocks on a FIFO swapped in, never leaves the shares.
+  FileDescriptor file(dmsClmOpenShared(contentList, media.path));
   struct stat status {};
   if (file.get() < 0 || ::fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode)) {
     DMS_TRACE(OSAL_TRACE_INFO, "File [%s] cannot be accessed\n", media.path.c_str());

@@ -1,0 +1,127 @@
+// Nothing outside the shared folders is listed or served, and nothing but
+// regular files is opened: links out of the share (to a file, a folder,
+// /etc/passwd), a FIFO, a socket, and files swapped for such while the
+// server runs.
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <filesystem>
+#include <set>
+
+#include "dms_test.h"
+
+using namespace dmstest;
+namespace fs = std::filesystem;
+
+namespace {
+
+constexpr char kMp3[] = "audio/mp3/mpeg1-44k-cbr128.mp3";
+
+// A UNIX socket bound at `path`, kept open for the test.
+class BoundSocket {
+ public:
+  explicit BoundSocket(const std::string &path) : fd_(::socket(AF_UNIX, SOCK_STREAM, 0)) {
+    sockaddr_un where{};
+    where.sun_family = AF_UNIX;
+    std::snprintf(where.sun_path, sizeof where.sun_path, "%s", path.c_str());
+    ::bind(fd_, reinterpret_cast<sockaddr *>(&where), sizeof where);
+  }
+  ~BoundSocket() { ::close(fd_); }
+  BoundSocket(const BoundSocket &) = delete;
+  BoundSocket &operator=(const BoundSocket &) = delete;
+
+ private:
+  int fd_;
+};
+
+std::set<std::string> titlesIn(int port, const std::string &id) {
+  std::set<std::string> titles;
+  for (const DidlObject &object : children(port, id)) titles.insert(object.title());
+  return titles;
+}
+
+std::string pathOf(const DidlObject &item) {
+  const std::string url = item.res.at(0).at("url");
+  return url.substr(url.find('/', 7));
+}
+
+class ShareBoundaryTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    tree_.copy(kMp3, "outside/secret.mp3");
+    tree_.copy(kMp3, "outside/folder/inner.mp3");
+    tree_.copy(kMp3, "share/inside.mp3");
+    tree_.copy(kMp3, "share/victim.mp3");
+    tree_.copy(kMp3, "share/sub/deeper.mp3");
+    fs::create_symlink("inside.mp3", tree_ / "share/link_in.mp3");
+    fs::create_symlink(tree_ / "share/sub", tree_ / "share/link_sub");
+    fs::create_symlink(tree_ / "outside/secret.mp3", tree_ / "share/link_out.mp3");
+    fs::create_symlink(tree_ / "outside/folder", tree_ / "share/link_folder");
+    fs::create_symlink("/etc/passwd", tree_ / "share/link_passwd.pcm");
+    ::mkfifo((tree_ / "share/fifo.mp3").c_str(), 0644);
+    tree_.write("share/empty.mp3", "");
+    socket_ = std::make_unique<BoundSocket>(tree_ / "share/socket.mp3");
+  }
+  std::string shareId(int port) { return lookup(port, "share").id(); }
+
+  TempDir tree_;
+  std::unique_ptr<BoundSocket> socket_;
+};
+
+TEST_F(ShareBoundaryTest, OnlyWhatLiesInsideIsListed) {
+  RunningServer server;
+  ASSERT_TRUE(server.start({tree_ / "share"}));
+  const std::string share = shareId(server.port());
+  ASSERT_FALSE(share.empty());
+  EXPECT_EQ(titlesIn(server.port(), share),
+            (std::set<std::string>{"inside", "link_in", "link_sub", "sub", "victim"}));
+  // Nothing outside is found by Search either.
+  const CdsAnswer all = search(server.port(), "0", "upnp:class derivedfrom \"object.item.audioItem\"");
+  EXPECT_EQ(all.totalMatches, 5);  // inside, link_in, victim, deeper twice
+  for (const DidlObject &item : all.objects) EXPECT_NE(item.title(), "secret");
+}
+
+TEST_F(ShareBoundaryTest, LinksOutAreListedOnlyWhenAllowed) {
+  RunningServer server;
+  ASSERT_TRUE(server.start({tree_ / "share"}));
+  ASSERT_EQ(dlna_dmsSetWideLinks(server.handle(), 1), 0);
+  const std::string share = shareId(server.port());
+  EXPECT_TRUE(titlesIn(server.port(), share).count("link_out"));
+  ASSERT_EQ(dlna_dmsSetWideLinks(server.handle(), 0), 0);
+  EXPECT_FALSE(titlesIn(server.port(), share).count("link_out"));
+  EXPECT_FALSE(titlesIn(server.port(), share).count("link_passwd"));
+  EXPECT_EQ(dlna_dmsSetWideLinks(nullptr, 1), DMS_ERR_INVALID_PARAM);
+}
+
+// A listed file swapped for a link out or a FIFO while the server runs is
+// never served, and other files stream on.
+TEST_F(ShareBoundaryTest, FilesSwappedAfterTheScanAreNotServed) {
+  RunningServer server;
+  ASSERT_TRUE(server.start({tree_ / "share"}));
+  const std::string share = shareId(server.port());
+  std::string victim, inside;
+  for (const DidlObject &item : children(server.port(), share)) {
+    if (item.title() == "victim") victim = pathOf(item);
+    if (item.title() == "inside") inside = pathOf(item);
+  }
+  ASSERT_FALSE(victim.empty());
+  const std::string secret = readFile(tree_ / "outside/secret.mp3");
+  // Swapped in by rename, as an attacker with write access to the share would.
+  fs::create_symlink(tree_ / "outside/secret.mp3", tree_ / "share/.swap");
+  fs::rename(tree_ / "share/.swap", tree_ / "share/victim.mp3");
+  HttpResponse answer = httpGet(server.port(), victim);
+  EXPECT_EQ(answer.status, 404);
+  EXPECT_EQ(answer.body.find(secret.substr(0, 64)), std::string::npos);
+  ::mkfifo((tree_ / "share/.fifo").c_str(), 0644);
+  fs::rename(tree_ / "share/.fifo", tree_ / "share/victim.mp3");
+  EXPECT_EQ(httpGet(server.port(), victim, "", "GET").status, 404);
+  EXPECT_EQ(httpGet(server.port(), inside).status, 200);
+  // The monitor drops the name.
+  EXPECT_TRUE(eventually([&] { return titlesIn(server.port(), share).count("victim") == 0; }));
+}
+
+}  // namespace
