@@ -34,16 +34,12 @@ int32_t compareWatchDescriptors(const void *a, const void *b) {
 // trees are destroyed and the inotify instance closed right after.
 enum class FreeMode { Detach, WholeList };
 
-// Releases `entry` and everything below it.  Exclusive lock held.
-void freeEntry(dmsContentListInfo *list, dmsContentEntry *entry, FreeMode mode) {
+// Releases one entry whose children are gone already.  Exclusive lock held.
+void releaseOne(dmsContentListInfo *list, dmsContentEntry *entry, FreeMode mode) {
   std::unique_ptr<dmsContentEntry> owned(entry);
   if (entry->type != DMS_CLM_TYPE_ITEM) {
     if (mode == FreeMode::Detach && list->monitor != nullptr) {
       dmsFsmRemoveFromMointor(list->monitor, entry);
-    }
-    for (dmsContentEntry *child : entry->container->children) {
-      child->parent = nullptr;  // the parent drops its whole array below
-      freeEntry(list, child, mode);
     }
     entry->container->children.clear();
   }
@@ -66,6 +62,20 @@ void freeEntry(dmsContentListInfo *list, dmsContentEntry *entry, FreeMode mode) 
   }
   if (entry == list->root) list->root = nullptr;
   if (entry->type != DMS_CLM_TYPE_ROOT) --list->entryCount;
+}
+
+// Releases `entry` and everything below it, children before their parents,
+// without recursion: folders may nest thousands deep.  Exclusive lock held.
+void freeEntry(dmsContentListInfo *list, dmsContentEntry *entry, FreeMode mode) {
+  std::vector<dmsContentEntry *> order{entry};  // parents before their children
+  for (size_t i = 0; i < order.size(); ++i) {
+    if (order[i]->type == DMS_CLM_TYPE_ITEM) continue;
+    for (dmsContentEntry *child : order[i]->container->children) {
+      child->parent = nullptr;  // its parent drops its whole array
+      order.push_back(child);
+    }
+  }
+  for (auto at = order.rbegin(); at != order.rend(); ++at) releaseOne(list, *at, mode);
 }
 
 // One shared path as given.

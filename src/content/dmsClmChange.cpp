@@ -101,16 +101,16 @@ void fileWritten(dmsContentListInfo *list, dmsContentEntry *container, const std
   changes.push_back(container->id);
 }
 
-void reconcile(dmsContentListInfo *list, dmsContentEntry *folder, ChangedContainers &changes);
-
-// A folder created or moved in: its entry and watch first, then its contents,
-// so that nothing made in it meanwhile slips between the scan and the watch.
-void folderCreated(dmsContentListInfo *list, dmsContentEntry *container, const std::string &name,
-                   ChangedContainers &changes) {
+// The entry of a folder created or moved in, made (with its watch) when it
+// is new; its contents are the caller's to bring in, after the watch, so
+// that nothing made in it meanwhile slips between the scan and the watch.
+// NULL when the name is no folder to list.
+dmsContentEntry *folderEntry(dmsContentListInfo *list, dmsContentEntry *container, const std::string &name,
+                             ChangedContainers &changes) {
   const std::string path = joinPath(dmsClmEntryPath(container), name);
   struct stat status {};
   // A link to a folder is not followed: it could lead back up the tree.
-  if (::lstat(path.c_str(), &status) != 0 || !S_ISDIR(status.st_mode) || !keepsName(name, true)) return;
+  if (::lstat(path.c_str(), &status) != 0 || !S_ISDIR(status.st_mode) || !keepsName(name, true)) return nullptr;
   dmsContentEntry *folder = dmsClmFindChild(container, name);
   if (folder == nullptr) {
     dmsPendingEntry pending;
@@ -118,11 +118,18 @@ void folderCreated(dmsContentListInfo *list, dmsContentEntry *container, const s
     pending.type = DMS_CLM_TYPE_CONTAINER;
     std::unique_lock writing(list->rwLock);
     folder = createEntryAndAddToList(list, pending, container);
-    if (folder == nullptr) return;
+    if (folder == nullptr) return nullptr;
     insertChild(container, folder);
     changes.push_back(container->id);
   }
-  if (folder->type == DMS_CLM_TYPE_CONTAINER) reconcile(list, folder, changes);
+  return folder->type == DMS_CLM_TYPE_CONTAINER ? folder : nullptr;
+}
+
+void reconcile(dmsContentListInfo *list, dmsContentEntry *folder, ChangedContainers &changes);
+
+void folderCreated(dmsContentListInfo *list, dmsContentEntry *container, const std::string &name,
+                   ChangedContainers &changes) {
+  if (dmsContentEntry *folder = folderEntry(list, container, name, changes)) reconcile(list, folder, changes);
 }
 
 // One name in a folder on disk.
@@ -152,9 +159,11 @@ std::vector<DiskName> readFolder(const dmsContentListInfo *list, const std::stri
   return names;
 }
 
-// Brings a listed folder back to the disk: what vanished goes, what is new
-// comes, what changed size is refreshed, and what stayed keeps its id.
-void reconcile(dmsContentListInfo *list, dmsContentEntry *folder, ChangedContainers &changes) {
+// Brings one listed folder back to the disk: what vanished goes, what is new
+// comes, what changed size is refreshed, and what stayed keeps its id.  Its
+// sub-folders are added to `below`, for the caller to bring back in turn.
+void reconcileOne(dmsContentListInfo *list, dmsContentEntry *folder, ChangedContainers &changes,
+                  std::vector<dmsContentEntry *> &below) {
   const std::vector<DiskName> disk = readFolder(list, dmsClmEntryPath(folder));
   std::vector<dmsContentEntry *> gone;
   for (dmsContentEntry *child : folder->container->children) {
@@ -164,13 +173,29 @@ void reconcile(dmsContentListInfo *list, dmsContentEntry *folder, ChangedContain
     if (!present) gone.push_back(child);
   }
   for (dmsContentEntry *child : gone) detach(list, child, changes);
+  const size_t first = below.size();
   for (const DiskName &entry : disk) {
     if (entry.isDirectory) {
-      folderCreated(list, folder, entry.name, changes);
+      if (dmsContentEntry *sub = folderEntry(list, folder, entry.name, changes)) below.push_back(sub);
       continue;
     }
     const dmsContentEntry *listed = dmsClmFindChild(folder, entry.name);
     if (listed == nullptr || listed->fileSize != entry.size) fileWritten(list, folder, entry.name, changes);
+  }
+  // Taken from the back: reversed, so sub-folders go in name order.
+  std::reverse(below.begin() + static_cast<std::ptrdiff_t>(first), below.end());
+}
+
+// Brings `folder` and everything below it back to the disk, with a work list
+// instead of recursion: folders may nest thousands deep.  The entries on the
+// list stay valid: only this thread changes the list (change mutex held),
+// and a folder is only detached by its parent's turn, which came before.
+void reconcile(dmsContentListInfo *list, dmsContentEntry *folder, ChangedContainers &changes) {
+  std::vector<dmsContentEntry *> pending{folder};
+  while (!pending.empty()) {
+    dmsContentEntry *next = pending.back();
+    pending.pop_back();
+    reconcileOne(list, next, changes, pending);
   }
 }
 

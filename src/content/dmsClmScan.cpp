@@ -123,9 +123,6 @@ void keepNameOnly(std::string &path) {
   path.shrink_to_fit();
 }
 
-int32_t walkFolder(dmsContentListInfo *list, dmsPendingEntry &folder, dmsScanBudget &budget,
-                   std::vector<FolderIdentity> &ancestors);
-
 // One name of a folder being walked, and for a file what detection made of
 // it when that ran ahead (see detectAhead).
 struct FolderChild {
@@ -174,45 +171,50 @@ void detectAhead(dmsContentListInfo *list, std::vector<FolderChild> &children, c
   for (std::thread &helper : helpers) helper.join();
 }
 
-bool prepareEntry(dmsContentListInfo *list, FolderChild &child, dmsScanBudget &budget, dmsPendingEntry &out,
-                  std::vector<FolderIdentity> &ancestors) {
-  const uint32_t type = child.type;
-  // The budget is taken before detection, so nothing is read for a file
-  // that could not be listed anyway; a file that is not media gives it back.
-  if (!takeFromBudget(budget, type)) return false;
+// Prepares one file of a folder: takes it from the budget (before
+// detection, so nothing is read for a file that could not be listed; a file
+// that is not media gives it back) and detects it unless that ran ahead.
+bool prepareFile(dmsContentListInfo *list, FolderChild &child, dmsScanBudget &budget, dmsPendingEntry &out) {
+  if (!takeFromBudget(budget, child.type)) return false;
   if (child.detected) {
     if (child.media) out = std::move(child.entry);
     else --budget.count;
     return child.media;
   }
   out.path = child.path;
-  out.type = type;
+  out.type = child.type;
   out.fileSize = child.fileSize;
-  if (type == DMS_CLM_TYPE_ITEM) {
-    if (!detectMedia(list, out)) {
-      --budget.count;
-      return false;
-    }
-    keepNameOnly(out.path);
-    return true;
+  if (!detectMedia(list, out)) {
+    --budget.count;
+    return false;
   }
-  walkFolder(list, out, budget, ancestors);
   keepNameOnly(out.path);
   return true;
 }
 
-int32_t walkFolder(dmsContentListInfo *list, dmsPendingEntry &folder, dmsScanBudget &budget,
-                   std::vector<FolderIdentity> &ancestors) {
+// One folder of the walk: its pending entry, the names found in it, and the
+// next one to prepare.
+struct WalkFrame {
+  dmsPendingEntry *folder = nullptr;
+  std::vector<FolderChild> children;
+  size_t next = 0;
+};
+
+// Reads `folder` into `frame`: its cover, its children (folders that lead
+// back up the walk left out) and, where the budget allows, their detection
+// ahead of time.  Pushes the folder onto `ancestors`.  0, or the error of
+// reading the folder (traced).
+int32_t openFrame(dmsContentListInfo *list, dmsPendingEntry &folder, const dmsScanBudget &budget,
+                  std::vector<FolderIdentity> &ancestors, WalkFrame &frame) {
   struct stat self {};
   if (::stat(folder.path.c_str(), &self) != 0) return -errno;
-  FolderIdentity identity{self.st_dev, self.st_ino};
   std::vector<DirectoryName> names;
   int result = readNames(folder.path, names);
   if (result < 0) {
     DMS_TRACE(OSAL_TRACE_ERR, "Error [%d] in scandir() for path [%s]\n", result, folder.path.c_str());
     return result;
   }
-  ancestors.push_back(identity);
+  ancestors.push_back({self.st_dev, self.st_ino});
   int coverRank = 0;
   for (const DirectoryName &name : names) {
     const int rank = name.isDirectory ? 0 : dmsClmCoverRank(name.name);
@@ -222,8 +224,8 @@ int32_t walkFolder(dmsContentListInfo *list, dmsPendingEntry &folder, dmsScanBud
       folder.container->coverName = name.name;
     }
   }
-  std::vector<FolderChild> children;
-  children.reserve(names.size());
+  frame.folder = &folder;
+  frame.children.reserve(names.size());
   for (const DirectoryName &name : names) {
     std::string path = joinPath(folder.path, name.name);
     struct stat status {};
@@ -243,21 +245,51 @@ int32_t walkFolder(dmsContentListInfo *list, dmsPendingEntry &folder, dmsScanBud
       DMS_TRACE(OSAL_TRACE_INFO, "Folder [%s] links back to a folder above it: not listed\n", path.c_str());
       continue;
     }
-    children.push_back({std::move(path), type, status.st_size, false, false, {}});
+    frame.children.push_back({std::move(path), type, status.st_size, false, false, {}});
   }
-  detectAhead(list, children, budget);
-  folder.children.reserve(children.size());
-  for (FolderChild &child : children) {
-    // Once the budget is spent nothing more can be listed (only a listed
-    // folder raises it): the rest of the walk is skipped.
+  detectAhead(list, frame.children, budget);
+  // No reallocation while the walk holds a child folder's address.
+  folder.children.reserve(frame.children.size());
+  return 0;
+}
+
+// Walks the tree below `top` depth first with a stack of its own, so that
+// depth costs heap, not stack: a folder is listed before its contents, and
+// siblings go in name order.  Once the budget is spent nothing more can be
+// listed (only a listed folder raises it): the rest of the walk is skipped.
+int32_t walkFolder(dmsContentListInfo *list, dmsPendingEntry &top, dmsScanBudget &budget) {
+  std::vector<FolderIdentity> ancestors;
+  std::vector<WalkFrame> stack(1);
+  const int32_t result = openFrame(list, top, budget, ancestors, stack.back());
+  if (result < 0) return result;
+  while (!stack.empty()) {
+    WalkFrame &frame = stack.back();
+    if (frame.next == frame.children.size()) {
+      ancestors.pop_back();
+      stack.pop_back();
+      continue;
+    }
+    FolderChild &child = frame.children[frame.next++];
     if (budget.count >= budget.max) {
       takeFromBudget(budget, DMS_CLM_TYPE_ITEM);
-      break;
+      frame.next = frame.children.size();
+      continue;
     }
     dmsPendingEntry pending;
-    if (prepareEntry(list, child, budget, pending, ancestors)) folder.children.push_back(std::move(pending));
+    if (child.type == DMS_CLM_TYPE_ITEM) {
+      if (prepareFile(list, child, budget, pending)) frame.folder->children.push_back(std::move(pending));
+      continue;
+    }
+    if (!takeFromBudget(budget, child.type)) continue;
+    pending.path = std::move(child.path);
+    pending.type = child.type;
+    pending.fileSize = child.fileSize;
+    dmsPendingEntry &folder = frame.folder->children.emplace_back(std::move(pending));
+    WalkFrame next;
+    const bool opened = openFrame(list, folder, budget, ancestors, next) == 0;
+    keepNameOnly(folder.path);  // its children hold their full paths
+    if (opened) stack.push_back(std::move(next));  // `frame` is not used past here
   }
-  ancestors.pop_back();
   return 0;
 }
 
@@ -293,8 +325,7 @@ bool dmsClmPrepareTopEntry(dmsContentListInfo *list, const std::string &path, ui
 
 int32_t scanDirAndAddToList(dmsContentListInfo *list, dmsPendingEntry &folder,
                             dmsScanBudget &budget) {
-  std::vector<FolderIdentity> ancestors;
-  return walkFolder(list, folder, budget, ancestors);
+  return walkFolder(list, folder, budget);
 }
 
 dmsContentEntry *createEntryAndAddToList(dmsContentListInfo *list, dmsPendingEntry &pending,
@@ -333,16 +364,45 @@ dmsContentEntry *createEntryAndAddToList(dmsContentListInfo *list, dmsPendingEnt
 
 void dmsClmAttachChildren(dmsContentListInfo *list, dmsContentEntry *container,
                           dmsPendingEntry &pending) {
-  auto &children = container->container->children;
-  children.reserve(children.size() + pending.children.size());
-  for (dmsPendingEntry &child : pending.children) {
-    dmsContentEntry *entry = createEntryAndAddToList(list, child, container);
+  // Depth first with a stack of its own (folders may nest thousands deep):
+  // a folder takes its id before its contents do.
+  struct Frame {
+    dmsContentEntry *container;
+    dmsPendingEntry *pending;
+    size_t next;
+  };
+  std::vector<Frame> stack{{container, &pending, 0}};
+  container->container->children.reserve(container->container->children.size() + pending.children.size());
+  while (!stack.empty()) {
+    Frame &frame = stack.back();
+    std::vector<dmsPendingEntry> &children = frame.pending->children;
+    if (frame.next == children.size()) {
+      // Freed now, not when the whole walk is: a large library's pending
+      // records would otherwise sit beside its entries until the scan ends.
+      std::vector<dmsPendingEntry>().swap(children);
+      stack.pop_back();
+      continue;
+    }
+    dmsPendingEntry &child = children[frame.next++];
+    dmsContentEntry *entry = createEntryAndAddToList(list, child, frame.container);
     if (entry == nullptr) continue;
-    // A folder takes its id before its contents do.
-    if (entry->type == DMS_CLM_TYPE_CONTAINER) dmsClmAttachChildren(list, entry, child);
-    children.push_back(entry);
+    frame.container->container->children.push_back(entry);
+    if (entry->type == DMS_CLM_TYPE_CONTAINER) {
+      entry->container->children.reserve(child.children.size());
+      stack.push_back({entry, &child, 0});  // `frame` is not used past here
+    }
   }
-  // Freed now, not when the whole walk is: a large library's pending records
-  // would otherwise sit beside its entries until the scan ends.
-  std::vector<dmsPendingEntry>().swap(pending.children);
+}
+
+dmsPendingEntry::~dmsPendingEntry() {
+  // A deep tree is taken apart level by level instead of by nested
+  // destructors, which would use the stack as deep as the folders go.
+  std::vector<dmsPendingEntry> rest;
+  rest.swap(children);
+  while (!rest.empty()) {
+    dmsPendingEntry last = std::move(rest.back());
+    rest.pop_back();
+    for (dmsPendingEntry &child : last.children) rest.push_back(std::move(child));
+    last.children.clear();
+  }
 }

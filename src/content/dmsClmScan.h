@@ -22,6 +22,10 @@
 
 // One file or folder found by a walk, not yet in the list.
 struct dmsPendingEntry {
+  dmsPendingEntry() = default;
+  dmsPendingEntry(dmsPendingEntry &&) noexcept = default;
+  dmsPendingEntry &operator=(dmsPendingEntry &&) noexcept = default;
+  ~dmsPendingEntry();  // takes a deep tree apart without recursion
   // The full path while the file is detected or the folder walked; below a
   // shared folder only the name from then on, as the entry will keep it.
   std::string path;
