@@ -13,6 +13,6 @@ mkdir -p "$out"
   -fno-sanitize-recover=undefined -std=c++20 -D_FILE_OFFSET_BITS=64 -D_LARGEFILE64_SOURCE \
   -Wall -Wextra -I "$root/src" -I "$root/include" \
   "$root/fuzz/detect_fuzz.cpp" "$root"/src/mfd/*.cpp "$root/src/util/osal_trace.cpp" "$root/src/util/dmsGuard.cpp" \
-  "$root/src/http/dmsArtImage.cpp" "$root/src/http/dmsArtDecode.cpp" \
+  "$root/src/art/dmsArtImage.cpp" "$root/src/art/dmsArtDecode.cpp" \
   -lturbojpeg -lpng -o "$out/detect_fuzz"
 echo "built $out/detect_fuzz"
