@@ -52,7 +52,11 @@ MHD_Result answerMedia(dmsHttpServer &server, MHD_Connection *connection, dmsHtt
   const dmsClientInfo client = dmsHttpClientInfo(connection);
   DMS_TRACE(OSAL_TRACE_INFO, "Media [%s] for [%s] User-Agent [%s]\n", url, client.address.c_str(),
             client.userAgent.c_str());
-  return dmsMediaServerAnswer(connection, url, server.config.contentList, server.config.artCache);
+  dmsMediaWatch watch;
+  const MHD_Result queued = dmsMediaServerAnswer(connection, url, server.config.contentList, server.config.artCache,
+                                                 &watch);
+  if (watch.fd >= 0) dmsHttpWatchFile(server, connection, watch.fd, watch.end);
+  return queued;
 }
 
 MHD_Result answerControl(dmsHttpServer &server, MHD_Connection *connection, dmsHttpRequestState &request,

@@ -26,6 +26,8 @@ struct dmsHttpConnection {
   dmsHttpClock::time_point since;  // connected, or last answer completed
   bool answering = false;          // an answer is queued and not yet completed
   bool closing = false;            // shut down by the server; gone soon
+  int watchedFd = -1;              // the file being sent (a copy); -1: none
+  int64_t watchedEnd = 0;          // the size it must keep for the answer to finish
   std::list<dmsHttpConnection *>::iterator position;
 };
 
@@ -71,6 +73,10 @@ const dmsHttpRoute *dmsHttpFindRoute(const char *method, const char *url, unsign
 
 // Whether a request with this Host header (NULL: none) may be answered.
 bool dmsHttpHostAllowed(const char *host, const std::string &serverAddress);
+
+// Watches the file of the answer on `connection` (takes `fd` over): a file
+// that shrinks below `end` ends the connection.
+void dmsHttpWatchFile(dmsHttpServer &server, MHD_Connection *connection, int fd, int64_t end);
 
 // Who sent the request on `connection`.
 dmsClientInfo dmsHttpClientInfo(MHD_Connection *connection);

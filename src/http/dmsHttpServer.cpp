@@ -5,6 +5,8 @@
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cstdarg>
@@ -42,6 +44,12 @@ void shutDown(dmsHttpServer &server, dmsHttpConnection &victim) {
   victim.closing = true;
   ++server.closing;
   ::shutdown(victim.fd, SHUT_RDWR);
+}
+
+// Stops watching the file of `connection`'s answer.  Lock held.
+void unwatch(dmsHttpConnection &connection) {
+  if (connection.watchedFd >= 0) ::close(connection.watchedFd);
+  connection.watchedFd = -1;
 }
 
 // The connection that has waited longest without an answer in progress.
@@ -89,6 +97,7 @@ void trackConnection(void *cls, MHD_Connection *connection, void **socketContext
     if (!state) return;
     std::lock_guard guard(server.lock);
     if (state->closing) --server.closing;
+    unwatch(*state);
     server.connections.erase(state->position);
   });
 }
@@ -98,7 +107,10 @@ void setAnswering(dmsHttpServer &server, MHD_Connection *connection, bool answer
   if (state == nullptr) return;
   std::lock_guard guard(server.lock);
   state->answering = answering;
-  if (!answering) state->since = dmsHttpClock::now();
+  if (!answering) {
+    state->since = dmsHttpClock::now();
+    unwatch(*state);
+  }
 }
 
 // The first call for a request: its header is in.  Refusals are queued
@@ -177,7 +189,16 @@ void onCompleted(void *cls, MHD_Connection *connection, void **requestContext,
   });
 }
 
-// Closes connections that have not sent a whole request in time.
+// Whether the file of `connection`'s answer has shrunk below what the
+// answer still has to send (sendfile would wait on it for ever).
+bool fileCutShort(const dmsHttpConnection &connection) {
+  struct stat status {};
+  return connection.watchedFd >= 0 && ::fstat(connection.watchedFd, &status) == 0 &&
+         status.st_size < connection.watchedEnd;
+}
+
+// Closes connections that have not sent a whole request in time, and those
+// whose file was cut short under the answer.
 void sweep(dmsHttpServer *server) {
   dmsGuardVoid("dmsHttpServerSweep", [&] {
     const auto limit = std::chrono::seconds(server->config.limits.headerSeconds);
@@ -186,7 +207,8 @@ void sweep(dmsHttpServer *server) {
       server->wake.wait_for(guard, std::chrono::milliseconds(250));
       const auto now = dmsHttpClock::now();
       for (dmsHttpConnection *connection : server->connections) {
-        if (!connection->answering && !connection->closing && now - connection->since > limit) {
+        if (connection->closing) continue;
+        if ((!connection->answering && now - connection->since > limit) || fileCutShort(*connection)) {
           shutDown(*server, *connection);
         }
       }
@@ -251,6 +273,18 @@ int32_t dmsHttpServerStart(dmsHttpServer **out, const dmsHttpServerConfig &confi
     *out = server.release();
     return DMS_SUCCESS;
   });
+}
+
+void dmsHttpWatchFile(dmsHttpServer &server, MHD_Connection *connection, int fd, int64_t end) {
+  dmsHttpConnection *state = connectionState(connection);
+  std::lock_guard guard(server.lock);
+  if (state == nullptr || !state->answering) {
+    ::close(fd);
+    return;
+  }
+  unwatch(*state);
+  state->watchedFd = fd;
+  state->watchedEnd = end;
 }
 
 int32_t dmsHttpServerPort(const dmsHttpServer *server) { return server == nullptr ? 0 : server->port; }

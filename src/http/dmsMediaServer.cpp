@@ -197,7 +197,7 @@ MHD_Result answerArt(dmsContentListInfo *contentList, dmsArtCache *artCache, MHD
 }
 
 MHD_Result answerMedia(dmsContentListInfo *contentList, dmsArtCache *artCache, MHD_Connection *connection,
-                       const char *url) {
+                       const char *url, dmsMediaWatch *watch) {
   uint32_t id = 0;
   dmsArtKind kind = dmsArtKind::kThumbnail;
   if (dmsArtParseUrl(url, &id, &kind)) return answerArt(contentList, artCache, connection, id, kind);
@@ -222,6 +222,12 @@ MHD_Result answerMedia(dmsContentListInfo *contentList, dmsArtCache *artCache, M
   if (answer == RangeAnswer::kUnsatisfiable) {
     return dmsHttpQueueEmpty(connection, MHD_HTTP_RANGE_NOT_SATISFIABLE, MHD_HTTP_HEADER_CONTENT_RANGE,
                       "bytes */" + std::to_string(length));
+  }
+  // A copy of the descriptor for the front door to watch the file's size:
+  // sendfile would wait on a file cut short under it.
+  if (watch != nullptr && !media.swapSamples) {
+    watch->fd = ::fcntl(file.get(), F_DUPFD_CLOEXEC, 0);
+    watch->end = media.dataOffset + range.first + range.count;
   }
   MHD_Response *response = bodyResponse(media, file, media.dataOffset + range.first, range.count);
   if (response == nullptr) return MHD_NO;
@@ -266,8 +272,8 @@ bool dmsMediaServerIsMediaUrl(const char *url) {
 }
 
 MHD_Result dmsMediaServerAnswer(MHD_Connection *connection, const char *url, dmsContentListInfo *contentList,
-                                dmsArtCache *artCache) {
-  return answerMedia(contentList, artCache, connection, url);
+                                dmsArtCache *artCache, dmsMediaWatch *watch) {
+  return answerMedia(contentList, artCache, connection, url, watch);
 }
 
 MHD_Result dmsMediaServerAnswerFixed(MHD_Connection *connection, const dmsAvtHttpFixed &file) {

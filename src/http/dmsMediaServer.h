@@ -40,10 +40,17 @@ MHD_Result dmsHttpQueueText(MHD_Connection *connection, unsigned status, const c
 // True for a media or picture URL ("/web/<id>[.ext]", "/web/<id>.tn.jpg" ...).
 bool dmsMediaServerIsMediaUrl(const char *url);
 
+// What a file answer needs of the file to finish: a descriptor of it (a
+// copy, the caller's to close) and the size it must keep.
+struct dmsMediaWatch {
+  int fd = -1;
+  int64_t end = 0;
+};
+
 // Answers GET or HEAD of a media or picture URL of `contentList` (pictures
-// made or found in `artCache`).
+// made or found in `artCache`).  A file sent with sendfile fills `watch`.
 MHD_Result dmsMediaServerAnswer(MHD_Connection *connection, const char *url, dmsContentListInfo *contentList,
-                                dmsArtCache *artCache);
+                                dmsArtCache *artCache, dmsMediaWatch *watch);
 
 // Answers GET or HEAD of a fixed file.
 MHD_Result dmsMediaServerAnswerFixed(MHD_Connection *connection, const dmsAvtHttpFixed &file);

@@ -105,9 +105,9 @@ bool dmsClmReadPicture(const std::string &path, const mfdMediaInfo &info, std::s
   if (row == nullptr) return false;
   return dmsGuard("dmsClmReadPicture", false, [&] {
     dmsClmRouteTagLibMessages();
-    TagLib::FileStream stream(path.c_str(), true);  // never opened for writing
-    if (!stream.isOpen()) return false;
-    std::unique_ptr<TagLib::File> file = dmsClmOpenTagged(row->tags, &stream);
+    const std::unique_ptr<TagLib::FileStream> stream = dmsClmOpenStream(path);  // never for writing
+    if (stream == nullptr) return false;
+    std::unique_ptr<TagLib::File> file = dmsClmOpenTagged(row->tags, stream.get());
     return file != nullptr && file->isValid() && dmsClmPictureOf(*file, &out);
   });
 }

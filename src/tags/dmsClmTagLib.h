@@ -21,6 +21,12 @@ std::unique_ptr<TagLib::File> dmsClmOpenTagged(mfdTagLayout layout, TagLib::File
 // set.  May throw std::bad_alloc.
 bool dmsClmPictureOf(TagLib::File &file, std::string *out);
 
+// A read-only stream of the file at `path`, opened without blocking and
+// only when it is a regular file (a FIFO swapped in since the scan would
+// otherwise hold the reading thread for ever); NULL otherwise.  May throw
+// std::bad_alloc.
+std::unique_ptr<TagLib::FileStream> dmsClmOpenStream(const std::string &path);
+
 // Routes TagLib's complaints about malformed tags to the trace.
 void dmsClmRouteTagLibMessages();
 

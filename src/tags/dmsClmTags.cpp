@@ -2,6 +2,10 @@
 
 #include "tags/dmsClmTagLib.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <taglib/asffile.h>
 #include <taglib/flacfile.h>
 #include <taglib/mp4file.h>
@@ -43,6 +47,23 @@ void dmsClmRouteTagLibMessages() {
     static TraceListener listener;
     TagLib::setDebugListener(&listener);
   });
+}
+
+std::unique_ptr<TagLib::FileStream> dmsClmOpenStream(const std::string &path) {
+  const int fd = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY);
+  if (fd < 0) return nullptr;
+  struct stat status {};
+  if (::fstat(fd, &status) != 0 || !S_ISREG(status.st_mode)) {
+    ::close(fd);
+    return nullptr;
+  }
+  // The stream takes the descriptor over (and closes it) once it is open.
+  auto stream = std::make_unique<TagLib::FileStream>(fd, true);
+  if (!stream->isOpen()) {
+    ::close(fd);
+    return nullptr;
+  }
+  return stream;
 }
 
 std::unique_ptr<TagLib::File> dmsClmOpenTagged(mfdTagLayout layout, TagLib::FileStream *stream) {
@@ -116,9 +137,9 @@ bool dmsClmReadTags(const std::string &path, const mfdMediaInfo &info, dmsTagTex
   }
   return dmsGuard("dmsClmReadTags", false, [&] {
     dmsClmRouteTagLibMessages();
-    TagLib::FileStream stream(path.c_str(), true);  // never opened for writing
-    if (!stream.isOpen()) return false;
-    std::unique_ptr<TagLib::File> file = dmsClmOpenTagged(row->tags, &stream);
+    const std::unique_ptr<TagLib::FileStream> stream = dmsClmOpenStream(path);  // never for writing
+    if (stream == nullptr) return false;
+    std::unique_ptr<TagLib::File> file = dmsClmOpenTagged(row->tags, stream.get());
     if (file == nullptr || !file->isValid()) return false;
     const TagLib::PropertyMap properties = file->properties();
     out.title = first(properties, "TITLE");

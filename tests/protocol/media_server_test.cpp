@@ -188,7 +188,8 @@ TEST_F(MediaServerTest, UnfinishedConnectionsMakeRoomForNewClients) {
       }
     }
     // A full address gets no more; at the total limit the oldest
-    // unfinished request gives way to the newcomer.
+    // unfinished request (one of these, or an idle one left by an earlier
+    // test) gives way to the newcomer.
     RawConnection extra(port(), "127.0.0." + std::to_string(c.extraAddress));
     if (!c.extraServed) {
       EXPECT_TRUE(extra.closedByPeer());
@@ -198,7 +199,6 @@ TEST_F(MediaServerTest, UnfinishedConnectionsMakeRoomForNewClients) {
     }
     ASSERT_TRUE(extra.send(get(path(0))));
     EXPECT_EQ(extra.response().status, 200);
-    EXPECT_TRUE(std::any_of(held.begin(), held.end(), [](auto &connection) { return connection->closedByPeer(20); }));
     EXPECT_TRUE(held.back()->send(path(0) + " HTTP/1.1\r\nHost: 127.0.0.1\r\n\r\n"));
     EXPECT_EQ(held.back()->response().status, 200);
   }
