@@ -1,14 +1,17 @@
 #!/bin/bash
-# Builds the detection fuzzer and runs it, one job, for the given number of
-# seconds (default 600) on a corpus seeded from every file under
-# tests/fixtures/media.  Crashing inputs are written to fuzz/crashes/.
-#   fuzz/run.sh [seconds] [extra libFuzzer options...]
+# Builds the fuzzers and runs each, one job, for the given number of seconds
+# (default 600): detect_fuzz on a corpus seeded from every file under
+# tests/fixtures/media, front_door_fuzz on one seeded from fuzz/seeds/.
+# Crashing inputs are written to fuzz/crashes/.
+#   fuzz/run.sh [seconds] [target] [extra libFuzzer options...]
 set -euo pipefail
 
 root=$(cd "$(dirname "$0")/.." && pwd)
 seconds=${1:-600}
 shift || true
-"$root/fuzz/build.sh"
+only=${1:-}
+shift || true
+if [ -n "$only" ]; then "$root/fuzz/build.sh" "$only"; else "$root/fuzz/build.sh"; fi
 
 corpus="$root/fuzz/corpus"
 crashes="$root/fuzz/crashes"
@@ -29,6 +32,16 @@ while IFS= read -r -d '' file; do
 done < <(find "$root/tests/fixtures/media" -type f -print0)
 
 cd "$root/fuzz"
-exec "$root/fuzz/out/detect_fuzz" -max_total_time="$seconds" \
-  -max_len=65536 -rss_limit_mb=2048 -artifact_prefix="$crashes/" -print_final_stats=1 \
-  "$@" "$corpus"
+if [ -z "$only" ] || [ "$only" = detect_fuzz ]; then
+  "$root/fuzz/out/detect_fuzz" -max_total_time="$seconds" \
+    -max_len=65536 -rss_limit_mb=2048 -artifact_prefix="$crashes/" -print_final_stats=1 \
+    "$@" "$corpus"
+fi
+if [ -z "$only" ] || [ "$only" = front_door_fuzz ]; then
+  # Its corpus grows beside the committed seeds.
+  doors="$root/fuzz/corpus-front-door"
+  mkdir -p "$doors"
+  "$root/fuzz/out/front_door_fuzz" -max_total_time="$seconds" \
+    -max_len=70000 -rss_limit_mb=2048 -artifact_prefix="$crashes/" -print_final_stats=1 \
+    "$@" "$doors" "$root/fuzz/seeds/front_door"
+fi

@@ -3,7 +3,7 @@
 # Usage: scripts/deps.sh [build|test]   (test also brings the test tools)
 set -euo pipefail
 
-want=(build-essential cmake pkg-config libupnp-dev libmicrohttpd-dev libtag1-dev libturbojpeg0-dev libpng-dev libcurl4-openssl-dev)
+want=(build-essential cmake pkg-config libupnp-dev libmicrohttpd-dev libtag1-dev libturbojpeg0-dev libpng-dev libcurl4-openssl-dev libexpat1-dev)
 if [ "${1:-build}" = test ]; then
   want+=(libgtest-dev libgmock-dev iproute2 util-linux gupnp-tools curl python3 chromium chromium-driver python3-selenium)
   want+=(man-db)  # the install test renders the manual page

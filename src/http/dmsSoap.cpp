@@ -2,6 +2,8 @@
 // byte for byte as control points have always received them.
 #include "http/dmsSoap.h"
 
+#include <expat.h>
+
 #include <cstring>
 #include <memory>
 #include <string>
@@ -9,9 +11,7 @@
 #include "services/dmsDeviceEventMgr.h"
 #include "util/dlnaUtil_xmlText.h"
 #include "util/dmsGuard.h"
-#include "util/osal_trace.h"
 
-static constexpr char kTraceFile[] = "dmsSoap.c";
 
 namespace {
 
@@ -125,7 +125,7 @@ dmsSoapAnswer control(dmsDevEventMgr *mgr, size_t service, const char *soapActio
                       const dmsClientInfo &client) {
   dmsSoapAnswer notSoap;
   notSoap.status = 400;
-  if (service >= DMS_SERVICE_COUNT || !dmsSoapDepthWithin(body, DMS_SOAP_MAX_DEPTH)) return notSoap;
+  if (service >= DMS_SERVICE_COUNT || !dmsSoapWellFormed(body, DMS_SOAP_MAX_DEPTH)) return notSoap;
   Document document(ixmlParseBuffer(body.c_str()));
   IXML_Node *action = document ? actionElement(document.get()) : nullptr;
   if (action == nullptr) return notSoap;
@@ -142,43 +142,36 @@ dmsSoapAnswer control(dmsDevEventMgr *mgr, size_t service, const char *soapActio
 
 }  // namespace
 
-bool dmsSoapDepthWithin(std::string_view xml, int maxDepth) {
-  int depth = 0;
-  for (size_t i = 0; i < xml.size(); ++i) {
-    if (xml[i] != '<') continue;
-    const std::string_view rest = xml.substr(i);
-    size_t end = std::string_view::npos;
-    if (rest.starts_with("<!--")) {
-      end = xml.find("-->", i + 4);
-    } else if (rest.starts_with("<![CDATA[")) {
-      end = xml.find("]]>", i + 9);
-    } else if (rest.starts_with("<?") || rest.starts_with("<!")) {
-      end = xml.find('>', i + 2);
-    } else {
-      // A tag: skip to its '>' outside quoted attribute values.
-      char quote = 0;
-      size_t j = i + 1;
-      for (; j < xml.size(); ++j) {
-        if (quote != 0) {
-          if (xml[j] == quote) quote = 0;
-        } else if (xml[j] == '"' || xml[j] == '\'') {
-          quote = xml[j];
-        } else if (xml[j] == '>') {
-          break;
+bool dmsSoapWellFormed(std::string_view xml, int maxDepth) {
+  struct Reading {
+    XML_Parser parser;
+    int depth = 0;
+    int maxDepth;
+    bool refused = false;
+  };
+  std::unique_ptr<XML_ParserStruct, decltype(&XML_ParserFree)> parser(XML_ParserCreate(nullptr), &XML_ParserFree);
+  if (!parser) return false;
+  Reading reading{parser.get(), 0, maxDepth};
+  XML_SetUserData(parser.get(), &reading);
+  XML_SetElementHandler(
+      parser.get(),
+      [](void *data, const XML_Char *, const XML_Char **) {
+        auto *state = static_cast<Reading *>(data);
+        if (++state->depth > state->maxDepth) {
+          state->refused = true;
+          XML_StopParser(state->parser, XML_FALSE);
         }
-      }
-      if (j >= xml.size()) return true;  // cut short: the parser refuses it
-      if (xml[i + 1] == '/') {
-        --depth;
-      } else if (xml[j - 1] != '/' && ++depth > maxDepth) {
-        return false;
-      }
-      end = j;
-    }
-    if (end == std::string_view::npos) return true;
-    i = end;
-  }
-  return true;
+      },
+      [](void *data, const XML_Char *) { --static_cast<Reading *>(data)->depth; });
+  // SOAP has no document type: none is read, so no entity is ever defined.
+  XML_SetStartDoctypeDeclHandler(parser.get(), [](void *data, const XML_Char *, const XML_Char *, const XML_Char *,
+                                                  int) {
+    auto *state = static_cast<Reading *>(data);
+    state->refused = true;
+    XML_StopParser(state->parser, XML_FALSE);
+  });
+  const bool parsed = XML_Parse(parser.get(), xml.data(), static_cast<int>(xml.size()), XML_TRUE) == XML_STATUS_OK;
+  return parsed && !reading.refused;
 }
 
 dmsSoapAnswer dmsSoapControl(dmsDevEventMgr *mgr, size_t service, const char *soapAction, const std::string &body,

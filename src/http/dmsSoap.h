@@ -2,9 +2,11 @@
 // read, handed to the device event manager and answered with the SOAP
 // envelope or the UPnP fault, written here.
 //
-// The body is refused before any DOM is built when it nests elements more
-// than DMS_SOAP_MAX_DEPTH deep (a DOM frees its nodes recursively) and is
-// never larger than the front door let it be.  The action is the first
+// The body is read by expat first, as a stream, and refused before any DOM
+// is built unless it is well-formed XML without a document type (so without
+// entity definitions) that nests elements at most DMS_SOAP_MAX_DEPTH deep:
+// the DOM parser frees its nodes recursively and loses memory on some
+// malformed documents.  It is never larger than the front door let it be.  The action is the first
 // element of the envelope's Body; a SOAPACTION header, when present, must
 // name the same action.  QueryStateVariable (urn:schemas-upnp-org:control-1-0)
 // reaches the service's state-variable callback.
@@ -31,8 +33,8 @@ struct dmsSoapAnswer {
 dmsSoapAnswer dmsSoapControl(dmsDevEventMgr *mgr, size_t service, const char *soapAction,
                              const std::string &body, const dmsClientInfo &client);
 
-// True when `xml` nests elements at most `maxDepth` deep (comments, CDATA,
-// processing instructions and attribute values are skipped).
-bool dmsSoapDepthWithin(std::string_view xml, int maxDepth);
+// True when `xml` is well-formed, has no document type declaration and
+// nests elements at most `maxDepth` deep.
+bool dmsSoapWellFormed(std::string_view xml, int maxDepth);
 
 #endif  // DMS_HTTP_DMS_SOAP_H
