@@ -132,6 +132,16 @@ void folderCreated(dmsContentListInfo *list, dmsContentEntry *container, const s
   if (dmsContentEntry *folder = folderEntry(list, container, name, changes)) reconcile(list, folder, changes);
 }
 
+// A watched folder is gone (deleted, moved away, unmounted).  When another
+// folder now stands at its name (one renamed over it), that one is taken in:
+// the events of the old folder's watch may come after those of the new.
+void folderGone(dmsContentListInfo *list, dmsContentEntry *entry, ChangedContainers &changes) {
+  dmsContentEntry *parent = entry->parent;
+  const std::string name(nameOf(entry));
+  detach(list, entry, changes);
+  if (parent != nullptr && parent->type == DMS_CLM_TYPE_CONTAINER) folderCreated(list, parent, name, changes);
+}
+
 // One name in a folder on disk.
 struct DiskName {
   std::string name;
@@ -261,7 +271,7 @@ int32_t clmFsmNotificationCallBack(dmsContentListInfo *list, dmsContentEntry *co
     case FSM_EVENT_CHILD_DELETED:
     case FSM_EVENT_FOLDER_GONE:
       if (entry != nullptr) {
-        detach(list, entry, changes);  // a watched folder itself: a shared one takes only itself
+        folderGone(list, entry, changes);  // a watched folder itself: a shared one takes only itself
       } else if (container != nullptr && !child.empty()) {
         noteCover(list, container, child, false);
         detach(list, dmsClmFindChild(container, child), changes);

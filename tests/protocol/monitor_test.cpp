@@ -79,6 +79,8 @@ TEST_F(MonitorTest, BrowseFollowsTheDisk) {
       "cp outside/moved-in.mp3 share/copied.mp3",
       "mkdir -p share/x/y/z && cp outside/moved-in.mp3 share/x/y/z/deep.mp3 && cp outside/moved-in.mp3 share/x/top.mp3",
       "cp -r outside/Tree share/Tree",
+      "mkdir -p share/Over/inner share/Empty && cp outside/moved-in.mp3 share/Over/inner/s.mp3",
+      "mv -T share/Over share/Empty",  // renamed over an empty folder: the old one's watch reports it gone
       "mv share/copied.mp3 share/renamed.mp3",
       "mv share/renamed.mp3 share/x/y/",
       "mv share/Old share/New",
