@@ -1,4 +1,5 @@
-// libFuzzer target for what a network peer hands the front door: the Host
+// libFuzzer target for what a network peer hands the front door: the route
+// lookup of a method and path (media, picture and fixed-file URLs), the Host
 // header check, the GENA headers (CALLBACK, TIMEOUT, the subscriber's
 // address) and SOAP control of the three services, whose bodies reach the
 // envelope reader, each action's argument reading and the Search criteria
@@ -97,8 +98,15 @@ extern "C" int LLVMFuzzerInitialize(int *, char ***) {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   if (size < 2) return 0;
   const std::string text(reinterpret_cast<const char *>(data) + 2, size - 2);
-  switch (data[0] % 3) {
+  switch (data[0] % 4) {
     case 0: dmsHttpHostAllowed(text.c_str(), "192.168.1.20"); break;
+    case 3: {
+      const size_t blank = text.find(' ');
+      unsigned status = 0;
+      dmsHttpFindRoute(text.substr(0, blank).c_str(), blank == std::string::npos ? "" : text.c_str() + blank + 1,
+                       &status);
+      break;
+    }
     case 1: fuzzGena(text); break;
     default: fuzzSoap(data[1], text); break;
   }

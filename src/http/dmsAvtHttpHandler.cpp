@@ -1,21 +1,13 @@
 #include "http/dmsAvtHttpHandler.h"
 
-#include <fcntl.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
-#include <algorithm>
 #include <array>
-#include <cerrno>
 #include <cstring>
-#include <memory>
 #include <mutex>
-#include <new>
 #include <shared_mutex>
 #include <string>
-#include <vector>
 
-#include "http/dmsAvtHttpMedia.h"
 #include "util/dmsGuard.h"
 #include "util/osal_trace.h"
 
@@ -60,13 +52,11 @@ constexpr std::array<FixedFile, 8> kFixedFiles{{
      "[%s] Found PNG 120x120 File\n", kPresentationMissing},
 }};
 
-// What init measured.  Written by the host thread in init/deinit, read by the
-// front door's threads: guarded by `lock`.
+// The files init found.  Written by the host thread in init/deinit, read by
+// the front door's threads: guarded by `lock`.
 struct ServedFiles {
   std::shared_mutex lock;
   std::array<std::string, kFixedFiles.size()> paths;
-  std::array<int64_t, kFixedFiles.size()> sizes{};
-  dmsContentListInfo *contentList = nullptr;
 };
 
 ServedFiles &servedFiles() {
@@ -84,14 +74,13 @@ int fixedFileIndex(const char *path) {
 
 }  // namespace
 
-int32_t dmsAvtHttp_init(const char *baseDirectory, dmsContentListInfo *contentList) {
+int32_t dmsAvtHttp_init(const char *baseDirectory, dmsContentListInfo * /*contentList: media are the front door's*/) {
   if (baseDirectory == nullptr) {
     DMS_TRACE(OSAL_TRACE_ERR, "Invalid Argument \n");
     return -1;
   }
   return dmsGuard("dmsAvtHttp_init", -1, [&] {
     std::array<std::string, kFixedFiles.size()> paths;
-    std::array<int64_t, kFixedFiles.size()> sizes{};
     for (size_t i = 0; i < kFixedFiles.size(); ++i) {
       paths[i] = std::string(baseDirectory) + "/" + kFixedFiles[i].fileName;
       struct stat status {};
@@ -99,14 +88,11 @@ int32_t dmsAvtHttp_init(const char *baseDirectory, dmsContentListInfo *contentLi
         DMS_TRACE(OSAL_TRACE_ERR, kFixedFiles[i].missingTrace, paths[i].c_str());
         return -1;
       }
-      sizes[i] = status.st_size;
-      DMS_TRACE(OSAL_TRACE_INFO, kFixedFiles[i].sizeTrace, static_cast<int>(sizes[i]));
+      DMS_TRACE(OSAL_TRACE_INFO, kFixedFiles[i].sizeTrace, static_cast<int>(status.st_size));
     }
     ServedFiles &files = servedFiles();
     std::unique_lock guard(files.lock);
     files.paths = std::move(paths);
-    files.sizes = sizes;
-    files.contentList = contentList;
     return 0;
   });
 }
@@ -116,9 +102,10 @@ int32_t dmsAvtHttp_deinit() {
   ServedFiles &files = servedFiles();
   std::unique_lock guard(files.lock);
   for (auto &path : files.paths) path.clear();
-  files.contentList = nullptr;
   return 0;
 }
+
+bool dmsAvtHttpIsFixedPath(const char *path) { return path != nullptr && fixedFileIndex(path) >= 0; }
 
 bool dmsAvtHttpFixedFile(const char *path, dmsAvtHttpFixed &out) {
   if (path == nullptr) return false;

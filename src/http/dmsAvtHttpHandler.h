@@ -9,10 +9,10 @@
 
 struct dmsContentListInfo;
 
-// Measures the eight fixed files under `baseDirectory` and remembers the
-// content list.  `contentList` may be NULL and must outlive
-// dmsAvtHttp_deinit.  Returns 0, or -1 when the directory is NULL or a file
-// is missing (the trace names the file).
+// Checks the eight fixed files under `baseDirectory` and remembers where
+// they are.  `contentList` is not used (media are served by the front door
+// from the list it was given).  Returns 0, or -1 when the directory is NULL
+// or a file is missing (the trace names the file).
 int32_t dmsAvtHttp_init(const char *baseDirectory, dmsContentListInfo *contentList);
 
 // Forgets the files and the content list; returns 0.
@@ -24,6 +24,10 @@ struct dmsAvtHttpFixed {
   const char *contentType = nullptr;
   const char *contentFeatures = nullptr;   // NULL: no contentFeatures.dlna.org header
 };
+
+// Whether `path` is one of the fixed files' request paths (no lookup of
+// the file itself).
+bool dmsAvtHttpIsFixedPath(const char *path);
 
 // The fixed file served at request path `path` (compared exactly, e.g.
 // "/web/cds.xml"); false for any other path or before init.

@@ -24,10 +24,7 @@ const char *header(MHD_Connection *connection, const char *name) {
 }
 
 bool isDescription(const char *url) { return std::strcmp(url, "/description.xml") == 0; }
-bool isFixedFile(const char *url) {
-  dmsAvtHttpFixed file;
-  return dmsAvtHttpFixedFile(url, file);
-}
+bool isFixedFile(const char *url) { return dmsAvtHttpIsFixedPath(url); }
 bool isControl(const char *url) { return dmsServiceByControlPath(url) < DMS_SERVICE_COUNT; }
 bool isEvent(const char *url) { return dmsServiceByEventPath(url) < DMS_SERVICE_COUNT; }
 bool isMedia(const char *url) { return dmsMediaServerIsMediaUrl(url); }
@@ -65,8 +62,7 @@ MHD_Result answerControl(dmsHttpServer &server, MHD_Connection *connection, dmsH
                                               header(connection, "SOAPACTION"), request.body,
                                               dmsHttpClientInfo(connection));
   if (answer.body.empty()) return dmsHttpQueueEmpty(connection, answer.status);
-  MHD_Result queued = dmsHttpQueueText(connection, answer.status, "text/xml; charset=\"utf-8\"", answer.body);
-  return queued;
+  return dmsHttpQueueText(connection, answer.status, "text/xml; charset=\"utf-8\"", answer.body);
 }
 
 dmsGenaRequest genaRequest(MHD_Connection *connection, const char *url, const std::string &address) {

@@ -297,12 +297,6 @@ void dmsHttpServerSetDescription(dmsHttpServer *server, const std::string &descr
   });
 }
 
-size_t dmsHttpServerConnections(dmsHttpServer *server) {
-  if (server == nullptr) return 0;
-  std::lock_guard guard(server->lock);
-  return server->connections.size() - server->closing;
-}
-
 int32_t dmsHttpServerStop(dmsHttpServer *server) {
   if (server == nullptr) return DMS_SUCCESS;
   std::unique_ptr<dmsHttpServer> owned(server);

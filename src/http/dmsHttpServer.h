@@ -71,9 +71,6 @@ int32_t dmsHttpServerPort(const dmsHttpServer *server);
 // Replaces the device description served from now on.
 void dmsHttpServerSetDescription(dmsHttpServer *server, const std::string &description);
 
-// Open connections now (for tests and benchmarks).
-size_t dmsHttpServerConnections(dmsHttpServer *server);
-
 // Closes every connection, ends the threads and frees `server`.  NULL
 // accepted.  Returns 0 within milliseconds, whatever the clients do.
 int32_t dmsHttpServerStop(dmsHttpServer *server);

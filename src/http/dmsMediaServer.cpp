@@ -8,13 +8,9 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
-#include <cstdarg>
-#include <cstdio>
 #include <cstring>
 #include <memory>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "dlna_dms.h"

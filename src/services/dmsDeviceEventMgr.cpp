@@ -34,12 +34,15 @@ constexpr size_t kCms = 0;
 constexpr size_t kCds = 1;
 constexpr size_t kMsMrs = 2;
 
-size_t serviceById(const char *serviceId) {
+// The row whose `field` equals `text`; DMS_SERVICE_COUNT when none.
+size_t findService(const char *dmsServiceDescriptor::*field, const char *text) {
   for (size_t i = 0; i < DMS_SERVICE_COUNT; ++i) {
-    if (serviceId != nullptr && std::strcmp(g_dmsServices[i].serviceId, serviceId) == 0) return i;
+    if (text != nullptr && std::strcmp(g_dmsServices[i].*field, text) == 0) return i;
   }
   return DMS_SERVICE_COUNT;
 }
+
+size_t serviceById(const char *serviceId) { return findService(&dmsServiceDescriptor::serviceId, serviceId); }
 
 // The fault for a service's failure code.
 struct ActionError {
@@ -152,19 +155,9 @@ void appendEscaped(std::string &out, const char *text) {
 
 }  // namespace
 
-size_t dmsServiceByControlPath(const char *path) {
-  for (size_t i = 0; i < DMS_SERVICE_COUNT; ++i) {
-    if (path != nullptr && std::strcmp(g_dmsServices[i].controlPath, path) == 0) return i;
-  }
-  return DMS_SERVICE_COUNT;
-}
+size_t dmsServiceByControlPath(const char *path) { return findService(&dmsServiceDescriptor::controlPath, path); }
 
-size_t dmsServiceByEventPath(const char *path) {
-  for (size_t i = 0; i < DMS_SERVICE_COUNT; ++i) {
-    if (path != nullptr && std::strcmp(g_dmsServices[i].eventPath, path) == 0) return i;
-  }
-  return DMS_SERVICE_COUNT;
-}
+size_t dmsServiceByEventPath(const char *path) { return findService(&dmsServiceDescriptor::eventPath, path); }
 
 int32_t dmsDevEventMgrInit(dmsDevEventMgr **out, int32_t deviceHandle, const char *udn) {
   if (out == nullptr || udn == nullptr) {
