@@ -3,12 +3,9 @@
 // /etc/passwd), a FIFO, a socket, and files swapped for such while the
 // server runs.
 #include <gtest/gtest.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
 #include <unistd.h>
 
-#include <cstdio>
 #include <filesystem>
 #include <set>
 
@@ -21,22 +18,6 @@ namespace {
 
 constexpr char kMp3[] = "audio/mp3/mpeg1-44k-cbr128.mp3";
 
-// A UNIX socket bound at `path`, kept open for the test.
-class BoundSocket {
- public:
-  explicit BoundSocket(const std::string &path) : fd_(::socket(AF_UNIX, SOCK_STREAM, 0)) {
-    sockaddr_un where{};
-    where.sun_family = AF_UNIX;
-    std::snprintf(where.sun_path, sizeof where.sun_path, "%s", path.c_str());
-    ::bind(fd_, reinterpret_cast<sockaddr *>(&where), sizeof where);
-  }
-  ~BoundSocket() { ::close(fd_); }
-  BoundSocket(const BoundSocket &) = delete;
-  BoundSocket &operator=(const BoundSocket &) = delete;
-
- private:
-  int fd_;
-};
 
 std::set<std::string> titlesIn(int port, const std::string &id) {
   std::set<std::string> titles;
@@ -64,12 +45,11 @@ class ShareBoundaryTest : public ::testing::Test {
     fs::create_symlink("/etc/passwd", tree_ / "share/link_passwd.pcm");
     ::mkfifo((tree_ / "share/fifo.mp3").c_str(), 0644);
     tree_.write("share/empty.mp3", "");
-    socket_ = std::make_unique<BoundSocket>(tree_ / "share/socket.mp3");
+    ::mknod((tree_ / "share/socket.mp3").c_str(), S_IFSOCK | 0644, 0);
   }
   std::string shareId(int port) { return lookup(port, "share").id(); }
 
   TempDir tree_;
-  std::unique_ptr<BoundSocket> socket_;
 };
 
 TEST_F(ShareBoundaryTest, OnlyWhatLiesInsideIsListed) {

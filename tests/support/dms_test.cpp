@@ -409,6 +409,31 @@ DidlObject lookup(int port, const std::string &titles) {
 
 // ---- GENA ---------------------------------------------------------------------
 
+Listener::Listener(const std::string &address, bool listening)
+    : fd_(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)), address_(address) {
+  sockaddr_in where{};
+  where.sin_family = AF_INET;
+  ::inet_pton(AF_INET, address.c_str(), &where.sin_addr);
+  ::bind(fd_, reinterpret_cast<sockaddr *>(&where), sizeof where);
+  socklen_t length = sizeof where;
+  ::getsockname(fd_, reinterpret_cast<sockaddr *>(&where), &length);
+  port_ = ntohs(where.sin_port);
+  if (listening) ::listen(fd_, 64);
+}
+
+Listener::~Listener() { ::close(fd_); }
+
+std::string Listener::callback(const std::string &path) const {
+  return "<http://" + address_ + ":" + std::to_string(port_) + path + ">";
+}
+
+bool Listener::contacted(int timeoutMs) {
+  pollfd waitFor{fd_, POLLIN, 0};
+  if (::poll(&waitFor, 1, timeoutMs) <= 0) return false;
+  ::close(::accept(fd_, nullptr, nullptr));
+  return true;
+}
+
 Subscriber::Subscriber(int serverPort, const std::string &eventPath) {
   socket_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
   sockaddr_in address{};

@@ -104,6 +104,28 @@ class RawConnection {
   std::string pending_;  // bytes read past the last answer
 };
 
+// A TCP port on `address`, chosen by the system: listening (connections
+// wait in the backlog, never accepted or read) or only bound (connections
+// are refused).  Closed by the destructor.
+class Listener {
+ public:
+  explicit Listener(const std::string &address = "127.0.0.1", bool listening = true);
+  ~Listener();
+  Listener(const Listener &) = delete;
+  Listener &operator=(const Listener &) = delete;
+  int fd() const { return fd_; }
+  int port() const { return port_; }
+  // "<http://address:port/path>", as a CALLBACK header names it.
+  std::string callback(const std::string &path = "/ev") const;
+  // Whether anybody connects within timeoutMs (the connection is dropped).
+  bool contacted(int timeoutMs);
+
+ private:
+  int fd_ = -1;
+  int port_ = 0;
+  std::string address_;
+};
+
 enum class Service { kCds, kCms, kMrs };
 const char *serviceType(Service service);
 const char *controlPath(Service service);
