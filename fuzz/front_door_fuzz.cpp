@@ -80,9 +80,15 @@ void fuzzSoap(uint8_t selector, const std::string &body) {
       "\"urn:schemas-upnp-org:control-1-0#QueryStateVariable\"",
   };
   const size_t service = selector % DMS_SERVICE_COUNT;
-  const char *soapAction = (selector / 3) % 2 == 0 ? nullptr : kActions[(selector / 6) % 3];
   dmsClientInfo client;
   client.address = "127.0.0.1";
+  if (selector >= 128) {  // the SOAPACTION header is the first line of the input
+    const size_t end = body.find('\n');
+    const std::string header = body.substr(0, end);
+    dmsSoapControl(services().mgr, service, header.c_str(), end == std::string::npos ? "" : body.substr(end + 1), client);
+    return;
+  }
+  const char *soapAction = (selector / 3) % 2 == 0 ? nullptr : kActions[(selector / 6) % 3];
   dmsSoapControl(services().mgr, service, soapAction, body, client);
 }
 
