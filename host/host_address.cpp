@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <functional>
 
 namespace {
@@ -38,6 +39,27 @@ std::string firstNetworkAddress() {
     found = address;
     return true;
   });
+  return found;
+}
+
+std::string defaultRouteInterface() {
+  std::FILE *routes = std::fopen("/proc/net/route", "re");
+  if (routes == nullptr) return {};
+  // "Iface Destination Gateway Flags ...", hexadecimal; the default route
+  // has destination 0 and mask 0 and is up (flag 1).
+  char line[512];
+  std::string found;
+  while (found.empty() && std::fgets(line, sizeof line, routes) != nullptr) {
+    char name[64] = {0};
+    unsigned long destination = 1, gateway = 0, flags = 0, mask = 1;
+    int refs = 0, use = 0, metric = 0;
+    if (std::sscanf(line, "%63s %lx %lx %lx %d %d %d %lx", name, &destination, &gateway, &flags, &refs, &use,
+                    &metric, &mask) == 8 &&
+        destination == 0 && mask == 0 && (flags & 1UL) != 0) {
+      found = name;
+    }
+  }
+  std::fclose(routes);
   return found;
 }
 

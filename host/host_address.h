@@ -9,6 +9,10 @@
 // 127.0.0.1.
 std::string firstNetworkAddress();
 
+// The interface of the IPv4 default route (the first, from
+// /proc/net/route); empty when there is none.
+std::string defaultRouteInterface();
+
 // The IPv4 address of the interface named `name`; empty when it has none.
 std::string interfaceAddress(const std::string &name);
 

@@ -11,7 +11,10 @@ bool parseNumber(const std::string &text, int low, int high, int &value) {
   char *end = nullptr;
   errno = 0;
   const long number = std::strtol(text.c_str(), &end, 10);
-  if (errno != 0 || end == text.c_str() || *end != '\0' || number < low || number > high) return false;
+  // The whole text: a NUL byte inside does not end the number early.
+  if (errno != 0 || end == text.c_str() || end != text.c_str() + text.size() || number < low || number > high) {
+    return false;
+  }
   value = static_cast<int>(number);
   return true;
 }
@@ -22,11 +25,17 @@ bool parseSwitch(const std::string &text, bool &value) {
   return false;
 }
 
+// Hexadecimal digits, "0x" before them or not, of at most 32 bits: what the
+// library reads from DMS_TRACE_LEVEL.  (A sign or a longer number would be
+// read as another mask there.)
 bool parseMask(const std::string &text) {
-  char *end = nullptr;
+  const size_t digits = text.rfind("0x", 0) == 0 || text.rfind("0X", 0) == 0 ? 2 : 0;
+  if (digits == text.size() || text.find_first_not_of("0123456789abcdefABCDEF", digits) != std::string::npos) {
+    return false;
+  }
   errno = 0;
-  std::strtoul(text.c_str(), &end, 16);
-  return errno == 0 && end != text.c_str() && *end == '\0';
+  const unsigned long long mask = std::strtoull(text.c_str(), nullptr, 16);
+  return errno == 0 && mask <= 0xffffffffULL;
 }
 
 // One option: its name (the long option without "--" and the file's key),
@@ -118,9 +127,12 @@ void printHostUsage(FILE *out) {
                "                      the options below, \"folder = DIR\" per folder);\n"
                "                      options given here take precedence\n"
                "  --name NAME         friendly name shown by players (\": DMS\" is appended)\n"
-               "  --address ADDR      IPv4 address to serve on, one of this machine's\n"
-               "                      (default: the first network address, else 127.0.0.1)\n"
-               "  --interface NAME    serve on the IPv4 address of this network interface\n"
+               "  --address ADDR      IPv4 address to serve on, one of this machine's, kept\n"
+               "                      (default: the address of the default route's\n"
+               "                      interface, else the first network address, else\n"
+               "                      127.0.0.1, followed when it changes)\n"
+               "  --interface NAME    serve on the IPv4 address of this network interface,\n"
+               "                      and move with it when it changes (DHCP, Wi-Fi)\n"
                "  --port N            the HTTP port: description, control, events and media\n"
                "                      (default 49152)\n"
                "  --media-port N      accepted for old configurations; media use --port\n"

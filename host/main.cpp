@@ -58,7 +58,9 @@ bool chooseAddress(HostOptions &options, std::string &error) {
     options.address = interfaceAddress(options.interface);
     if (options.address.empty()) error = "interface " + options.interface + " has no IPv4 address";
   } else if (options.address.empty()) {
-    options.address = firstNetworkAddress();
+    const std::string routed = defaultRouteInterface();
+    if (!routed.empty()) options.address = interfaceAddress(routed);
+    if (options.address.empty()) options.address = firstNetworkAddress();
   } else if (!isLocalAddress(options.address)) {
     error = options.address + " is not an IPv4 address of this machine";
   }
@@ -141,6 +143,9 @@ int serve(const HostCommandLine &line, HostOptions &options) {
   std::string error;
   if (!absoluteFolders(options.folders, folders, error)) return fail(error);
   options.folders = folders;
+  // An address named on its own is kept; one found from an interface is
+  // followed when that interface's address changes.
+  const bool follow = options.address.empty() || !options.interface.empty();
   if (!chooseAddress(options, error)) return fail(error, 2);
   if (options.www.empty()) options.www = defaultWwwDirectory();
   std::string missing = missingWwwFile(options.www);
@@ -188,6 +193,7 @@ int serve(const HostCommandLine &line, HostOptions &options) {
   int exitCode = 0;
   dlna_dmsSetArtCacheSize(server, static_cast<uint64_t>(options.artCacheMb) * 1024 * 1024);
   if (options.wideLinks) dlna_dmsSetWideLinks(server, 1);
+  if (!follow) dlna_dmsSetFollowAddress(server, 0);
   if (options.mediaPort >= 0 && dlna_dmsSetMediaPort(server, options.mediaPort) != DMS_SUCCESS) {
     exitCode = fail("cannot set the media port");
     dlna_dmsDestroy(server);

@@ -117,6 +117,18 @@ DMS_EXPORT int32_t dlna_dmsDestroy(dmsHandle *handle);
  * its id).  0, or DMS_ERR_INVALID_PARAM for a NULL handle. */
 DMS_EXPORT int32_t dlna_dmsSetWideLinks(dmsHandle *handle, int32_t enabled);
 
+/* Whether the server follows the address of its interface (1, the default;
+ * 0: it stays on the configured address).  While started, the interface
+ * that carried config->ipAddress at create is watched; when that address
+ * leaves it and another IPv4 address comes (a DHCP renewal, a Wi-Fi
+ * reconnect), the server moves there within a few seconds: byebye where the
+ * old address still lets it out, then its HTTP server on the same port and
+ * its announcements on the new address.  Streams to the old address end.
+ * dlna_dmsGetMediaPort is unchanged by a move.  Call from the thread that
+ * starts and stops the server.  0, or DMS_ERR_INVALID_PARAM for a NULL or
+ * not created handle. */
+DMS_EXPORT int32_t dlna_dmsSetFollowAddress(dmsHandle *handle, int32_t enabled);
+
 /* Kept for hosts written for a separate media port: media are served on the
  * one HTTP port, and this changes nothing (0; DMS_ERR_INVALID_PARAM for a
  * NULL handle or a port out of range). */

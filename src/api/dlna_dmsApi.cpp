@@ -11,6 +11,7 @@
 #include <cstring>
 #include <ctime>
 #include <memory>
+#include <mutex>
 #include <string>
 
 #include "api/dlna_dmsSdkFence.h"
@@ -98,6 +99,7 @@ int32_t tearDownServer(dmsHandle *handle) {
   if (handle->mutexReady) {
     pthread_cond_destroy(&handle->wake);
     pthread_mutex_destroy(&handle->mutex);
+    pthread_mutex_destroy(&handle->sdkMutex);
     handle->mutexReady = 0;
   }
   std::free(handle->description);
@@ -123,9 +125,11 @@ class CreationGuard {
   bool committed_ = false;
 };
 
+}  // namespace
+
 // Brings up the SDK for discovery: on the configured address, with a port
 // of its own that nothing advertises, and fenced off from the network.
-int32_t startSdk(dmsHandle *handle) {
+int32_t dmsStartSdk(dmsHandle *handle) {
   const std::string address(handle->config.ipAddress, strnlen(handle->config.ipAddress, sizeof handle->config.ipAddress));
   // The SDK takes exactly the port it is given: one that is free now, tried
   // again should another program take it first.
@@ -146,7 +150,7 @@ int32_t startSdk(dmsHandle *handle) {
 // description (the SDK fetches it once, then names it as LOCATION in its
 // announcements and search answers).  Nothing is announced: start
 // advertises.
-int32_t registerDevice(dmsHandle *handle) {
+int32_t dmsRegisterDevice(dmsHandle *handle) {
   const std::string url = std::string("http://") + handle->config.ipAddress + ":" +
                           std::to_string(handle->config.port) + "/description.xml";
   int result = UpnpRegisterRootDevice2(UPNPREG_URL_DESC, url.c_str(), 0, 0, dmsDeviceEventHandlerCbf, handle,
@@ -160,7 +164,7 @@ int32_t registerDevice(dmsHandle *handle) {
 }
 
 // Unregisters the device: the SDK sends ssdp:byebye and stops answering for it.
-int32_t unregisterDevice(dmsHandle *handle) {
+int32_t dmsUnregisterDevice(dmsHandle *handle) {
   if (!handle->registered) return DMS_SUCCESS;
   handle->registered = 0;
   int result = UpnpUnRegisterRootDevice(handle->deviceHandle);
@@ -169,7 +173,7 @@ int32_t unregisterDevice(dmsHandle *handle) {
 }
 
 // Opens the front door on the configured port (0: any free one, then kept).
-int32_t openFrontDoor(dmsHandle *handle) {
+int32_t dmsOpenFrontDoor(dmsHandle *handle) {
   dmsHttpServerConfig config;
   config.address.assign(handle->config.ipAddress, strnlen(handle->config.ipAddress, sizeof handle->config.ipAddress));
   config.port = handle->config.port;
@@ -185,6 +189,8 @@ int32_t openFrontDoor(dmsHandle *handle) {
   if (handle->cdsContext != nullptr) handle->cdsContext->serverPort = handle->config.port;
   return DMS_SUCCESS;
 }
+
+namespace {
 
 // Subscriptions of the three services, fed by the event manager.  The sink
 // is written here, before any thread can send, and cleared by tear-down
@@ -224,7 +230,11 @@ int32_t createServices(dmsHandle *handle) {
 // The handle's mutex and the advertiser's wake-up (on the monotonic clock, so
 // that a change of the wall clock cannot stretch the wait).
 bool initLocking(dmsHandle *handle) {
-  if (pthread_mutex_init(&handle->mutex, nullptr) != 0) return false;
+  if (pthread_mutex_init(&handle->sdkMutex, nullptr) != 0) return false;
+  if (pthread_mutex_init(&handle->mutex, nullptr) != 0) {
+    pthread_mutex_destroy(&handle->sdkMutex);
+    return false;
+  }
   pthread_condattr_t attributes;
   pthread_condattr_init(&attributes);
   pthread_condattr_setclock(&attributes, CLOCK_MONOTONIC);
@@ -232,6 +242,7 @@ bool initLocking(dmsHandle *handle) {
   pthread_condattr_destroy(&attributes);
   if (result != 0) {
     pthread_mutex_destroy(&handle->mutex);
+    pthread_mutex_destroy(&handle->sdkMutex);
     return false;
   }
   handle->mutexReady = 1;
@@ -262,10 +273,11 @@ int32_t createServer(dmsHandle **out, dmsConfig *config, const dmsDeviceInfo *de
   if ((result = createServices(handle)) != DMS_SUCCESS) return result;
   // The front door first: the SDK takes a port of its own (never ours) and
   // fetches our description when the device is registered.
-  if ((result = openFrontDoor(handle)) != DMS_SUCCESS) return result;
+  if ((result = dmsOpenFrontDoor(handle)) != DMS_SUCCESS) return result;
   config->port = handle->config.port;
-  if ((result = startSdk(handle)) != DMS_SUCCESS) return result;
-  if ((result = registerDevice(handle)) != DMS_SUCCESS) return result;
+  if ((result = dmsStartSdk(handle)) != DMS_SUCCESS) return result;
+  if ((result = dmsRegisterDevice(handle)) != DMS_SUCCESS) return result;
+  dmsFollowRemember(handle);
   if (!initLocking(handle)) {
     return traceSdkFailure(DMS_ERR_MUTEX_FAILURE, "osal_pthread_mutex_init", DMS_ERR_MUTEX_FAILURE);
   }
@@ -289,14 +301,17 @@ int32_t setState(dmsHandle *handle, int32_t state, bool stampAdvertisement, cons
   return DMS_SUCCESS;
 }
 
-int32_t startServer(dmsHandle *handle) {
+// The SDK and front-door part of start, under sdkMutex (the advertiser of a
+// second start may be moving).
+int32_t openAndAnnounce(dmsHandle *handle) {
+  dmsPthreadLock locked(handle->sdkMutex);
   if (handle->httpServer == nullptr) {
-    int32_t opened = openFrontDoor(handle);
+    int32_t opened = dmsOpenFrontDoor(handle);
     if (opened != DMS_SUCCESS) return opened;
   }
   // Registered since create, or again after a stop.
   if (!handle->registered) {
-    int32_t registered = registerDevice(handle);
+    int32_t registered = dmsRegisterDevice(handle);
     if (registered != DMS_SUCCESS) return registered;
   }
   int result = UPNP_E_SUCCESS;
@@ -304,6 +319,14 @@ int32_t startServer(dmsHandle *handle) {
     result = UpnpSendAdvertisement(handle->deviceHandle, DMS_ADVERTISEMENT_MAX_AGE);
     if (result != UPNP_E_SUCCESS) return traceSdkFailure(result, "UpnpSendAdvertisement", DMS_ERR_UPNP_FAILURE);
   }
+  return DMS_SUCCESS;
+}
+
+int32_t startServer(dmsHandle *handle) {
+  // An address that changed while the server was stopped is taken first.
+  int32_t result = dmsFollowStart(handle);
+  if (result == DMS_SUCCESS) result = openAndAnnounce(handle);
+  if (result != DMS_SUCCESS) return result;  // stop or destroy ends the watch
   int32_t status = setState(handle, DMS_STATE_STARTED, true, "osal_pthread_mutex_lock");
   if (status != DMS_SUCCESS) return status;
   // A second start without a stop advertises again but keeps the one
@@ -317,13 +340,15 @@ int32_t startServer(dmsHandle *handle) {
 }
 
 int32_t stopServer(dmsHandle *handle) {
+  dmsFollowStop(handle);
   int32_t status = setState(handle, DMS_STATE_STOPPED, false, "osal_pthread_mutex_init");
   if (status != DMS_SUCCESS) return status;
   if (handle->hasAdvertiserThread) {
     pthread_join(handle->advertiserThread, nullptr);
     handle->hasAdvertiserThread = 0;
   }
-  const int32_t unregistered = unregisterDevice(handle);
+  dmsPthreadLock locked(handle->sdkMutex);
+  const int32_t unregistered = dmsUnregisterDevice(handle);
   // Connections are closed whatever the players do, so that a host that
   // stops on SIGTERM exits at once.
   dmsHttpServerStop(handle->httpServer);
@@ -391,7 +416,11 @@ extern "C" DMS_EXPORT int32_t dlna_dmsSetMediaPort(dmsHandle *handle, int32_t po
 
 extern "C" DMS_EXPORT int32_t dlna_dmsGetMediaPort(const dmsHandle *handle) {
   if (handle == nullptr) return 0;
-  return dmsGuard("dlna_dmsGetMediaPort", 0, [&] { return handle->httpServer == nullptr ? 0 : handle->config.port; });
+  return dmsGuard("dlna_dmsGetMediaPort", 0, [&] {
+    if (!handle->mutexReady) return 0;
+    dmsPthreadLock locked(const_cast<dmsHandle *>(handle)->sdkMutex);
+    return handle->httpServer == nullptr ? 0 : handle->config.port;
+  });
 }
 
 extern "C" DMS_EXPORT int32_t dlna_dmsSetArtCacheSize(dmsHandle *handle, uint64_t bytes) {

@@ -13,6 +13,7 @@
 #include "dlna_dms.h"
 #include "util/dmsGuard.h"
 
+class dmsAddressWatch;
 class dmsArtCache;
 class dmsGena;
 
@@ -34,8 +35,12 @@ inline constexpr int32_t DMS_ADVERTISEMENT_MAX_AGE = 1800;
 // host with free() after dlna_dmsDestroy, so it holds only plain C members;
 // everything it points to is owned by it and released by destroy.
 //
-// Locking: `mutex` guards `state` and `lastAdvertisement` (and `wake` waits on it), which the host
-// thread (start, stop) and the advertiser thread share.  Every other field is
+// Locking: `mutex` guards `state`, `lastAdvertisement` and `pendingAddress`
+// (and `wake` waits on it), which the host thread (start, stop), the
+// advertiser thread and the address watch share.  `sdkMutex` guards what a
+// move to a new address changes (the SDK's registration, the front door and
+// `config.ipAddress`) between the host thread and the advertiser, which
+// moves; it is taken before `mutex`, never after.  Every other field is
 // written by the host thread only; fields the front door's threads read
 // (through the services) are written only while it is closed, or are atomic
 // in the service that reads them.
@@ -75,6 +80,27 @@ struct dmsHandle {
   // Thumbnails and album art made so far; owned (made at create, freed last
   // by destroy), read by the media server and the ContentDirectory.
   dmsArtCache *artCache;
+  pthread_mutex_t sdkMutex;  // see Locking; initialised with `mutex`
+  // Following the address (dlna_dmsFollow.cpp): the interface that carried
+  // the address at create, the watch (owned, host thread only; from start
+  // to stop), whether the host turned following off, and the address the
+  // watch last reported that the advertiser has yet to move to ("" none).
+  char followInterface[32];
+  dmsAddressWatch *addressWatch;
+  int32_t followDisabled;
+  char pendingAddress[64];
+};
+
+// Holds a pthread mutex of the handle for a scope.
+class dmsPthreadLock {
+ public:
+  explicit dmsPthreadLock(pthread_mutex_t &mutex) : mutex_(mutex) { pthread_mutex_lock(&mutex_); }
+  ~dmsPthreadLock() { pthread_mutex_unlock(&mutex_); }
+  dmsPthreadLock(const dmsPthreadLock &) = delete;
+  dmsPthreadLock &operator=(const dmsPthreadLock &) = delete;
+
+ private:
+  pthread_mutex_t &mutex_;
 };
 
 // Runs the body of an exported function: what it returns, or
@@ -88,6 +114,29 @@ int32_t dmsApiGuard(const char *name, Body &&body) {
 // information and UUID into a newly malloc'ed text (*out).  Argument values
 // are XML-escaped.  0, or DMS_ERR_NO_MEMORY.
 int32_t dmsFormatDeviceDescription(const dmsHandle *handle, char **out);
+
+// Pieces of create and start that a move to a new address runs again
+// (dlna_dmsApi.cpp).  Each returns 0 or the traced error.
+//   dmsStartSdk: UpnpInit on config.ipAddress with a free port, fenced.
+//   dmsRegisterDevice / dmsUnregisterDevice: by the front door's URL.
+//   dmsOpenFrontDoor: on config.ipAddress:config.port.
+int32_t dmsStartSdk(dmsHandle *handle);
+int32_t dmsRegisterDevice(dmsHandle *handle);
+int32_t dmsUnregisterDevice(dmsHandle *handle);
+int32_t dmsOpenFrontDoor(dmsHandle *handle);
+
+// Following the address (dlna_dmsFollow.cpp), all from the host thread but
+// the last.  dmsFollowRemember, at create: notes the interface of the
+// configured address.  dmsFollowStart, at start: moves at once if the
+// address left the interface meanwhile, then starts the watch (unless
+// turned off).  dmsFollowStop, at stop: ends the watch.
+void dmsFollowRemember(dmsHandle *handle);
+int32_t dmsFollowStart(dmsHandle *handle);
+void dmsFollowStop(dmsHandle *handle);
+// Advertiser thread: moves to the address the watch reported, if any; on
+// success the next advertisement is due at once.  A move that fails is
+// tried again at the next call.
+void dmsFollowPending(dmsHandle *handle);
 
 // Advertiser thread body; `arg` is the dmsHandle, which outlives the thread
 // (dlna_dmsStop joins it).

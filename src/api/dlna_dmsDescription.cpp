@@ -122,11 +122,16 @@ bool advertiseIfDue(dmsHandle *handle) {
   bool due = now - handle->lastAdvertisement >= handle->advertisementPeriod;
   pthread_mutex_unlock(&handle->mutex);
   if (!due) return true;
-  for (int round = 0; round < 2; ++round) {
-    int result = UpnpSendAdvertisement(handle->deviceHandle, DMS_ADVERTISEMENT_MAX_AGE);
-    if (result != UPNP_E_SUCCESS) {
-      DMS_TRACE(OSAL_TRACE_ERR, "Error [%d] in %s()\n", result, "UpnpSendAdvertisement");
-      return false;
+  {
+    dmsPthreadLock locked(handle->sdkMutex);
+    // Half-way through a move that failed: the next try announces.
+    if (!handle->registered) return true;
+    for (int round = 0; round < 2; ++round) {
+      int result = UpnpSendAdvertisement(handle->deviceHandle, DMS_ADVERTISEMENT_MAX_AGE);
+      if (result != UPNP_E_SUCCESS) {
+        DMS_TRACE(OSAL_TRACE_ERR, "Error [%d] in %s()\n", result, "UpnpSendAdvertisement");
+        return false;
+      }
     }
   }
   time_t seconds = static_cast<time_t>(now);
@@ -182,6 +187,7 @@ void *dmsDeviceAdvertiser(void *arg) {
   // A thread body is a C edge like any callback.
   dmsGuardVoid("dmsDeviceAdvertiser", [&] {
     while (readState(handle) == DMS_STATE_STARTED) {
+      dmsFollowPending(handle);
       if (!advertiseIfDue(handle)) break;
       // Sleep a second, or less when stop changes the state meanwhile.
       timespec until{};
