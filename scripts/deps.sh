@@ -1,12 +1,17 @@
 #!/usr/bin/env bash
 # Installs what a fresh Debian 12 machine lacks to build and test the server.
-# Usage: scripts/deps.sh [build|test]   (test also brings the test tools)
+# Usage: scripts/deps.sh [build|test|fixtures]   (test also brings the test
+# tools; fixtures the encoders that tests/fixtures/make-*-fixtures.sh run)
 set -euo pipefail
 
 want=(build-essential cmake pkg-config libupnp-dev libmicrohttpd-dev libtag1-dev libturbojpeg0-dev libpng-dev libcurl4-openssl-dev libexpat1-dev)
 if [ "${1:-build}" = test ]; then
   want+=(libgtest-dev libgmock-dev iproute2 util-linux gupnp-tools curl python3 chromium chromium-driver python3-selenium)
   want+=(man-db)  # the install test renders the manual page
+fi
+if [ "${1:-build}" = fixtures ]; then
+  want+=(ffmpeg sox lame flac opus-tools vorbis-tools mkvtoolnix eyed3 id3v2 \
+    libimage-exiftool-perl imagemagick python3)
 fi
 
 missing=()

@@ -1,7 +1,8 @@
 // AVI detector: "RIFF" ... "AVI ", then in the hdrl list the main header
 // (frame time, frame count, picture size) and each stream's header and
 // format (the video's compression FourCC, the audio's format tag, rate and
-// channels).  Reads at most the file's first 64 KiB.
+// channels).  Reads at most the file's first 64 KiB.  A file without the main
+// header (a RIFF header and little more) is refused: nothing in it plays.
 #include <algorithm>
 #include <cstdint>
 #include <cstring>
@@ -53,7 +54,11 @@ uint32_t upper(uint32_t fourCc) {
   return result;
 }
 
+// What the first bytes make of a file.
+enum class Verdict { kNotAvi, kBroken, kAvi };
+
 struct Movie : mfdVideoStreams {
+  bool mainHeader = false;  // avih read
   uint32_t microsecondsPerFrame = 0, frames = 0;
   double longestStreamMs = 0;  // from the stream headers' length, rate and scale
 };
@@ -101,6 +106,7 @@ void readHeaderList(const uint8_t *at, const uint8_t *end, Movie &movie) {
     const uint8_t *payload = at + 8;
     if (size > static_cast<size_t>(end - payload)) break;
     if (id == mfdVideo_fourCc("avih") && size >= kMainHeaderSize) {
+      movie.mainHeader = true;
       movie.microsecondsPerFrame = mfdVideo_le32(payload);
       movie.frames = mfdVideo_le32(payload + 16);
       movie.width = static_cast<int32_t>(mfdVideo_le32(payload + 32) & 0x7FFFFFFF);
@@ -112,12 +118,14 @@ void readHeaderList(const uint8_t *at, const uint8_t *end, Movie &movie) {
   }
 }
 
-// False when the file is not an AVI file.
-bool readMovie(Movie &movie) {
+// An AVI file must hold its main header in the hdrl list that opens it.
+Verdict readMovie(Movie &movie) {
   // The signature first: every other file is turned away after 12 bytes.
   std::vector<uint8_t> head;
-  if (mfdVideo_seek(0) != 0 || mfdVideo_readAvailable(head, 12) < 12) return false;
-  if (std::memcmp(head.data(), "RIFF", 4) != 0 || std::memcmp(head.data() + 8, "AVI ", 4) != 0) return false;
+  if (mfdVideo_seek(0) != 0 || mfdVideo_readAvailable(head, 12) < 12) return Verdict::kNotAvi;
+  if (std::memcmp(head.data(), "RIFF", 4) != 0 || std::memcmp(head.data() + 8, "AVI ", 4) != 0) {
+    return Verdict::kNotAvi;
+  }
   mfdVideo_readAvailable(head, kHeadBytes - 12);
   const uint8_t *at = head.data() + 12;
   const uint8_t *end = head.data() + head.size();
@@ -131,7 +139,7 @@ bool readMovie(Movie &movie) {
     if (size > static_cast<size_t>(end - at - 8)) break;
     at += 8 + size + (size & 1);
   }
-  return true;
+  return movie.mainHeader ? Verdict::kAvi : Verdict::kBroken;
 }
 
 }  // namespace
@@ -139,7 +147,12 @@ bool readMovie(Movie &movie) {
 int mediaFormatAviDetect(int fd, mfdMediaInfo *info, int mode, const char * /*path*/) {
   if (info == nullptr) return MFD_ERR_INVALID_PARAM;
   Movie movie;
-  if (!readMovie(movie)) return 0;
+  const Verdict verdict = readMovie(movie);
+  if (verdict == Verdict::kNotAvi) return 0;
+  if (verdict == Verdict::kBroken) {
+    DMS_TRACE(OSAL_TRACE_INFO, "AVI without a main header\n");
+    return MFD_ERR_INVALID_PARAM;
+  }
   if (mode == MFD_MODE_DETECT) {
     DMS_TRACE(OSAL_TRACE_INFO, "AVI detected\n");
     info->formatId = MFD_FORMAT_AVI;

@@ -1,6 +1,8 @@
 // FLAC detector: the "fLaC" signature (after an ID3v2 tag some taggers put in
 // front), then the STREAMINFO block every encoder writes first: sample rate,
-// channels and the total of samples, hence the playing time.
+// channels and the total of samples, hence the playing time.  A file that
+// ends inside that block, or opens with another one, is refused: no player
+// could set up its decoder.
 #include "mfd/mfd_flac.h"
 
 #include <vector>
@@ -51,22 +53,38 @@ bool mfdFlac_parseStreamInfo(const uint8_t *block, size_t size, mfdMediaInfo *in
   return true;
 }
 
+namespace {
+
+// The STREAMINFO block that opens every FLAC stream, read into `info`.
+// False when the file ends inside it or another block comes first: such a
+// file cannot be played.
+bool readStreamInfo(int64_t offset, mfdMediaInfo *info) {
+  std::vector<uint8_t> block;
+  if (mfdVideo_seek(offset + 4) != 0 ||
+      mfdVideo_readAvailable(block, 4 + kStreamInfoSize) < 4 + kStreamInfoSize) {
+    return false;
+  }
+  if ((block[0] & 0x7F) != 0 || mfdVideo_be24(block.data() + 1) < kStreamInfoSize) return false;
+  return mfdFlac_parseStreamInfo(block.data() + 4, kStreamInfoSize, info);
+}
+
+}  // namespace
+
 int mediaFormatFlacDetect(int /*fd*/, mfdMediaInfo *info, int mode, const char * /*path*/) {
   if (info == nullptr) return MFD_ERR_INVALID_PARAM;
   const int64_t offset = signatureOffset();
   if (offset < 0) return 0;
+  // Detection reads the block too, into a scratch record: a file cut inside
+  // it is refused before it is ever listed.
+  mfdMediaInfo scratch{};
+  if (!readStreamInfo(offset, mode == MFD_MODE_DETECT ? &scratch : info)) {
+    DMS_TRACE(OSAL_TRACE_INFO, "FLAC without a whole STREAMINFO block\n");
+    return MFD_ERR_INVALID_PARAM;
+  }
   if (mode == MFD_MODE_DETECT) {
     DMS_TRACE(OSAL_TRACE_INFO, "FLAC detected\n");
     info->mediaClass = MFD_CLASS_AUDIO;
     info->formatId = MFD_FORMAT_FLAC;
-    return 0;
   }
-  // The first metadata block is STREAMINFO (type 0).
-  std::vector<uint8_t> block;
-  if (mfdVideo_seek(offset + 4) != 0 || mfdVideo_readAvailable(block, 4 + kStreamInfoSize) < 4 + kStreamInfoSize ||
-      (block[0] & 0x7F) != 0) {
-    return 0;
-  }
-  mfdFlac_parseStreamInfo(block.data() + 4, kStreamInfoSize, info);
   return 0;
 }

@@ -1,7 +1,10 @@
 // Matroska and WebM detector: the EBML header's document type, then, in the
 // Segment before its first Cluster, the Info element (time scale, duration)
 // and the Tracks (codec, picture size, sample rate, channels).  Reads at most
-// the file's first 96 KiB; every size is checked against what was read.
+// the file's first 96 KiB; every size is checked against what was read.  A
+// file is refused when its EBML header claims more bytes than any header
+// holds, or when it has no whole Tracks element although the bytes read reach
+// its end or its first Cluster: nothing in it says what to decode.
 #include <cstdint>
 #include <cstring>
 #include <string_view>
@@ -16,6 +19,7 @@ static constexpr char kTraceFile[] = "mfd_mkv.c";
 namespace {
 
 constexpr size_t kHeadBytes = 96 * 1024;
+constexpr size_t kMaxEbmlHeaderBytes = 4096;  // encoders write some 40
 
 // Element ids (with their length marker bits, as written).
 constexpr uint32_t kEbml = 0x1A45DFA3, kDocType = 0x4282, kSegment = 0x18538067;
@@ -53,6 +57,7 @@ uint32_t codecOf(std::string_view id) {
 struct Cursor {
   const uint8_t *at;
   const uint8_t *end;
+  bool cut = false;  // as an element's payload: its size is unknown or reaches past the bytes read
 
   // A variable-length integer: an id keeps its marker bits, a size does
   // not (all ones: unknown).  false past the end or for a malformed length.
@@ -72,13 +77,15 @@ struct Cursor {
     return true;
   }
 
-  // The next element: its id and payload; an unknown size runs to the end.
+  // The next element: its id and payload; an unknown size, or one past the
+  // bytes read, runs to the end (and marks the payload cut).
   bool element(uint32_t &id, Cursor &payload) {
     uint64_t rawId = 0, size = 0;
     if (!vint(rawId, true) || rawId > 0xFFFFFFFF || !vint(size, false)) return false;
     id = static_cast<uint32_t>(rawId);
     const uint64_t left = static_cast<uint64_t>(end - at);
-    payload = {at, at + (size == kUnknownSize || size > left ? left : size)};
+    const bool reachesPast = size == kUnknownSize || size > left;
+    payload = {at, at + (reachesPast ? left : size), reachesPast};
     at = payload.end;
     return true;
   }
@@ -111,25 +118,34 @@ int32_t wholeHertz(double frequency) {
   return frequency > 0 && frequency < 1e7 ? static_cast<int32_t>(frequency) : 0;
 }
 
+// What the first bytes make of a file.
+enum class Verdict { kNotMatroska, kBroken, kMatroska };
+
 struct Movie : mfdVideoStreams {
   bool webm = false;
+  bool tracksWhole = false;     // a Tracks element read to its end
+  bool clusterReached = false;  // the Segment's first Cluster came into the bytes read
   uint64_t timestampScale = 1000000;  // nanoseconds per tick
   double duration = 0;                 // ticks
 };
 
-// The document type of the EBML header; false when the file does not start
-// with one naming Matroska or WebM.
-bool readHeader(Cursor &file, Movie &movie) {
+// The document type of the EBML header (the file starts with its id): not
+// ours unless it names Matroska or WebM; broken when the header's size is
+// malformed, reaches past the bytes read or is absurd.
+Verdict readHeader(Cursor &file, Movie &movie) {
   uint32_t id = 0;
   Cursor header{};
-  if (!file.element(id, header) || id != kEbml) return false;
+  if (!file.element(id, header) || header.cut ||
+      static_cast<size_t>(header.end - header.at) > kMaxEbmlHeaderBytes) {
+    return Verdict::kBroken;
+  }
   for (Cursor child{}; header.element(id, child);) {
     if (id != kDocType) continue;
     const std::string_view type(reinterpret_cast<const char *>(child.at), static_cast<size_t>(child.end - child.at));
     movie.webm = type.rfind("webm", 0) == 0;
-    return movie.webm || type.rfind("matroska", 0) == 0;
+    return movie.webm || type.rfind("matroska", 0) == 0 ? Verdict::kMatroska : Verdict::kNotMatroska;
   }
-  return false;
+  return Verdict::kNotMatroska;
 }
 
 void readTrack(Cursor entry, Movie &movie) {
@@ -165,13 +181,18 @@ void readTrack(Cursor entry, Movie &movie) {
 // Info and Tracks among the Segment's children, up to the first Cluster.
 void readSegment(Cursor segment, Movie &movie) {
   uint32_t id = 0;
-  for (Cursor child{}; segment.element(id, child) && id != kCluster;) {
+  for (Cursor child{}; segment.element(id, child);) {
+    if (id == kCluster) {
+      movie.clusterReached = true;
+      return;
+    }
     if (id == kInfo) {
       for (Cursor field{}; child.element(id, field);) {
         if (id == kTimestampScale && field.unsignedValue() != 0) movie.timestampScale = field.unsignedValue();
         if (id == kDuration) movie.duration = field.floatValue();
       }
     } else if (id == kTracks) {
+      movie.tracksWhole = movie.tracksWhole || !child.cut;
       for (Cursor entry{}; child.element(id, entry);) {
         if (id == kTrackEntry) readTrack(entry, movie);
       }
@@ -179,15 +200,18 @@ void readSegment(Cursor segment, Movie &movie) {
   }
 }
 
-bool readMovie(Movie &movie) {
+// The header, then the Segment's Info and Tracks; `fileSize` tells whether
+// the bytes read reach the end of the file.
+Verdict readMovie(int64_t fileSize, Movie &movie) {
   // The signature first: every other file is turned away after four bytes.
   std::vector<uint8_t> head;
   if (mfdVideo_seek(0) != 0 || mfdVideo_readAvailable(head, 4) < 4 || mfdVideo_be32(head.data()) != kEbml) {
-    return false;
+    return Verdict::kNotMatroska;
   }
-  if (mfdVideo_readAvailable(head, kHeadBytes - 4) < 4) return false;
+  mfdVideo_readAvailable(head, kHeadBytes - 4);
   Cursor file{head.data(), head.data() + head.size()};
-  if (!readHeader(file, movie)) return false;
+  const Verdict verdict = readHeader(file, movie);
+  if (verdict != Verdict::kMatroska) return verdict;
   uint32_t id = 0;
   for (Cursor segment{}; file.element(id, segment);) {
     if (id == kSegment) {
@@ -195,7 +219,10 @@ bool readMovie(Movie &movie) {
       break;
     }
   }
-  return true;
+  // Tracks may lie beyond the bytes read in a large file; not so in one
+  // that ends within them, nor after the first Cluster.
+  const bool sawAll = fileSize <= static_cast<int64_t>(head.size()) || movie.clusterReached;
+  return movie.tracksWhole || !sawAll ? Verdict::kMatroska : Verdict::kBroken;
 }
 
 }  // namespace
@@ -203,7 +230,12 @@ bool readMovie(Movie &movie) {
 int mediaFormatMatroskaDetect(int fd, mfdMediaInfo *info, int mode, const char * /*path*/) {
   if (info == nullptr) return MFD_ERR_INVALID_PARAM;
   Movie movie;
-  if (!readMovie(movie)) return 0;
+  const Verdict verdict = readMovie(mfdVideo_fileSize(fd), movie);
+  if (verdict == Verdict::kNotMatroska) return 0;
+  if (verdict == Verdict::kBroken) {
+    DMS_TRACE(OSAL_TRACE_INFO, "Matroska header broken or no track information\n");
+    return MFD_ERR_INVALID_PARAM;
+  }
   if (mode == MFD_MODE_DETECT) {
     DMS_TRACE(OSAL_TRACE_INFO, "%s detected\n", movie.webm ? "WebM" : "Matroska");
     info->formatId = movie.webm ? MFD_FORMAT_WEBM : MFD_FORMAT_MATROSKA;

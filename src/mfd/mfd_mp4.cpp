@@ -109,13 +109,21 @@ uint32_t movieDuration(const mfdMp4Movie &movie) {
   return milliseconds;
 }
 
+// QuickTime movies share the box layout; the "qt  " brand tells them apart,
+// and so does the lack of a file type box, which came with the ISO format:
+// a file with none before its movie box (free, wide, skip, mdat or moov
+// first) is a QuickTime movie.
+uint32_t formatOf(const mfdMp4TopLevel &top) {
+  const bool quickTime = !top.fileType || top.majorBrand == mfdVideo_fourCc("qt  ");
+  return quickTime ? MFD_FORMAT_QUICKTIME : MFD_FORMAT_MP4;
+}
+
 int detectMode2(int fd, mfdMediaInfo *info, const char *path) {
   if (mfd_hasExcludedExtension(path)) return 0;
   mfdMp4TopLevel top;
   if (!mfdMp4_walkTopLevel(mfdVideo_fileSize(fd), top)) return 0;
   info->mediaClass = MFD_CLASS_VIDEO;
-  // QuickTime movies share the box layout; their brand tells them apart.
-  info->formatId = top.majorBrand == mfdVideo_fourCc("qt  ") ? MFD_FORMAT_QUICKTIME : MFD_FORMAT_MP4;
+  info->formatId = formatOf(top);
   DMS_TRACE(OSAL_TRACE_INFO, "MP4 detected, movie box at %lld\n",
             static_cast<long long>(top.moov.start));
   return 0;

@@ -26,7 +26,8 @@ bool mfdMp4_readBox(int64_t position, int64_t limit, mfdMp4Box &box);
 
 // What the top-level boxes say.
 struct mfdMp4TopLevel {
-  uint32_t majorBrand = 0;  // of the ftyp box; 0 without one
+  bool fileType = false;    // an ftyp box came before the movie box
+  uint32_t majorBrand = 0;  // of that ftyp box; 0 without one
   bool moovFound = false;
   mfdMp4Box moov;
 };

@@ -177,10 +177,12 @@ bool mfdMp4_walkTopLevel(int64_t fileSize, mfdMp4TopLevel &top) {
                           std::end(kFirstBoxTypes)) {
       return false;
     }
-    if (box.type == kFtyp && count == 0) {
+    if (box.type == kFtyp && !top.fileType) {
       const std::vector<uint8_t> brand = readPayload(box, 0, 4);
-      if (brand.size() < 4 || box.end - box.payload < 8) return false;  // brand and version
-      top.majorBrand = mfdVideo_be32(brand.data());
+      const bool whole = brand.size() == 4 && box.end - box.payload >= 8;  // brand and version
+      if (!whole && count == 0) return false;
+      top.fileType = whole;
+      if (whole) top.majorBrand = mfdVideo_be32(brand.data());
     }
     if (box.type == kMoov) {
       top.moovFound = box.end <= fileSize;

@@ -5,10 +5,10 @@
 // code before each packet).  Mode 3 walks the first packets: the program
 // association and program map tables name the video and audio streams (and
 // their codecs), the video stream's first bytes give the picture size (MPEG
-// sequence header, H.264 sequence parameter set or MPEG-4 video object
-// layer), MPEG audio frames their layer, and the PES time stamps at the start
-// and near the end of the file the playing time; the bitrate word is the
-// file's size over that time, in kbit/s.
+// sequence header, H.264 or HEVC sequence parameter set or MPEG-4 video
+// object layer), MPEG audio frames their layer, and the PES time stamps at
+// the start and near the end of the file the playing time; the bitrate word
+// is the file's size over that time, in kbit/s.
 #include <algorithm>
 #include <cstdint>
 #include <vector>
@@ -70,6 +70,13 @@ bool parseVideo(TsScan &scan) {
       if (!mfdVideo_findAvcSps(bytes, size, avc)) return false;
       scan.videoWidth = avc.width;
       scan.videoHeight = avc.height;
+      return true;
+    }
+    case MFD_CODEC_HEVC: {
+      mfdHevcInfo hevc;
+      if (!mfdVideo_findHevcSps(bytes, size, hevc)) return false;
+      scan.videoWidth = hevc.width;
+      scan.videoHeight = hevc.height;
       return true;
     }
     case MFD_FORMAT_MPEG4_PART2: {

@@ -117,6 +117,23 @@ bool mfdVideo_findAvcSps(const uint8_t *bytes, size_t size, mfdAvcInfo &info);
 // constraint_set0 flag says the stream keeps the Baseline constraints.
 bool mfdVideo_isAvcBaseline(const mfdAvcInfo &info);
 
+// ------------------------------------------------------------ HEVC
+
+struct mfdHevcInfo {
+  uint32_t profileIdc = 0;  // general_profile_idc
+  uint32_t levelIdc = 0;    // general_level_idc
+  int32_t width = 0;        // after the conformance window
+  int32_t height = 0;
+};
+
+// Parses a sequence parameter set NAL unit (from its two-byte NAL header on,
+// emulation prevention bytes still in).  False when it is not one, is cut,
+// or gives no sane picture size.
+bool mfdVideo_parseHevcSps(const uint8_t *nal, size_t size, mfdHevcInfo &info);
+
+// Finds the first sequence parameter set among start-code-prefixed NAL units.
+bool mfdVideo_findHevcSps(const uint8_t *bytes, size_t size, mfdHevcInfo &info);
+
 // ------------------------------------------------------------ MPEG-4 part 2
 
 struct mfdMpeg4VolInfo {

@@ -1,7 +1,7 @@
 // Elementary stream headers that several containers carry: the MPEG-1/2
-// video sequence header with its extensions, the H.264 sequence parameter
-// set, and the MPEG-4 part 2 video object layer.  All of them are parsed
-// from bytes in memory.
+// video sequence header with its extensions, the H.264 and HEVC sequence
+// parameter sets, and the MPEG-4 part 2 video object layer.  All of them
+// are parsed from bytes in memory.
 #include <algorithm>
 #include <cstdint>
 #include <vector>
@@ -145,6 +145,39 @@ void skipPictureOrderFields(mfdBitCursor &cursor) {
   }
 }
 
+// ------------------------------------------------------------ HEVC
+
+constexpr uint32_t kHevcSpsNalType = 33;
+constexpr uint32_t kMaxHevcSubLayersMinus1 = 6;
+constexpr size_t kSubLayerProfileBits = 88;  // profile space to the last flag, no level
+
+// profile_tier_level with its general profile: the general profile and
+// level come back; the sub-layers' fields are skipped.
+void readProfileTierLevel(mfdBitCursor &cursor, uint32_t maxSubLayersMinus1, mfdHevcInfo &info) {
+  cursor.skip(2 + 1);  // profile space, tier
+  info.profileIdc = cursor.bits(5);
+  cursor.skip(32 + 4 + 43 + 1);  // compatibility flags, source flags, constraint flags
+  info.levelIdc = cursor.bits(8);
+  bool profilePresent[kMaxHevcSubLayersMinus1] = {};
+  bool levelPresent[kMaxHevcSubLayersMinus1] = {};
+  for (uint32_t layer = 0; layer < maxSubLayersMinus1; ++layer) {
+    profilePresent[layer] = cursor.bits(1) != 0;
+    levelPresent[layer] = cursor.bits(1) != 0;
+  }
+  if (maxSubLayersMinus1 > 0) cursor.skip(2 * (8 - maxSubLayersMinus1));  // reserved
+  for (uint32_t layer = 0; layer < maxSubLayersMinus1; ++layer) {
+    if (profilePresent[layer]) cursor.skip(kSubLayerProfileBits);
+    if (levelPresent[layer]) cursor.skip(8);
+  }
+}
+
+// Horizontal and vertical chroma subsampling factors by chroma_format_idc
+// (separate colour planes count as 4:0:0: no subsampling).
+struct ChromaScale {
+  int64_t x, y;
+};
+constexpr ChromaScale kChromaScales[4] = {{1, 1}, {2, 2}, {2, 1}, {1, 1}};
+
 // ------------------------------------------------------------ MPEG-4 part 2
 
 constexpr uint32_t kRectangularShape = 0;
@@ -267,6 +300,48 @@ bool mfdVideo_findAvcSps(const uint8_t *bytes, size_t size, mfdAvcInfo &info) {
     if ((bytes[index + 3] & 0x1Fu) != kSpsNalType) continue;
     const size_t end = mfdVideo_findStartCode(bytes, size, index + 3);
     if (mfdVideo_parseAvcSps(bytes + index + 3, end - index - 3, info)) return true;
+  }
+  return false;
+}
+
+bool mfdVideo_parseHevcSps(const uint8_t *nal, size_t size, mfdHevcInfo &info) {
+  info = mfdHevcInfo{};
+  const std::vector<uint8_t> raw = unescapeNal(nal, size);
+  mfdBitCursor cursor(raw.data(), raw.size());
+  if (cursor.bits(1) != 0) return false;  // forbidden zero bit
+  if (cursor.bits(6) != kHevcSpsNalType || cursor.bits(6) != 0) return false;  // type, base layer
+  cursor.skip(3);  // temporal id
+  cursor.skip(4);  // video parameter set id
+  const uint32_t maxSubLayersMinus1 = cursor.bits(3);
+  if (maxSubLayersMinus1 > kMaxHevcSubLayersMinus1) return false;
+  cursor.skip(1);  // temporal id nesting
+  readProfileTierLevel(cursor, maxSubLayersMinus1, info);
+  if (cursor.ue() > 15) return false;  // parameter set id
+  const uint32_t chromaFormat = cursor.ue();
+  if (chromaFormat > 3) return false;
+  const bool separatePlanes = chromaFormat == 3 && cursor.bits(1) != 0;
+  const ChromaScale scale = kChromaScales[separatePlanes ? 0 : chromaFormat];
+  const int64_t lumaWidth = cursor.ue();
+  const int64_t lumaHeight = cursor.ue();
+  int64_t window[4] = {0, 0, 0, 0};  // left, right, top, bottom, in chroma units
+  if (cursor.bits(1) != 0) {
+    for (int64_t &side : window) side = cursor.ue();
+  }
+  if (!cursor.ok()) return false;
+  const int64_t width = lumaWidth - scale.x * (window[0] + window[1]);
+  const int64_t height = lumaHeight - scale.y * (window[2] + window[3]);
+  if (width <= 0 || height <= 0 || width > kMaxPictureSide || height > kMaxPictureSide) return false;
+  info.width = static_cast<int32_t>(width);
+  info.height = static_cast<int32_t>(height);
+  return true;
+}
+
+bool mfdVideo_findHevcSps(const uint8_t *bytes, size_t size, mfdHevcInfo &info) {
+  for (size_t index = mfdVideo_findStartCode(bytes, size, 0); index + 5 <= size;
+       index = mfdVideo_findStartCode(bytes, size, index + 3)) {
+    if ((bytes[index + 3] >> 1 & 0x3Fu) != kHevcSpsNalType) continue;
+    const size_t end = mfdVideo_findStartCode(bytes, size, index + 3);
+    if (mfdVideo_parseHevcSps(bytes + index + 3, end - index - 3, info)) return true;
   }
   return false;
 }
