@@ -50,49 +50,8 @@ class FileDescriptor {
   int descriptor_;
 };
 
-// The bytes of one answer: [first, first + count) of the served length.
-struct ByteRange {
-  int64_t first = 0;
-  int64_t count = 0;
-};
-
-enum class RangeAnswer { kWhole, kPart, kUnsatisfiable };
-
-// Reads the first range of a "Range: bytes=..." header against `length`.
-// A header that is absent or not understood asks for the whole file.
-RangeAnswer parseRange(const char *header, int64_t length, ByteRange &range) {
-  range = {0, length};
-  if (header == nullptr || std::strncmp(header, "bytes=", 6) != 0) return RangeAnswer::kWhole;
-  const char *cursor = header + 6;
-  auto number = [&cursor](int64_t &value) {
-    const char *start = cursor;
-    value = 0;
-    for (; *cursor >= '0' && *cursor <= '9'; ++cursor) {
-      if (value > (INT64_MAX - 9) / 10) return false;
-      value = value * 10 + (*cursor - '0');
-    }
-    return cursor != start;
-  };
-  int64_t first = 0;
-  int64_t last = 0;
-  if (*cursor == '-') {  // the last n bytes
-    ++cursor;
-    if (!number(last) || (*cursor != '\0' && *cursor != ',')) return RangeAnswer::kWhole;
-    if (last == 0 || length == 0) return RangeAnswer::kUnsatisfiable;
-    range.count = std::min(last, length);
-    range.first = length - range.count;
-    return RangeAnswer::kPart;
-  }
-  if (!number(first) || *cursor++ != '-') return RangeAnswer::kWhole;
-  bool open = *cursor == '\0' || *cursor == ',';
-  if (!open && (!number(last) || (*cursor != '\0' && *cursor != ',') || last < first)) {
-    return RangeAnswer::kWhole;
-  }
-  if (first >= length) return RangeAnswer::kUnsatisfiable;
-  range.first = first;
-  range.count = (open || last >= length ? length : last + 1) - first;
-  return RangeAnswer::kPart;
-}
+using ByteRange = dmsHttpByteRange;
+using RangeAnswer = dmsHttpRangeAnswer;
 
 // What the LPCM reader needs; owned by its response and freed with it.
 struct SwapReader {
@@ -174,7 +133,7 @@ MHD_Result answerArt(dmsContentListInfo *contentList, dmsArtCache *artCache, MHD
   if (picture == nullptr) return dmsHttpQueueEmpty(connection, MHD_HTTP_NOT_FOUND);
   const auto length = static_cast<int64_t>(picture->size());
   ByteRange range;
-  const RangeAnswer answer = parseRange(rangeHeader(connection), length, range);
+  const RangeAnswer answer = dmsHttpParseRange(rangeHeader(connection), length, range);
   if (answer == RangeAnswer::kUnsatisfiable) {
     return dmsHttpQueueEmpty(connection, MHD_HTTP_RANGE_NOT_SATISFIABLE, MHD_HTTP_HEADER_CONTENT_RANGE,
                       "bytes */" + std::to_string(length));
@@ -214,7 +173,7 @@ MHD_Result answerMedia(dmsContentListInfo *contentList, dmsArtCache *artCache, M
   ::posix_fadvise(file.get(), 0, 0, POSIX_FADV_SEQUENTIAL);
   const int64_t length = dmsAvtHttpServedLength(media, status.st_size);
   ByteRange range;
-  const RangeAnswer answer = parseRange(rangeHeader(connection), length, range);
+  const RangeAnswer answer = dmsHttpParseRange(rangeHeader(connection), length, range);
   if (answer == RangeAnswer::kUnsatisfiable) {
     return dmsHttpQueueEmpty(connection, MHD_HTTP_RANGE_NOT_SATISFIABLE, MHD_HTTP_HEADER_CONTENT_RANGE,
                       "bytes */" + std::to_string(length));
@@ -259,6 +218,41 @@ MHD_Result dmsHttpQueueText(MHD_Connection *connection, unsigned status, const c
   owned.release();
   MHD_add_response_header(response, MHD_HTTP_HEADER_CONTENT_TYPE, contentType);
   return dmsHttpQueue(connection, status, response);
+}
+
+dmsHttpRangeAnswer dmsHttpParseRange(const char *header, int64_t length, dmsHttpByteRange &range) {
+  range = {0, length};
+  if (header == nullptr || std::strncmp(header, "bytes=", 6) != 0) return RangeAnswer::kWhole;
+  const char *cursor = header + 6;
+  auto number = [&cursor](int64_t &value) {
+    const char *start = cursor;
+    value = 0;
+    for (; *cursor >= '0' && *cursor <= '9'; ++cursor) {
+      const int digit = *cursor - '0';
+      if (value > (INT64_MAX - digit) / 10) return false;  // past int64: not understood
+      value = value * 10 + digit;
+    }
+    return cursor != start;
+  };
+  int64_t first = 0;
+  int64_t last = 0;
+  if (*cursor == '-') {  // the last n bytes
+    ++cursor;
+    if (!number(last) || (*cursor != '\0' && *cursor != ',')) return RangeAnswer::kWhole;
+    if (last == 0 || length == 0) return RangeAnswer::kUnsatisfiable;
+    range.count = std::min(last, length);
+    range.first = length - range.count;
+    return RangeAnswer::kPart;
+  }
+  if (!number(first) || *cursor++ != '-') return RangeAnswer::kWhole;
+  bool open = *cursor == '\0' || *cursor == ',';
+  if (!open && (!number(last) || (*cursor != '\0' && *cursor != ',') || last < first)) {
+    return RangeAnswer::kWhole;
+  }
+  if (first >= length) return RangeAnswer::kUnsatisfiable;
+  range.first = first;
+  range.count = (open || last >= length ? length : last + 1) - first;
+  return RangeAnswer::kPart;
 }
 
 bool dmsMediaServerIsMediaUrl(const char *url) {

@@ -40,6 +40,19 @@ MHD_Result dmsHttpQueueText(MHD_Connection *connection, unsigned status, const c
 // True for a media or picture URL ("/web/<id>[.ext]", "/web/<id>.tn.jpg" ...).
 bool dmsMediaServerIsMediaUrl(const char *url);
 
+// The bytes of one answer: [first, first + count) of the served length.
+struct dmsHttpByteRange {
+  int64_t first = 0;
+  int64_t count = 0;
+};
+
+enum class dmsHttpRangeAnswer { kWhole, kPart, kUnsatisfiable };
+
+// Reads the first range of a "Range: bytes=..." header (NULL: none) against
+// `length`.  A header that is absent or not understood asks for the whole
+// file ({0, length}); kPart has 0 <= first < first + count <= length.
+dmsHttpRangeAnswer dmsHttpParseRange(const char *header, int64_t length, dmsHttpByteRange &range);
+
 // What a file answer needs of the file to finish: a descriptor of it (a
 // copy, the caller's to close) and the size it must keep.
 struct dmsMediaWatch {
