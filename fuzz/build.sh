@@ -3,13 +3,12 @@
 # fuzz/out/:
 #   detect_fuzz      format detection, the Exif thumbnail locator and the
 #                    picture decoders
-#   front_door_fuzz  the Host check, GENA headers and SOAP control of the
-#                    services, over the whole library
-#   request_fuzz     the HTTP request side: Range header, route lookup of
-#                    method and path, Host check, media and picture URLs,
-#                    the client's headers carried to the services
-#   criteria_fuzz    Search criteria and Filter through the ContentDirectory
-#                    Search action; every answer must be well-formed XML
+#   front_door_fuzz  the Host check, GENA headers, route lookup and SOAP
+#                    control of the services, over the whole library
+#   request_fuzz     the Range header reader
+#   criteria_fuzz    Search criteria, Filter and SortCriteria through the
+#                    ContentDirectory Search action; every answer must be
+#                    well-formed XML
 #   config_fuzz      the host program's configuration file
 #   fuzz/build.sh [target...]   (default: all)
 # The library is compiled once into fuzz/out/library_objects/, one object per
@@ -94,10 +93,9 @@ for target in "${targets[@]}"; do
     front_door_fuzz|request_fuzz|criteria_fuzz)
       link_with_library "$target" ;;
     config_fuzz)
-      # The host's option reading alone, and the library's reading of the
-      # trace mask the file sets.
+      # The host's option reading alone.
       "$cxx" "${flags[@]}" -I "$root/host" "$root/fuzz/config_fuzz.cpp" "$root/host/host_options.cpp" \
-        "$root/src/util/osal_trace.cpp" -o "$out/config_fuzz" ;;
+        -o "$out/config_fuzz" ;;
     *) echo "unknown target $target (one of: ${all[*]})" >&2; exit 2 ;;
   esac
   echo "built $out/$target"

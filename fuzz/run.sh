@@ -68,7 +68,7 @@ while read -r target seeds corpus max_len; do
   run "$target" "$max_len" "$root/fuzz/$corpus" "$root/fuzz/seeds/$seeds" || failed+=("$target")
 done <<'EOF'
 front_door_fuzz front_door corpus-front-door 70000
-request_fuzz    request    corpus-request    20000
+request_fuzz    request    corpus-request    4096
 criteria_fuzz   criteria   corpus-criteria   4096
 config_fuzz     config     corpus-config     4096
 EOF
