@@ -68,12 +68,21 @@ void noteCover(dmsContentListInfo *list, dmsContentEntry *container, const std::
   if (!present && state->coverName == name) state->coverName.clear();
 }
 
+void folderCreated(dmsContentListInfo *list, dmsContentEntry *container, const std::string &name,
+                   ChangedContainers &changes);
+
 void fileWritten(dmsContentListInfo *list, dmsContentEntry *container, const std::string &name,
                  ChangedContainers &changes) {
   const std::string path = joinPath(dmsClmEntryPath(container), name);
   struct stat status {};
-  if (::stat(path.c_str(), &status) != 0 || !keepsName(name, false)) return;
+  if (::stat(path.c_str(), &status) != 0) return;
   dmsContentEntry *listed = dmsClmFindChild(container, name);
+  // A link made to a folder is reported as a file: it is a folder to take in.
+  if (S_ISDIR(status.st_mode)) {
+    if (listed != nullptr && listed->type == DMS_CLM_TYPE_ITEM) detach(list, listed, changes);
+    return folderCreated(list, container, name, changes);
+  }
+  if (!keepsName(name, false)) return;
   // A listed file replaced by a FIFO, a device or a link out of the shares
   // goes; such a name is never listed.
   if (!S_ISREG(status.st_mode) || !dmsClmLinkStaysInside(list, path)) {
@@ -101,6 +110,23 @@ void fileWritten(dmsContentListInfo *list, dmsContentEntry *container, const std
   changes.push_back(container->id);
 }
 
+// Whether the link at `path` leads to a folder that may be listed in
+// `container`: one the sharing rule lets it reach, and none of the folders
+// above (with `container` itself), by device and inode as the scan judges,
+// so that a link back up the tree is never walked down again and again.
+bool followsFolderLink(const dmsContentListInfo *list, const dmsContentEntry *container, const std::string &path) {
+  struct stat target {};
+  if (::stat(path.c_str(), &target) != 0 || !S_ISDIR(target.st_mode) || !dmsClmLinkStaysInside(list, path)) {
+    return false;
+  }
+  for (const dmsContentEntry *above = container; above != nullptr; above = above->parent) {
+    struct stat status {};
+    if (above->type != DMS_CLM_TYPE_CONTAINER || ::stat(dmsClmEntryPath(above).c_str(), &status) != 0) continue;
+    if (status.st_dev == target.st_dev && status.st_ino == target.st_ino) return false;
+  }
+  return true;
+}
+
 // The entry of a folder created or moved in, made (with its watch) when it
 // is new; its contents are the caller's to bring in, after the watch, so
 // that nothing made in it meanwhile slips between the scan and the watch.
@@ -109,8 +135,10 @@ dmsContentEntry *folderEntry(dmsContentListInfo *list, dmsContentEntry *containe
                              ChangedContainers &changes) {
   const std::string path = joinPath(dmsClmEntryPath(container), name);
   struct stat status {};
-  // A link to a folder is not followed: it could lead back up the tree.
-  if (::lstat(path.c_str(), &status) != 0 || !S_ISDIR(status.st_mode) || !keepsName(name, true)) return nullptr;
+  if (::lstat(path.c_str(), &status) != 0 || !keepsName(name, true)) return nullptr;
+  if (!S_ISDIR(status.st_mode) && !(S_ISLNK(status.st_mode) && followsFolderLink(list, container, path))) {
+    return nullptr;
+  }
   dmsContentEntry *folder = dmsClmFindChild(container, name);
   if (folder == nullptr) {
     dmsPendingEntry pending;
