@@ -1,5 +1,7 @@
 /* A minimal C host: the public header compiles as C, the library links, and
  * a server goes through its whole life cycle from C on a temporary folder.
+ * Built against the build tree, and by the install test against the
+ * installed package with pkg-config's flags alone.
  * Usage: dms_c_host WWW-FOLDER (run inside the test namespace). */
 #include <stddef.h>
 #include <stdio.h>
@@ -48,6 +50,10 @@ int main(int argc, char **argv) {
   if (dlna_dmsCreate(NULL, &config, &info) != DMS_ERR_INVALID_PARAM) return 1;
   CHECK(dlna_dmsCreate(&server, &config, &info));
   CHECK(dlna_dmsStart(server));
+  if (dlna_dmsGetMediaPort(server) != (int)config.port) {
+    fprintf(stderr, "the media server is not listening on the one port\n");
+    return 1;
+  }
   CHECK(dmsClmLockContentList(dlna_dmsGetContentList(server)));
   CHECK(dmsClmUnlockContentList(dlna_dmsGetContentList(server)));
   CHECK(dlna_dmsStop(server));

@@ -68,15 +68,11 @@ case "$flags" in *"$prefix"*) ;; *) fail "pkg-config flags miss the prefix: $fla
 sanitize=""
 grep -q '^DMS_SANITIZE_ADDRESS:BOOL=ON' "$build/CMakeCache.txt" && sanitize=-fsanitize=address,undefined
 grep -q '^DMS_SANITIZE_THREAD:BOOL=ON' "$build/CMakeCache.txt" && sanitize=-fsanitize=thread
-host=$work/pkgconfig_host
+host=$work/c_host
 # shellcheck disable=SC2086  # the flags are words
-cc $sanitize -o "$host" "$source/tests/install/pkgconfig_host.c" $flags >"$work/cc.log" 2>&1 ||
+cc $sanitize -o "$host" "$source/tests/c_host/c_host.c" $flags >"$work/cc.log" 2>&1 ||
   { cat "$work/cc.log" >&2; fail "cc with $flags"; }
-
-photos=$source/tests/fixtures/media/art/photo
-output=$(LD_LIBRARY_PATH=$libdir "$host" "$www" "$photos" 2>&1) ||
-  { echo "$output" >&2; fail "the host failed"; }
-[ "$(echo "$output" | tail -n 1)" = ok ] || { echo "$output" >&2; fail "the host did not say ok"; }
+output=$(LD_LIBRARY_PATH=$libdir "$host" "$www" 2>&1) || { echo "$output" >&2; fail "the host failed"; }
 
 # The installed program on the installed library reads the example
 # configuration (moved to loopback, the fixtures named on the command line
@@ -84,7 +80,7 @@ output=$(LD_LIBRARY_PATH=$libdir "$host" "$www" "$photos" 2>&1) ||
 sed 's/^interface = .*/interface = lo/; s/^port = .*/port = 49872/' \
   "$prefix/etc/dlna-dms.conf" >"$work/dlna-dms.conf"
 LD_LIBRARY_PATH=$libdir "$prefix/bin/dlna-dms" --config "$work/dlna-dms.conf" --www "$www" \
-  "$photos" >"$work/run.log" 2>&1 &
+  "$source/tests/fixtures/media/art/photo" >"$work/run.log" 2>&1 &
 server=$!
 for _ in $(seq 300); do
   if grep -q '^Sharing' "$work/run.log" || ! kill -0 "$server" 2>/dev/null; then break; fi

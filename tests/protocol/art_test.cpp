@@ -1,15 +1,13 @@
 // Thumbnails and album art over SOAP and HTTP, on real pictures and tagged
 // files (tests/fixtures/art.tsv says what each holds): every offered picture
-// is a JPEG that decodes to the size its res or profile promises, broken
+// is a JPEG that decodes to the size its res or profile promises (a camera's
+// own thumbnail of that size handed out as it is), broken
 // pictures stop being offered after one try, covers come from tags and from
 // a folder's file, and the cache answers repeats within its budget.
 #include <gtest/gtest.h>
-#include <turbojpeg.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <fstream>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -22,20 +20,14 @@ namespace {
 struct ArtRow {
   std::string path;  // relative to media/art
   int width, height;
-  bool decodable;
+  bool exifThumbnail, decodable;
   bool photo() const { return width > 0; }
 };
 
 std::vector<ArtRow> artRows() {
-  std::ifstream in(std::string(DMS_TEST_FIXTURES) + "/art.tsv");
-  std::string line;
-  std::getline(in, line);
   std::vector<ArtRow> rows;
-  while (std::getline(in, line)) {
-    std::vector<std::string> f;
-    std::stringstream fields(line);
-    for (std::string field; std::getline(fields, field, '\t');) f.push_back(field);
-    if (f.size() == 6) rows.push_back({f[0].substr(4), std::stoi(f[1]), std::stoi(f[2]), f[5] == "yes"});
+  for (const auto &f : fixtureTable("art.tsv")) {
+    if (f.size() == 6) rows.push_back({f[0].substr(4), std::stoi(f[1]), std::stoi(f[2]), f[3] != "-", f[5] == "yes"});
   }
   return rows;
 }
@@ -48,22 +40,6 @@ std::string fitted(int width, int height, int boxWidth, int boxHeight) {
   return std::to_string(w) + "x" + std::to_string(h);
 }
 
-// "WxH" of a JPEG that decodes completely; empty otherwise.
-std::string decodedSize(const std::string &jpeg) {
-  tjhandle decoder = tjInitDecompress();
-  int width = 0, height = 0, subsampling = 0, colorspace = 0;
-  const auto *data = reinterpret_cast<const unsigned char *>(jpeg.data());
-  std::string size;
-  if (tjDecompressHeader3(decoder, data, jpeg.size(), &width, &height, &subsampling, &colorspace) == 0) {
-    std::vector<unsigned char> pixels(size_t(width) * height * 3);
-    if (tjDecompress2(decoder, data, jpeg.size(), pixels.data(), width, 0, height, TJPF_RGB, TJFLAG_STOPONWARNING) == 0) {
-      size = std::to_string(width) + "x" + std::to_string(height);
-    }
-  }
-  tjDestroy(decoder);
-  return size;
-}
-
 // The res of `object` whose protocolInfo names `profile`; empty map if none.
 std::map<std::string, std::string> resOf(const DidlObject &object, const std::string &profile) {
   for (const auto &res : object.res) {
@@ -72,22 +48,14 @@ std::map<std::string, std::string> resOf(const DidlObject &object, const std::st
   return {};
 }
 
-std::string pathOf(const std::string &url) { return url.substr(url.find("/web/")); }
-
-class ArtTest : public ::testing::Test {
+class ArtTest : public ServerSuite {
  protected:
   static void SetUpTestSuite() {
-    tree_ = new TempDir;
     for (const ArtRow &row : artRows()) {
       if (row.path == "album/02-track.mp3") continue;  // the album folder holds one track
-      tree_->copy("art/" + row.path, "art/" + folderOf(row.path) + row.path.substr(row.path.rfind('/')));
+      tree().copy("art/" + row.path, "art/" + folderOf(row.path) + row.path.substr(row.path.rfind('/')));
     }
-    server_ = new RunningServer;
-    ASSERT_TRUE(server_->start({*tree_ / "art"}));
-  }
-  static void TearDownTestSuite() {
-    delete server_;
-    delete tree_;
+    ASSERT_TRUE(serve({tree() / "art"}));
   }
   static bool isTrack(const std::string &path) {
     const std::string extension = path.substr(path.rfind('.'));
@@ -100,20 +68,17 @@ class ArtTest : public ::testing::Test {
     return path.substr(0, path.rfind('.'));
   }
   static DidlObject object(const std::string &path) {
-    if (!isTrack(path)) return lookup(server_->port(), "art/" + path.substr(0, path.rfind('.')));
-    const std::string folder = lookup(server_->port(), "art/" + folderOf(path)).id();
-    for (const DidlObject &child : children(server_->port(), folder)) {
+    if (!isTrack(path)) return lookup(port(), "art/" + path.substr(0, path.rfind('.')));
+    for (const DidlObject &child : children(port(), lookup(port(), "art/" + folderOf(path)).id())) {
       if (child.prop("upnp:class").rfind("object.item.audioItem", 0) == 0) return child;
     }
     return {};
   }
   static dmsArtCacheStats stats() {
     dmsArtCacheStats figures{};
-    EXPECT_EQ(dlna_dmsGetArtCacheStats(server_->handle(), &figures), DMS_SUCCESS);
+    EXPECT_EQ(dlna_dmsGetArtCacheStats(server().handle(), &figures), DMS_SUCCESS);
     return figures;
   }
-  static inline TempDir *tree_ = nullptr;
-  static inline RunningServer *server_ = nullptr;
 };
 
 TEST_F(ArtTest, PhotosOfferThumbnailsThatDecodeToTheirPromisedSize) {
@@ -135,11 +100,15 @@ TEST_F(ArtTest, PhotosOfferThumbnailsThatDecodeToTheirPromisedSize) {
       ASSERT_FALSE(res.empty()) << profile.name;
       const std::string size = fitted(row.width, row.height, profile.box[0], profile.box[1]);
       EXPECT_EQ(res.at("resolution"), size);
-      const HttpResponse answer = httpGet(server_->mediaPort(), pathOf(res.at("url")));
+      const HttpResponse answer = httpGet(server().mediaPort(), urlPath(res.at("url")));
       ASSERT_EQ(answer.status, 200);
       EXPECT_EQ(answer.header("content-type"), "image/jpeg");
       EXPECT_EQ(answer.header("contentfeatures.dlna.org").rfind(std::string("DLNA.ORG_PN=") + profile.name + ";", 0), 0u);
-      EXPECT_EQ(decodedSize(answer.body), size);
+      EXPECT_EQ(decodedJpegSize(answer.body), size);
+      if (row.exifThumbnail) {  // a camera's thumbnail of the size wanted is handed out as it is
+        EXPECT_EQ(readFile(fixture("art/" + row.path)).find(answer.body) != std::string::npos,
+                  std::string(profile.name) == "JPEG_TN");
+      }
     }
   }
 }
@@ -153,10 +122,10 @@ TEST_F(ArtTest, BrokenPhotosStopBeingOfferedAfterOneTry) {
     const auto res = resOf(before, "JPEG_TN");
     if (res.empty()) continue;
     const uint64_t failures = stats().failures;
-    EXPECT_EQ(httpGet(server_->mediaPort(), pathOf(res.at("url"))).status, 404);
+    EXPECT_EQ(httpGet(server().mediaPort(), urlPath(res.at("url"))).status, 404);
     EXPECT_EQ(stats().failures, failures + 1);
     EXPECT_TRUE(resOf(object(row.path), "JPEG_TN").empty());
-    EXPECT_EQ(httpGet(server_->mediaPort(), pathOf(res.at("url"))).status, 404);
+    EXPECT_EQ(httpGet(server().mediaPort(), urlPath(res.at("url"))).status, 404);
     EXPECT_EQ(stats().failures, failures + 1) << "tried once only";
   }
 }
@@ -173,37 +142,37 @@ TEST_F(ArtTest, TracksShowTheCoverInTheirTagsOrTheirFolder) {
     ASSERT_EQ(!art.empty(), track.cover);
     if (!track.cover) continue;
     EXPECT_EQ(art.substr(art.rfind('/') + 1), item.id() + ".art.jpg");
-    const HttpResponse answer = httpGet(server_->mediaPort(), pathOf(art));
+    const HttpResponse answer = httpGet(server().mediaPort(), urlPath(art));
     ASSERT_EQ(answer.status, 200);
-    EXPECT_EQ(decodedSize(answer.body), "160x160");  // square covers, all larger than the box
+    EXPECT_EQ(decodedJpegSize(answer.body), "160x160");  // square covers, all larger than the box
   }
-  const CdsAnswer folder = browse(server_->port(), lookup(server_->port(), "art/album").id(), "BrowseMetadata");
+  const CdsAnswer folder = browse(port(), lookup(port(), "art/album").id(), "BrowseMetadata");
   EXPECT_NE(folder.result.find("xmlns:dlna=\"urn:schemas-dlna-org:metadata-1-0/\""), std::string::npos);
   EXPECT_NE(folder.result.find("<upnp:albumArtURI dlna:profileID=\"JPEG_TN\">"), std::string::npos);
   EXPECT_EQ(folder.objects.at(0).prop("upnp:albumArtURI"), object("album/01-track.mp3").prop("upnp:albumArtURI"));
   // The Filter leaves the cover out unless it names it.
   const std::string id = object("music/cover-id3.mp3").id();
-  EXPECT_TRUE(browse(server_->port(), id, "BrowseMetadata", 0, 0, "dc:title").objects.at(0).prop("upnp:albumArtURI").empty());
-  EXPECT_FALSE(browse(server_->port(), id, "BrowseMetadata", 0, 0, "upnp:albumArtURI").objects.at(0).prop("upnp:albumArtURI").empty());
+  EXPECT_TRUE(browse(port(), id, "BrowseMetadata", 0, 0, "dc:title").objects.at(0).prop("upnp:albumArtURI").empty());
+  EXPECT_FALSE(browse(port(), id, "BrowseMetadata", 0, 0, "upnp:albumArtURI").objects.at(0).prop("upnp:albumArtURI").empty());
 }
 
 TEST_F(ArtTest, RepeatsComeFromTheCacheWithRangesAndHead) {
-  const std::string url = pathOf(resOf(object("photo/progressive.jpg"), "JPEG_TN").at("url"));
-  const HttpResponse first = httpGet(server_->mediaPort(), url);
+  const std::string url = urlPath(resOf(object("photo/progressive.jpg"), "JPEG_TN").at("url"));
+  const HttpResponse first = httpGet(server().mediaPort(), url);
   ASSERT_EQ(first.status, 200);
   const dmsArtCacheStats before = stats();
-  EXPECT_EQ(httpGet(server_->mediaPort(), url).body, first.body);
+  EXPECT_EQ(httpGet(server().mediaPort(), url).body, first.body);
   EXPECT_EQ(stats().hits, before.hits + 1);
   EXPECT_EQ(stats().made, before.made);
-  const HttpResponse part = httpGet(server_->mediaPort(), url, "Range: bytes=2-11\r\n");
+  const HttpResponse part = httpGet(server().mediaPort(), url, "Range: bytes=2-11\r\n");
   EXPECT_EQ(part.status, 206);
   EXPECT_EQ(part.body, first.body.substr(2, 10));
   EXPECT_EQ(part.header("content-range"), "bytes 2-11/" + std::to_string(first.body.size()));
-  const HttpResponse head = httpGet(server_->mediaPort(), url, "", "HEAD");
+  const HttpResponse head = httpGet(server().mediaPort(), url, "", "HEAD");
   EXPECT_EQ(head.status, 200);
   EXPECT_TRUE(head.body.empty());
-  EXPECT_EQ(httpGet(server_->mediaPort(), "/web/" + object("photo/progressive.jpg").id() + ".tn.jpgx").status, 404);
-  EXPECT_EQ(httpGet(server_->mediaPort(), "/web/" + object("music/no-cover.mp3").id() + ".art.jpg").status, 404);
+  EXPECT_EQ(httpGet(server().mediaPort(), "/web/" + object("photo/progressive.jpg").id() + ".tn.jpgx").status, 404);
+  EXPECT_EQ(httpGet(server().mediaPort(), "/web/" + object("music/no-cover.mp3").id() + ".art.jpg").status, 404);
 }
 
 TEST(ArtCache, StaysWithinItsBudgetOverManyPictures) {
@@ -225,7 +194,7 @@ TEST(ArtCache, StaysWithinItsBudgetOverManyPictures) {
   ASSERT_EQ(photos.size(), 500u);
   dmsArtCacheStats figures{};
   for (const DidlObject &photo : photos) {
-    ASSERT_EQ(httpGet(server.mediaPort(), pathOf(resOf(photo, "JPEG_TN").at("url"))).status, 200);
+    ASSERT_EQ(httpGet(server.mediaPort(), urlPath(resOf(photo, "JPEG_TN").at("url"))).status, 200);
     ASSERT_EQ(dlna_dmsGetArtCacheStats(server.handle(), &figures), DMS_SUCCESS);
     ASSERT_LE(figures.bytes, kBudget);
   }

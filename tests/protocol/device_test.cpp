@@ -3,7 +3,6 @@
 // cycle through the public API.
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
-#include <ixml.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -12,7 +11,7 @@
 #include <atomic>
 #include <filesystem>
 #include <functional>
-#include <sstream>
+#include <regex>
 #include <thread>
 
 #include "dms_test.h"
@@ -21,21 +20,12 @@ using namespace dmstest;
 
 namespace {
 
-class DeviceTest : public ::testing::Test {
+class DeviceTest : public ServerSuite {
  protected:
   static void SetUpTestSuite() {
-    folder_ = new TempDir;
-    folder_->copy("audio/mp3/mpeg1-44k-cbr128.mp3", "Music/a.mp3");
-    server_ = new RunningServer;
-    ASSERT_TRUE(server_->start({folder_->path()}, "Den & Co <1>"));
+    tree().copy("audio/mp3/mpeg1-44k-cbr128.mp3", "Music/a.mp3");
+    ASSERT_TRUE(serve({tree().path()}, "Den & Co <1>"));
   }
-  static void TearDownTestSuite() {
-    delete server_;  // asserts a clean shutdown
-    delete folder_;
-  }
-  static int port() { return server_->port(); }
-  static inline TempDir *folder_ = nullptr;
-  static inline RunningServer *server_ = nullptr;
 };
 
 TEST_F(DeviceTest, DescriptionNamesTheDeviceAndItsServices) {
@@ -76,7 +66,6 @@ TEST_F(DeviceTest, FixedFilesAnswerWithTheirTypes) {
       {"/web/nothing.xml", 404, nullptr, nullptr},
       {"/web/cds.xml/", 404, nullptr, nullptr},
       {"/etc/passwd", 404, nullptr, nullptr},
-      {"/web/../../etc/passwd", 404, nullptr, nullptr},
   };
   for (const Row &row : rows) {
     SCOPED_TRACE(row.path);
@@ -113,17 +102,13 @@ TEST_F(DeviceTest, ActionsAnswerAsTheServicesPromise) {
       {Service::kCms, "GetCurrentConnectionInfo", "<ConnectionID>0</ConnectionID>", 200,
        {{"RcsID", "-1"}, {"AVTransportID", "-1"}, {"Direction", "Output"}, {"Status", "OK"}}},
       {Service::kCms, "GetCurrentConnectionInfo", "", 500, {{"errorCode", "402"}}},
+      {Service::kCms, "GetProtocolInfo", "", 200, {{"Sink", ""}}},
       {Service::kCms, "getprotocolinfo", "", 500, {{"errorCode", "401"}}},
       {Service::kMrs, "IsAuthorized", "<DeviceID></DeviceID>", 200, {{"Result", "1"}}},
       {Service::kMrs, "IsValidated", "<DeviceID>abc</DeviceID>", 200, {{"Result", "1"}}},
       {Service::kMrs, "RegisterDevice", "<RegistrationReqMsg>AAAA</RegistrationReqMsg>", 200,
        {{"RegistrationRespMsg", "respAccepted1"}}},
       {Service::kMrs, "Unregister", "", 500, {{"errorCode", "401"}}},
-      {Service::kCds, "GetSearchCapabilities", "", 200, {{"SearchCaps", "dc:title,upnp:class,dc:creator,res@protocolInfo"}}},
-      {Service::kCds, "Browse", "<ObjectID>424242</ObjectID><BrowseFlag>BrowseMetadata</BrowseFlag>"
-                                "<Filter>*</Filter><StartingIndex>0</StartingIndex>"
-                                "<RequestedCount>0</RequestedCount><SortCriteria></SortCriteria>",
-       500, {{"errorCode", "720"}}},
   };
   for (const ActionRow &row : rows) {
     SCOPED_TRACE(row.action);
@@ -138,54 +123,22 @@ TEST_F(DeviceTest, ActionsAnswerAsTheServicesPromise) {
 TEST_F(DeviceTest, EveryDescribedActionIsAnswered) {
   const std::pair<Service, const char *> descriptions[] = {
       {Service::kCds, "/web/cds.xml"}, {Service::kCms, "/web/cms.xml"}, {Service::kMrs, "/web/ms_mrs.xml"}};
+  const std::regex outArgument("<name>([^<]+)</name>\\s*<direction>out<");
+  size_t described = 0;
   for (const auto &[service, path] : descriptions) {
-    IXML_Document *scpd = ixmlParseBuffer(httpGet(port(), path).body.c_str());
-    ASSERT_NE(scpd, nullptr) << path;
-    IXML_NodeList *actions = ixmlDocument_getElementsByTagName(scpd, "action");
-    ASSERT_NE(actions, nullptr) << path;
-    for (unsigned long a = 0; a < ixmlNodeList_length(actions); ++a) {
-      auto *action = reinterpret_cast<IXML_Element *>(ixmlNodeList_item(actions, a));
-      IXML_NodeList *names = ixmlElement_getElementsByTagName(action, "name");
-      IXML_NodeList *directions = ixmlElement_getElementsByTagName(action, "direction");
-      auto text = [](IXML_NodeList *list, unsigned long i) {
-        IXML_Node *value = ixmlNode_getFirstChild(ixmlNodeList_item(list, i));
-        return std::string(value != nullptr ? ixmlNode_getNodeValue(value) : "");
-      };
-      const std::string name = text(names, 0);
+    const std::string scpd = httpGet(port(), path).body;
+    for (size_t at = scpd.find("<action>"); at != std::string::npos; at = scpd.find("<action>", at + 1), ++described) {
+      const std::string action = scpd.substr(at, scpd.find("</action>", at) - at);
+      const std::string name = elementText(action + "</action>", "name");
       SCOPED_TRACE(name);
-      HttpResponse answer = soap(port(), service, name, "");
+      const HttpResponse answer = soap(port(), service, name, "");
       EXPECT_NE(elementText(answer.body, "errorCode"), "401");
-      for (unsigned long i = 0; answer.status == 200 && i < ixmlNodeList_length(directions); ++i) {
-        if (text(directions, i) != "out") continue;
-        const std::string argument = text(names, i + 1);
-        EXPECT_NE(answer.body.find("<" + argument), std::string::npos) << argument;
+      for (std::sregex_iterator out(action.begin(), action.end(), outArgument), end; answer.status == 200 && out != end; ++out) {
+        EXPECT_NE(answer.body.find("<" + (*out)[1].str()), std::string::npos) << (*out)[1];
       }
-      ixmlNodeList_free(names);
-      ixmlNodeList_free(directions);
     }
-    ixmlNodeList_free(actions);
-    ixmlDocument_free(scpd);
   }
-}
-
-TEST_F(DeviceTest, ProtocolInfoListsEveryProfileTheServerServes) {
-  HttpResponse response = soap(port(), Service::kCms, "GetProtocolInfo", "");
-  ASSERT_EQ(response.status, 200);
-  const std::string source = elementText(response.body, "Source");
-  // The 45 profiles of the written list, then the formats added beyond it
-  // (no profile; operation and flags fields).
-  std::vector<std::string> entries;
-  std::stringstream list(source);
-  for (std::string entry; std::getline(list, entry, ',');) entries.push_back(entry);
-  ASSERT_EQ(entries.size(), 53u);
-  for (size_t i = 0; i < entries.size(); ++i) {
-    EXPECT_EQ(entries[i].find("DLNA.ORG_FLAGS=") != std::string::npos, i >= 45) << entries[i];
-  }
-  // What Browse publishes for an item is among what the server says it serves.
-  DidlObject song = lookup(port(), std::filesystem::path(folder_->path()).filename().string() + "/Music/a");
-  ASSERT_EQ(song.res.size(), 1u);
-  EXPECT_NE(source.find(song.res[0]["protocolInfo"]), std::string::npos);
-  EXPECT_EQ(elementText(response.body, "Sink"), "");
+  EXPECT_GE(described, 13u);
 }
 
 TEST_F(DeviceTest, MalformedRequestsGetAnAnswerAndTheServerGoesOn) {
@@ -211,113 +164,66 @@ TEST_F(DeviceTest, MalformedRequestsGetAnAnswerAndTheServerGoesOn) {
   }
 }
 
-TEST_F(DeviceTest, SubscribersReceiveTheInitialEventOfEachService) {
-  const std::pair<const char *, const char *> services[] = {
-      {"/web/cms_event", "CurrentConnectionIDs"}, {"/web/cds_event", "SystemUpdateID"}};
-  for (const auto &[path, variable] : services) {
-    Subscriber subscriber(port(), path);
-    const HttpResponse &response = subscriber.subscription();
-    ASSERT_EQ(response.status, 200) << path;
-    EXPECT_EQ(response.header("sid").rfind("uuid:", 0), 0u);
-    std::string notify = subscriber.next(5000);
-    EXPECT_NE(notify.find("SEQ: 0"), std::string::npos) << notify;
-    EXPECT_NE(notify.find(variable), std::string::npos) << notify;
-  }
+// (The ContentDirectory's events are the monitor test's.)
+TEST_F(DeviceTest, SubscribersReceiveTheConnectionManagersInitialEvent) {
+  Subscriber subscriber(port(), "/web/cms_event");
+  ASSERT_EQ(subscriber.subscription().status, 200);
+  const std::string notify = subscriber.next(5000);
+  EXPECT_NE(notify.find("SEQ: 0"), std::string::npos) << notify;
+  EXPECT_EQ(elementText(notify.substr(std::min(notify.size(), notify.find("\r\n\r\n") + 4)), "CurrentConnectionIDs"), "0");
 }
 
 // ---- life cycle through the public API ---------------------------------------
 
-TEST(ServerLifecycle, ReconfigurationIsSeenByControlPoints) {
-  TempDir first, second;
-  first.copy("audio/mp3/mpeg1-44k-cbr128.mp3", "one.mp3");
-  second.copy("image/jfif-640x480.jpg", "two.jpg");
-  RunningServer server;
-  ASSERT_TRUE(server.start({first.path()}));
-  dmsHandle *handle = server.handle();
-  ASSERT_NE(dlna_dmsGetContentList(handle), nullptr);
-  EXPECT_EQ(dlna_dmsGetContentList(nullptr), nullptr);
-  EXPECT_EQ(dmsClmLockContentList(dlna_dmsGetContentList(handle)), 0);
-  EXPECT_EQ(dmsClmUnlockContentList(dlna_dmsGetContentList(handle)), 0);
-
-  EXPECT_EQ(dlna_dmsUpdateFriendlyName(handle, "Kitchen"), 0);
-  EXPECT_EQ(elementText(httpGet(server.port(), "/description.xml").body, "friendlyName"), "Kitchen: DMS");
-  EXPECT_NE(dlna_dmsUpdateFriendlyName(handle, std::string(300, 'x').c_str()), 0);
-  EXPECT_EQ(dlna_dmsRestart(handle), 0);
-  EXPECT_EQ(children(server.port(), "0").size(), 1u);
-
-  std::string added = second.path();
-  EXPECT_EQ(dlna_dmsAddSharedPath(handle, added.data()), 0);
-  std::vector<DidlObject> shares = children(server.port(), "0");
-  ASSERT_EQ(shares.size(), 2u);
-  EXPECT_EQ(children(server.port(), shares[1].id()).at(0).title(), "two");
-  EXPECT_EQ(dlna_dmsDeleteSharedPath(handle, first.path().c_str()), 0);
-  shares = children(server.port(), "0");
-  ASSERT_EQ(shares.size(), 1u);
-  EXPECT_EQ(children(server.port(), shares[0].id()).at(0).title(), "two");
-  std::string missing = first / "no-such-folder";
-  EXPECT_NE(dlna_dmsAddSharedPath(handle, missing.data()), 0);
-  EXPECT_EQ(dlna_dmsRestart(nullptr), DMS_ERR_INVALID_PARAM);
+// The SSDP messages multicast on loopback from the start of `action` until
+// none came for quietMs.
+std::vector<std::string> ssdpDuring(const std::function<void()> &action, int quietMs) {
+  const int fd = ::socket(AF_INET, SOCK_DGRAM, 0), on = 1;
+  ::setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+  sockaddr_in any{};
+  any.sin_family = AF_INET;
+  any.sin_port = htons(1900);
+  EXPECT_EQ(::bind(fd, reinterpret_cast<sockaddr *>(&any), sizeof any), 0);
+  ip_mreq group{};
+  inet_pton(AF_INET, "239.255.255.250", &group.imr_multiaddr);
+  inet_pton(AF_INET, "127.0.0.1", &group.imr_interface);
+  EXPECT_EQ(::setsockopt(fd, IPPROTO_IP, IP_ADD_MEMBERSHIP, &group, sizeof group), 0);
+  action();
+  std::vector<std::string> messages;
+  char datagram[2048];
+  for (pollfd ready{fd, POLLIN, 0}; ::poll(&ready, 1, quietMs) == 1;) {
+    const ssize_t length = ::recv(fd, datagram, sizeof datagram, 0);
+    if (length <= 0) break;
+    messages.emplace_back(datagram, static_cast<size_t>(length));
+  }
+  ::close(fd);
+  return messages;
 }
-
-// Collects the SSDP messages multicast on loopback.
-class SsdpListener {
- public:
-  SsdpListener() : fd_(::socket(AF_INET, SOCK_DGRAM, 0)) {
-    const int on = 1;
-    ::setsockopt(fd_, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
-    sockaddr_in any{};
-    any.sin_family = AF_INET;
-    any.sin_port = htons(1900);
-    EXPECT_EQ(::bind(fd_, reinterpret_cast<sockaddr *>(&any), sizeof any), 0);
-    ip_mreq group{};
-    inet_pton(AF_INET, "239.255.255.250", &group.imr_multiaddr);
-    inet_pton(AF_INET, "127.0.0.1", &group.imr_interface);
-    EXPECT_EQ(::setsockopt(fd_, IPPROTO_IP, IP_ADD_MEMBERSHIP, &group, sizeof group), 0);
-  }
-  ~SsdpListener() { ::close(fd_); }
-  SsdpListener(const SsdpListener &) = delete;
-  SsdpListener &operator=(const SsdpListener &) = delete;
-  // Every message that arrives within timeoutMs of the one before.
-  std::vector<std::string> drain(int timeoutMs) {
-    std::vector<std::string> messages;
-    pollfd ready{fd_, POLLIN, 0};
-    while (::poll(&ready, 1, timeoutMs) == 1) {
-      char datagram[2048];
-      const ssize_t length = ::recv(fd_, datagram, sizeof datagram, 0);
-      if (length <= 0) break;
-      messages.emplace_back(datagram, static_cast<size_t>(length));
-    }
-    return messages;
-  }
-
- private:
-  int fd_;
-};
 
 // A starting server announces no departure, and from the moment its
 // description answers, so does its ContentDirectory.
 TEST(ServerLifecycle, StartingSaysNoByebyeAndServesEverythingAtOnce) {
   TempDir folder;
   folder.copy("audio/mp3/mpeg1-44k-cbr128.mp3", "one.mp3");
-  SsdpListener ssdp;
   RunningServer server;
-  const bool created = server.create({folder.path()});
-  // Probed from create's return on: while create runs, the SDK's own web
-  // server is still being set up.
   std::atomic<bool> done{false};
   std::atomic<int> described{0}, unanswered{0};
-  std::thread prober([&] {
-    while (!done) {
-      if (httpGet(kPort, "/description.xml").status == 200) {
+  std::thread prober;
+  bool started = false;
+  const std::vector<std::string> messages = ssdpDuring([&] {
+    const bool created = server.create({folder.path()});
+    // Probed from create's return on: while create runs, the SDK's own web
+    // server is still being set up.
+    prober = std::thread([&] {
+      for (; !done; std::this_thread::sleep_for(std::chrono::milliseconds(2))) {
+        if (httpGet(kPort, "/description.xml").status != 200) continue;
         ++described;
         if (browse(kPort, "0", "BrowseMetadata").status != 200) ++unanswered;
       }
-      std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    }
-  });
-  std::this_thread::sleep_for(std::chrono::milliseconds(200));
-  const bool started = created && server.startCreated();
-  std::vector<std::string> messages = ssdp.drain(1000);
+    });
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    started = created && server.startCreated();
+  }, 1000);
   done = true;
   prober.join();
   ASSERT_TRUE(started);
@@ -328,15 +234,27 @@ TEST(ServerLifecycle, StartingSaysNoByebyeAndServesEverythingAtOnce) {
   EXPECT_EQ(unanswered.load(), 0);
 }
 
-// Calls out of order or with bad arguments are refused with their codes and
-// leave the server as it was.
-TEST(ServerLifecycle, MisuseIsRefusedAndHarmless) {
-  TempDir folder;
-  folder.copy("audio/mp3/mpeg1-44k-cbr128.mp3", "a.mp3");
+// Shares added and removed and a new name are seen by control points; calls
+// out of order or with bad arguments are refused with their codes and leave
+// the server as it was.
+TEST(ServerLifecycle, ReconfigurationIsSeenAndMisuseIsRefused) {
+  TempDir first, second;
+  first.copy("audio/mp3/mpeg1-44k-cbr128.mp3", "one.mp3");
+  second.copy("image/jfif-640x480.jpg", "two.jpg");
   RunningServer server;
-  ASSERT_TRUE(server.start({folder.path()}));
+  ASSERT_TRUE(server.start({first.path()}));
   dmsHandle *handle = server.handle();
-  std::string file = folder / "a.mp3", missing = folder / "none";
+  EXPECT_EQ(dlna_dmsGetContentList(nullptr), nullptr);
+  EXPECT_EQ(dlna_dmsUpdateFriendlyName(handle, "Kitchen"), 0);
+  EXPECT_EQ(elementText(httpGet(server.port(), "/description.xml").body, "friendlyName"), "Kitchen: DMS");
+  EXPECT_EQ(dlna_dmsRestart(handle), 0);
+  EXPECT_EQ(children(server.port(), "0").size(), 1u);
+  std::string added = second.path(), file = second / "two.jpg", missing = first / "none";
+  EXPECT_EQ(dlna_dmsAddSharedPath(handle, added.data()), 0);
+  std::vector<DidlObject> shares = children(server.port(), "0");
+  ASSERT_EQ(shares.size(), 2u);
+  EXPECT_EQ(children(server.port(), shares[1].id()).at(0).title(), "two");
+  EXPECT_EQ(dlna_dmsDeleteSharedPath(handle, first.path().c_str()), 0);
   const std::pair<std::function<int32_t()>, int32_t> rows[] = {
       {[&] { return dlna_dmsUpdateFriendlyName(handle, std::string(256, 'n').c_str()); }, 0},
       {[&] { return dlna_dmsUpdateFriendlyName(handle, std::string(257, 'n').c_str()); }, DMS_ERR_INVALID_PARAM},
@@ -345,13 +263,16 @@ TEST(ServerLifecycle, MisuseIsRefusedAndHarmless) {
       {[&] { return dlna_dmsAddSharedPath(handle, missing.data()); }, DMS_ERR_INVALID_PARAM},
       {[&] { return dlna_dmsAddSharedPath(handle, nullptr); }, DMS_ERR_INVALID_PARAM},
       {[&] { return dlna_dmsDeleteSharedPath(nullptr, file.c_str()); }, DMS_ERR_INVALID_PARAM},
+      {[&] { return dlna_dmsRestart(nullptr); }, DMS_ERR_INVALID_PARAM},
       {[&] { return dlna_dmsStop(handle); }, 0},
       {[&] { return dlna_dmsRestart(handle); }, DMS_ERR_NOT_STARTED},
       {[&] { return dlna_dmsStart(handle); }, 0},
       {[&] { return dlna_dmsRestart(handle); }, 0},
   };
   for (size_t i = 0; i < std::size(rows); ++i) EXPECT_EQ(rows[i].first(), rows[i].second) << "row " << i;
-  EXPECT_EQ(children(server.port(), children(server.port(), "0").at(0).id()).size(), 1u);
+  shares = children(server.port(), "0");
+  ASSERT_EQ(shares.size(), 1u);
+  EXPECT_EQ(children(server.port(), shares[0].id()).at(0).title(), "two");
 }
 
 // Clients browse, search and stream while files and folders churn on disk
@@ -364,8 +285,7 @@ TEST(ServerLifecycle, BrowseSearchAndStreamWhileFilesChurn) {
   RunningServer server;
   ASSERT_TRUE(server.start({steady.path(), churn / "share"}));
   const std::string shareId = children(server.port(), "0").at(0).id();
-  const std::string url = children(server.port(), shareId).at(0).res.at(0)["url"];
-  const std::string path = url.substr(url.find("/web/"));
+  const std::string path = children(server.port(), shareId).at(0).path();
   std::atomic<bool> done{false};
   std::atomic<int> failures{0}, answers{0};
   std::vector<std::thread> clients;

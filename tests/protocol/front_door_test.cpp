@@ -39,27 +39,18 @@ size_t residentKiB() {
   return 0;
 }
 
-class FrontDoorTest : public ::testing::Test {
+class FrontDoorTest : public ServerSuite {
  protected:
   static void SetUpTestSuite() {
-    folder_ = new TempDir;
-    folder_->copy("audio/mp3/mpeg1-44k-cbr128.mp3", "Music/a.mp3");
-    folder_->copy("image/jfif-640x480.jpg", "Pictures/p.jpg");
-    server_ = new RunningServer;
-    ASSERT_TRUE(server_->start({folder_->path()}));
-    song_ = pathOf(lookup(port(), shareName() + "/Music/a").res.at(0).at("url"));
+    tree().copy("audio/mp3/mpeg1-44k-cbr128.mp3", "share/Music/a.mp3");
+    tree().copy("image/jfif-640x480.jpg", "share/Pictures/p.jpg");
+    ASSERT_TRUE(serve({tree() / "share"}));
+    song_ = lookup(port(), "share/Music/a").path();
   }
-  static void TearDownTestSuite() {
-    delete server_;
-    delete folder_;
-  }
-  static int port() { return server_->port(); }
-  static std::string shareName() { return folder_->path().substr(folder_->path().rfind('/') + 1); }
-  static std::string pathOf(const std::string &url) { return url.substr(url.find('/', 7)); }
-  static std::string subscribe(const std::string &from, const std::string &callback, const std::string &extra = "") {
+  static std::string subscribe(const std::string &from, const std::string &callback) {
     RawConnection connection(port(), from);
     connection.send("SUBSCRIBE /web/cds_event HTTP/1.1\r\nHost: 127.0.0.1\r\nCALLBACK: " + callback +
-                    "\r\nNT: upnp:event\r\nTIMEOUT: Second-300\r\n" + extra + "\r\n");
+                    "\r\nNT: upnp:event\r\nTIMEOUT: Second-300\r\n\r\n");
     const HttpResponse answer = connection.response();
     return answer.status == 200 ? answer.header("sid") : "status " + std::to_string(answer.status);
   }
@@ -67,8 +58,6 @@ class FrontDoorTest : public ::testing::Test {
     return sendRaw(port(), "SUBSCRIBE /web/cds_event HTTP/1.1\r\nHost: 127.0.0.1\r\nSID: " + sid +
                                "\r\nTIMEOUT: Second-300\r\n\r\n").status;
   }
-  static inline TempDir *folder_ = nullptr;
-  static inline RunningServer *server_ = nullptr;
   static inline std::string song_;
 };
 
@@ -200,7 +189,7 @@ TEST_F(FrontDoorTest, ADeadSubscriberDelaysNobody) {
   EXPECT_NE(live.next(2000).find("SEQ: 0"), std::string::npos);
   std::this_thread::sleep_for(std::chrono::milliseconds(2100));  // past the event window
   const auto changed = Clock::now();
-  folder_->copy("audio/mp3/mpeg1-44k-cbr128.mp3", "Music/new.mp3");
+  tree().copy("audio/mp3/mpeg1-44k-cbr128.mp3", "share/Music/new.mp3");
   const std::string event = live.next(3000);
   EXPECT_NE(event.find("SEQ: 1"), std::string::npos) << event;
   EXPECT_LT(std::chrono::duration<double>(Clock::now() - changed).count(), 1.0);

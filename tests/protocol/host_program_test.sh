@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Runs dlna-dms as a user would: --help, probe, a bad folder, a run on a
 # folder that a control point finds over SSDP on loopback, stopped with
-# SIGTERM.
+# SIGTERM; the options that shape the list; a configuration file that SIGHUP
+# applies once edited, and one broken at start or at reload.
 # Runs inside the test runner's private network namespace.
 set -u
 program=$1
@@ -63,12 +64,13 @@ for round in 1 2 3; do
 done
 
 # What a control point lists honours --max-content and --filter.
-children_of() {  # port id -> number of children Browse returns
+browse() {  # port id -> the answer to Browse of the children of id
   curl -s -X POST -H 'Content-Type: text/xml' \
     -H 'SOAPACTION: "urn:schemas-upnp-org:service:ContentDirectory:1#Browse"' \
     --data "<?xml version=\"1.0\"?><s:Envelope xmlns:s=\"http://schemas.xmlsoap.org/soap/envelope/\"><s:Body><u:Browse xmlns:u=\"urn:schemas-upnp-org:service:ContentDirectory:1\"><ObjectID>$2</ObjectID><BrowseFlag>BrowseDirectChildren</BrowseFlag><Filter>*</Filter><StartingIndex>0</StartingIndex><RequestedCount>0</RequestedCount><SortCriteria></SortCriteria></u:Browse></s:Body></s:Envelope>" \
-    "http://127.0.0.1:$1/web/cds_control" | sed -n 's:.*<NumberReturned>\([0-9]*\)</NumberReturned>.*:\1:p'
+    "http://127.0.0.1:$1/web/cds_control"
 }
+children_of() { browse "$1" "$2" | sed -n 's:.*<NumberReturned>\([0-9]*\)</NumberReturned>.*:\1:p'; }
 limited=$(mktemp -d)
 for n in 1 2 3 4 5; do cp "$media/audio/mp3/mpeg1-44k-cbr128.mp3" "$limited/$n.mp3"; done
 cp "$media/audio/mp3/mpeg1-44k-cbr128.mp3" "$limited/renamed.bin"
@@ -82,6 +84,50 @@ for options in "--max-content 4:3" "--filter:5" ":6"; do
   kill -TERM $other; wait $other
 done
 rm -rf "$limited"
+
+# A configuration file: its folders and name are served, SIGHUP applies the
+# edited file, a broken one at reload changes nothing, and a broken one at
+# start is one line that names the file and line, with exit code 2.
+conf_dir=$(mktemp -d)
+conf=$conf_dir/dlna-dms.conf
+conf_port=49890
+for f in Alpha Beta Gamma; do mkdir "$conf_dir/$f"; cp "$media/art/photo/small.jpg" "$conf_dir/$f/p.jpg"; done
+write_conf() {  # name folder...
+  printf '# shared at home\nname = %s\naddress = 127.0.0.1\nport = %s\n' "$1" $conf_port >"$conf"
+  shift
+  for f in "$@"; do echo "folder = $conf_dir/$f" >>"$conf"; done
+  echo "art-cache-mb = 2" >>"$conf"
+}
+served() {  # the titles of the shared folders, then the server's name
+  echo $(browse $conf_port 0 | grep -o 'dc:title&gt;[^&]*' | sed 's/.*;//') \
+    "$(curl -s "http://127.0.0.1:$conf_port/description.xml" | sed -n 's:.*<friendlyName>\(.*\)</friendlyName>.*:\1:p')"
+}
+wait_log() { for _ in $(seq 300); do grep -qF -- "$1" "$log" && return; sleep 0.1; done; }
+write_conf Before Alpha Beta
+"$program" --config "$conf" --www "$www" >"$log" 2>&1 &
+host=$!
+# Asked only once it says so: before, the SDK's web server may answer while
+# the folders are still being registered.
+wait_log Sharing
+check "the file's folders and name are served" test "$(served)" = "Alpha Beta Before: DMS"
+write_conf After Beta Gamma
+kill -HUP $host
+wait_log Reloaded
+check "SIGHUP applies the edited file" test "$(served)" = "Beta Gamma After: DMS"
+printf 'name = Broken\nfolder = %s\nport = many\n' "$conf_dir/Alpha" >"$conf"
+kill -HUP $host
+wait_log "$conf:3:"
+check "a broken file at reload names its line and changes nothing" \
+  sh -c "grep -qF -- '$conf:3:' '$log' && test \"\$0\" = 'Beta Gamma After: DMS'" "$(served)"
+kill -TERM $host
+wait $host
+check "SIGTERM after reloads exits 0" test $? -eq 0
+printf '# fine\nname = Fine\nloudness = 11\n' >"$conf"
+broken=$("$program" --config "$conf" --address 127.0.0.1 "$conf_dir" 2>&1)
+check "a broken file at start exits 2" test $? -eq 2
+check "a broken file at start is one line naming it" \
+  sh -c "test \$(printf '%s\n' \"\$0\" | wc -l) -eq 1 && case \"\$0\" in 'dlna-dms: $conf:3: '*) ;; *) exit 1 ;; esac" "$broken"
+rm -rf "$conf_dir"
 
 kill -TERM $pid
 status=0

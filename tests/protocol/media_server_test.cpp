@@ -28,46 +28,28 @@ std::string get(const std::string &path, const std::string &extra = "") {
   return "GET " + path + " HTTP/1.1\r\nHost: 127.0.0.1\r\n" + extra + "\r\n";
 }
 
-class MediaServerTest : public ::testing::Test {
+class MediaServerTest : public ServerSuite {
  protected:
   static void SetUpTestSuite() {
-    folder_ = new TempDir;
-    folder_->copy("audio/mp3/mpeg1-44k-cbr128.mp3", "share/a.mp3");
-    folder_->copy("audio/wav/pcm16-44100-2ch.wav", "share/b.wav");
+    tree().copy("audio/mp3/mpeg1-44k-cbr128.mp3", "share/a.mp3");
+    tree().copy("audio/wav/pcm16-44100-2ch.wav", "share/b.wav");
     // Raw LPCM is recognised by its name; a sparse file reads as zeroes.
-    fs::resize_file(folder_->write("share/c-b-lpcm-2.pcm", ""), kPausedSize);
-    server_ = new RunningServer;
-    server_->start({*folder_ / "share"});
-    for (const DidlObject &item : children(server_->port(), children(server_->port(), "0").at(0).id())) {
-      std::string url = item.res.at(0).at("url");
-      urls_.push_back(url);
-      paths_.push_back(url.substr(url.find("/web/")));
-    }
+    fs::resize_file(tree().write("share/c-b-lpcm-2.pcm", ""), kPausedSize);
+    ASSERT_TRUE(serve({tree() / "share"}));
+    items_ = children(port(), children(port(), "0").at(0).id());
   }
-  static void TearDownTestSuite() {
-    delete server_;
-    delete folder_;
-  }
-  static int port() { return server_->mediaPort(); }
   // a.mp3, b.wav, then c-b-lpcm-2.pcm, in name order.
-  static const std::string &path(int index) { return paths_.at(index); }
-
-  static TempDir *folder_;
-  static RunningServer *server_;
-  static std::vector<std::string> urls_, paths_;
+  static std::string path(int index) { return items_.at(index).path(); }
+  static inline std::vector<DidlObject> items_;
 };
-TempDir *MediaServerTest::folder_ = nullptr;
-RunningServer *MediaServerTest::server_ = nullptr;
-std::vector<std::string> MediaServerTest::urls_, MediaServerTest::paths_;
 
 TEST_F(MediaServerTest, DidlUrlsNameTheOnePortOfTheServer) {
-  ASSERT_EQ(urls_.size(), 3u);
-  EXPECT_EQ(port(), server_->port());
+  ASSERT_EQ(items_.size(), 3u);
+  EXPECT_EQ(server().mediaPort(), port());
   // A separate media port is asked for in vain: one port serves everything.
-  EXPECT_EQ(dlna_dmsSetMediaPort(server_->handle(), 0), DMS_SUCCESS);
-  EXPECT_EQ(dlna_dmsGetMediaPort(server_->handle()), server_->port());
-  EXPECT_NE(urls_[0].find("127.0.0.1:" + std::to_string(port()) + "/web/"), std::string::npos);
-  EXPECT_EQ(httpGet(port(), path(0)).body, readFile(fixture("audio/mp3/mpeg1-44k-cbr128.mp3")));
+  EXPECT_EQ(dlna_dmsSetMediaPort(server().handle(), 0), DMS_SUCCESS);
+  EXPECT_EQ(dlna_dmsGetMediaPort(server().handle()), port());
+  EXPECT_EQ(items_[0].res.at(0).at("url").find("http://127.0.0.1:" + std::to_string(port()) + "/web/"), 0u);
 }
 
 TEST_F(MediaServerTest, KeepAliveServesTwoRequestsOnOneConnectionAndHonoursClose) {
@@ -106,7 +88,7 @@ TEST_F(MediaServerTest, PausedPlayersResumeAndStopClosesThemAtOnce) {
     heads.push_back(paused.back()->receive(16384));
   }
   // Others are served meanwhile (their latency is the crowd test's).
-  EXPECT_EQ(browse(server_->port(), "0", "BrowseDirectChildren").status, 200);
+  EXPECT_EQ(browse(port(), "0", "BrowseDirectChildren").status, 200);
   EXPECT_EQ(httpGet(port(), path(0)).status, 200);
   // Half of the paused streams resume to the last byte; the rest are still
   // paused when the server stops, which closes them at once.
@@ -115,7 +97,7 @@ TEST_F(MediaServerTest, PausedPlayersResumeAndStopClosesThemAtOnce) {
     EXPECT_EQ(all.size() - all.find("\r\n\r\n") - 4, static_cast<size_t>(kPausedSize)) << i;
   }
   auto stopping = Clock::now();
-  server_->stop();
+  server().stop();
   EXPECT_LT(std::chrono::duration<double>(Clock::now() - stopping).count(), 2.0);
   for (int i = 8; i < 16; ++i) EXPECT_TRUE(paused[i]->closedByPeer(500)) << i;
 }

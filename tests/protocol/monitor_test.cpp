@@ -11,6 +11,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <functional>
+#include <set>
 
 #include "dms_test.h"
 
@@ -21,26 +22,20 @@ namespace {
 
 const char kSong[] = "audio/mp3/mpeg1-44k-cbr128.mp3";
 
-// "title" or "folder/" for every object below `id`, depth first.
-void describe(int port, const std::string &id, const std::string &prefix, std::vector<std::string> &out) {
+// "title" or "folder/" for every object below `id`.
+void describe(int port, const std::string &id, const std::string &prefix, std::multiset<std::string> &out) {
   for (const DidlObject &object : children(port, id)) {
-    out.push_back(prefix + object.title() + (object.container ? "/" : ""));
+    out.insert(prefix + object.title() + (object.container ? "/" : ""));
     if (object.container) describe(port, object.id(), prefix + object.title() + "/", out);
   }
 }
 
 // The same for the disk: media files without their extension.
-void onDisk(const fs::path &folder, const std::string &prefix, std::vector<std::string> &out) {
-  std::vector<fs::directory_entry> entries(fs::directory_iterator(folder), {});
-  std::sort(entries.begin(), entries.end());
-  for (const auto &entry : entries) {
+void onDisk(const fs::path &folder, const std::string &prefix, std::multiset<std::string> &out) {
+  for (const auto &entry : fs::directory_iterator(folder)) {
     const std::string name = entry.path().filename();
-    if (entry.is_directory()) {
-      out.push_back(prefix + name + "/");
-      onDisk(entry.path(), prefix + name + "/", out);
-    } else {
-      out.push_back(prefix + entry.path().stem().string());
-    }
+    out.insert(prefix + (entry.is_directory() ? name + "/" : entry.path().stem().string()));
+    if (entry.is_directory()) onDisk(entry.path(), prefix + name + "/", out);
   }
 }
 
@@ -56,15 +51,13 @@ class MonitorTest : public ::testing::Test {
   }
   // True once Browse of both shares shows the disk.
   bool listsTheDisk() {
-    std::vector<std::string> listed, expected;
+    std::multiset<std::string> listed, expected;
     for (const DidlObject &share : children(server_.port(), "0")) {
       describe(server_.port(), share.id(), share.title() + "/", listed);
     }
     for (const char *share : {"share", "other"}) {
       if (fs::exists(disk_ / share)) onDisk(disk_ / share, std::string(share) + "/", expected);
     }
-    std::sort(listed.begin(), listed.end());
-    std::sort(expected.begin(), expected.end());
     return listed == expected;
   }
   void run(const std::string &command) { ASSERT_EQ(std::system(("cd " + disk_.path() + " && " + command).c_str()), 0); }

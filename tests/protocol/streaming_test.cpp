@@ -15,41 +15,29 @@ using namespace dmstest;
 
 namespace {
 
-class StreamingTest : public ::testing::Test {
+class StreamingTest : public ServerSuite {
  protected:
   static void SetUpTestSuite() {
-    tree_ = new TempDir;
-    tree_->copy("audio/mp3/mpeg1-44k-cbr128.mp3", "share/song.mp3");
-    tree_->copy("audio/wav/pcm16-44100-2ch.wav", "share/tone.wav");
-    tree_->copy("image/jfif-640x480.jpg", "share/photo.jpg");
+    tree().copy("audio/mp3/mpeg1-44k-cbr128.mp3", "share/song.mp3");
+    tree().copy("audio/wav/pcm16-44100-2ch.wav", "share/tone.wav");
+    tree().copy("image/jfif-640x480.jpg", "share/photo.jpg");
     // A transport stream grown past 4 GiB without using the disk, with a
     // marker far beyond the 32-bit range.
-    const std::string big = tree_->copy("video/ts-mpeg2-mp2-720x576.ts", "share/big.ts");
+    const std::string big = tree().copy("video/ts-mpeg2-mp2-720x576.ts", "share/big.ts");
     std::filesystem::resize_file(big, kBigSize);
     int fd = ::open(big.c_str(), O_WRONLY);
     EXPECT_EQ(::pwrite(fd, "MARKER!!", 8, kMarkerAt), 8);
     ::close(fd);
-    server_ = new RunningServer;
-    ASSERT_TRUE(server_->start({tree_->path() + "/share"}));
+    ASSERT_TRUE(serve({tree() / "share"}));
   }
-  static void TearDownTestSuite() {
-    delete server_;
-    delete tree_;
-  }
-  static int port() { return server_->port(); }
   // The path of the res URL of the shared item titled `title`.
-  static std::string url(const std::string &title) {
-    std::string res = lookup(port(), "share/" + title).res.at(0)["url"];
-    return res.substr(res.find("/web/"));
-  }
+  static std::string url(const std::string &title) { return lookup(port(), "share/" + title).path(); }
   static constexpr int64_t kBigSize = 5LL << 30;
   static constexpr int64_t kMarkerAt = (9LL << 29) + 1;  // 4.5 GiB and one
-  static inline TempDir *tree_ = nullptr;
-  static inline RunningServer *server_ = nullptr;
 };
 
 TEST_F(StreamingTest, WholeFilesHeadAndRangesHaveExactLengths) {
-  const std::string path = url("song"), file = readFile(tree_->path() + "/share/song.mp3");
+  const std::string path = url("song"), file = readFile(tree() / "share/song.mp3");
   const size_t size = file.size();
   struct Row {
     std::string method, range;
@@ -95,7 +83,7 @@ TEST_F(StreamingTest, WholeFilesHeadAndRangesHaveExactLengths) {
 }
 
 TEST_F(StreamingTest, LpcmGoesOutInNetworkOrderFromAnyOffset) {
-  std::string samples = readFile(tree_->path() + "/share/tone.wav").substr(44);
+  std::string samples = readFile(tree() / "share/tone.wav").substr(44);
   for (size_t i = 0; i + 1 < samples.size(); i += 2) std::swap(samples[i], samples[i + 1]);
   const std::string path = url("tone");
   HttpResponse whole = httpGet(port(), path);
@@ -114,7 +102,7 @@ TEST_F(StreamingTest, FilesOver4GiBAreListedAndServedByRanges) {
   DidlObject big = lookup(port(), "share/big");
   ASSERT_EQ(big.res.size(), 1u);
   EXPECT_EQ(big.res[0]["size"], std::to_string(kBigSize));
-  const std::string path = url("big");
+  const std::string path = big.path();
   HttpResponse head = httpGet(port(), path, "", "HEAD");
   EXPECT_EQ(head.header("content-length"), std::to_string(kBigSize));
   HttpResponse marker = httpGet(port(), path, "Range: bytes=" + std::to_string(kMarkerAt) + "-" +
@@ -143,7 +131,6 @@ TEST_F(StreamingTest, HostileUrlsAnswerNotFound) {
   EXPECT_EQ(httpGet(port(), song).status, 200);
 }
 
-
 TEST(StreamingChanges, FilesTruncatedDeletedOrUnsharedWhileStreamed) {
   TempDir tree;
   for (const char *name : {"cut", "gone", "unshared"}) {
@@ -152,10 +139,7 @@ TEST(StreamingChanges, FilesTruncatedDeletedOrUnsharedWhileStreamed) {
   }
   RunningServer server;
   ASSERT_TRUE(server.start({tree / "share"}));
-  auto pathOf = [&](const char *title) {
-    std::string res = lookup(server.port(), std::string("share/") + title).res.at(0)["url"];
-    return res.substr(res.find("/web/"));
-  };
+  auto pathOf = [&](const char *title) { return lookup(server.port(), std::string("share/") + title).path(); };
   const std::string cut = pathOf("cut"), gone = pathOf("gone"), unshared = pathOf("unshared");
   struct Row {
     std::string path;
@@ -183,10 +167,6 @@ TEST(StreamingChanges, FilesTruncatedDeletedOrUnsharedWhileStreamed) {
   EXPECT_EQ(httpGet(server.port(), unshared).status, 404);
 }
 
-}  // namespace
-
-namespace {
-
 // Every fixture the server lists is published with a protocolInfo the
 // server announces, and its URL serves exactly the bytes and length the
 // DIDL-Lite promised.
@@ -213,8 +193,7 @@ TEST(EveryFixture, IsListedAndServedAsPublished) {
     if (res.at("protocolInfo").find("DLNA.ORG_PN=") != std::string::npos) {  // a DLNA profile
       EXPECT_NE(sources.find(res.at("protocolInfo")), std::string::npos);
     }
-    const std::string url = res.at("url");
-    HttpResponse body = httpGet(server.port(), url.substr(url.find("/web/")));
+    HttpResponse body = httpGet(server.port(), item.path());
     EXPECT_EQ(body.status, 200);
     EXPECT_EQ(std::to_string(body.body.size()), res.at("size"));
     EXPECT_EQ(body.header("content-length"), res.at("size"));

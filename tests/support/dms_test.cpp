@@ -6,29 +6,51 @@
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
+#include <turbojpeg.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <iterator>
+#include <sstream>
 
 namespace fs = std::filesystem;
 
 namespace dmstest {
 
+namespace {
+
+template <typename Map>
+std::string valueOf(const Map &map, const std::string &key) {
+  auto found = map.find(key);
+  return found == map.end() ? std::string() : found->second;
+}
+
+}  // namespace
+
 std::string fixture(const std::string &relative) {
   return std::string(DMS_TEST_FIXTURES) + "/media/" + relative;
+}
+
+std::vector<std::vector<std::string>> fixtureTable(const std::string &name) {
+  std::ifstream in(std::string(DMS_TEST_FIXTURES) + "/" + name);
+  std::vector<std::vector<std::string>> rows;
+  std::string line;
+  std::getline(in, line);  // the column names
+  while (std::getline(in, line)) {
+    std::stringstream fields(line);
+    rows.emplace_back();
+    for (std::string field; std::getline(fields, field, '\t');) rows.back().push_back(field);
+  }
+  return rows;
 }
 
 std::string readFile(const std::string &path) {
   std::ifstream in(path, std::ios::binary);
   return std::string(std::istreambuf_iterator<char>(in), {});
-}
-
-void writeFile(const std::string &path, const std::string &bytes) {
-  std::ofstream(path, std::ios::binary | std::ios::trunc) << bytes;
 }
 
 TempDir::TempDir() {
@@ -55,7 +77,7 @@ std::string TempDir::copy(const std::string &fixtureRelative, const std::string 
 
 std::string TempDir::write(const std::string &relative, const std::string &bytes) const {
   fs::create_directories(fs::path(*this / relative).parent_path());
-  writeFile(*this / relative, bytes);
+  std::ofstream(*this / relative, std::ios::binary | std::ios::trunc) << bytes;
   return *this / relative;
 }
 
@@ -66,19 +88,19 @@ Bytes &Bytes::u8(std::initializer_list<int> values) {
 
 // ---- HTTP ------------------------------------------------------------------
 
-std::string HttpResponse::header(const std::string &name) const {
-  auto found = headers.find(name);
-  return found == headers.end() ? std::string() : found->second;
-}
+std::string HttpResponse::header(const std::string &name) const { return valueOf(headers, name); }
 
 namespace {
 
-HttpResponse parseResponse(const std::string &raw) {
-  HttpResponse response;
-  size_t headerEnd = raw.find("\r\n\r\n");
-  if (raw.compare(0, 5, "HTTP/") != 0 || headerEnd == std::string::npos) return response;
-  response.status = std::atoi(raw.c_str() + raw.find(' ') + 1);
-  for (size_t line = raw.find("\r\n") + 2; line < headerEnd;) {
+using Clock = std::chrono::steady_clock;
+
+// An HTTP message's head and body; the status of an answer (0: a request).
+HttpResponse parseMessage(const std::string &raw) {
+  HttpResponse message;
+  const size_t headEnd = raw.find("\r\n\r\n");
+  if (headEnd == std::string::npos) return message;
+  if (raw.compare(0, 5, "HTTP/") == 0) message.status = std::atoi(raw.c_str() + raw.find(' ') + 1);
+  for (size_t line = raw.find("\r\n") + 2; line < headEnd;) {
     size_t end = raw.find("\r\n", line);
     std::string text = raw.substr(line, end - line);
     size_t colon = text.find(':');
@@ -86,25 +108,56 @@ HttpResponse parseResponse(const std::string &raw) {
       std::string name = text.substr(0, colon);
       std::transform(name.begin(), name.end(), name.begin(), ::tolower);
       size_t value = text.find_first_not_of(' ', colon + 1);
-      response.headers[name] = value == std::string::npos ? "" : text.substr(value);
+      message.headers[name] = value == std::string::npos ? "" : text.substr(value);
     }
     line = end + 2;
   }
-  response.body = raw.substr(headerEnd + 4);
-  return response;
+  message.body = raw.substr(headEnd + 4);
+  return message;
 }
 
-// Whether `raw` holds one whole answer to `request`: its header and the
-// body its Content-Length (or last chunk) promises.  Without either, the
-// answer ends when the server closes.
-bool answerComplete(const std::string &request, const std::string &raw) {
-  const size_t headerEnd = raw.find("\r\n\r\n");
-  if (headerEnd == std::string::npos) return false;
-  const HttpResponse head = parseResponse(raw.substr(0, headerEnd + 4));
-  if (request.rfind("HEAD", 0) == 0 || head.status == 204 || head.status == 304) return true;
-  const std::string length = head.header("content-length");
-  if (!length.empty()) return raw.size() >= headerEnd + 4 + std::stoull(length);
-  return head.header("transfer-encoding") == "chunked" && raw.find("\r\n0\r\n\r\n", headerEnd) != std::string::npos;
+// Where the message at the start of `raw` ends: after its head and the body
+// its Content-Length (or last chunk) promises, none for the answer to HEAD,
+// a 204 or a 304; npos until all of it is there, or when only the peer's
+// closing can end it.
+size_t messageEnd(const std::string &raw, bool toHead) {
+  const size_t headEnd = raw.find("\r\n\r\n");
+  if (headEnd == std::string::npos) return std::string::npos;
+  const HttpResponse head = parseMessage(raw.substr(0, headEnd + 4));
+  size_t end = std::string::npos;
+  if (toHead || head.status == 204 || head.status == 304) {
+    end = headEnd + 4;
+  } else if (!head.header("content-length").empty()) {
+    end = headEnd + 4 + std::stoull(head.header("content-length"));
+  } else if (head.header("transfer-encoding") == "chunked" && raw.find("\r\n0\r\n\r\n", headEnd) != std::string::npos) {
+    end = raw.find("\r\n0\r\n\r\n", headEnd) + 7;
+  }
+  return end <= raw.size() ? end : std::string::npos;
+}
+
+// Reads from `fd` into `into` until `done(into)`, the peer closes or
+// timeoutMs passes; false when the peer closed.
+bool readUntil(int fd, std::string &into, const std::function<bool(const std::string &)> &done, int timeoutMs) {
+  const auto deadline = Clock::now() + std::chrono::milliseconds(timeoutMs);
+  char buffer[65536];
+  while (!done(into) && Clock::now() < deadline) {
+    pollfd waitFor{fd, POLLIN, 0};
+    if (::poll(&waitFor, 1, 20) <= 0) continue;
+    const ssize_t n = ::recv(fd, buffer, sizeof buffer, 0);
+    if (n <= 0) return false;
+    into.append(buffer, static_cast<size_t>(n));
+  }
+  return true;
+}
+
+// Takes the message at the start of `pending` off it, reading from `fd`
+// until it is whole; all that came when the peer closed first.
+std::string takeMessage(int fd, std::string &pending, int timeoutMs, bool toHead = false) {
+  readUntil(fd, pending, [&](const std::string &raw) { return messageEnd(raw, toHead) != std::string::npos; }, timeoutMs);
+  const size_t end = std::min(messageEnd(pending, toHead), pending.size());
+  std::string message = pending.substr(0, end);
+  pending.erase(0, end);
+  return message;
 }
 
 // Connects `fd` to 127.0.0.1:port, giving up after two seconds (a port that
@@ -125,35 +178,33 @@ bool connectWithin(int fd, int port) {
 }  // namespace
 
 HttpResponse sendRaw(int port, const std::string &request, int timeoutMs) {
-  int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  if (fd < 0 || !connectWithin(fd, port)) {
-    if (fd >= 0) ::close(fd);
-    return {};
-  }
-  for (size_t sent = 0; sent < request.size();) {
-    ssize_t n = ::send(fd, request.data() + sent, request.size() - sent, MSG_NOSIGNAL);
-    if (n <= 0) break;
-    sent += static_cast<size_t>(n);
-  }
-  std::string raw;
-  auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-  char buffer[65536];
-  while (std::chrono::steady_clock::now() < deadline) {
-    pollfd waitFor{fd, POLLIN, 0};
-    if (::poll(&waitFor, 1, 50) <= 0) continue;
-    ssize_t n = ::recv(fd, buffer, sizeof buffer, 0);
-    if (n <= 0) break;
-    raw.append(buffer, static_cast<size_t>(n));
-    if (answerComplete(request, raw)) break;
-  }
-  ::close(fd);
-  return parseResponse(raw);
+  RawConnection connection(port);
+  if (!connection.connected()) return {};
+  connection.send(request);  // an answer may come before all of a long request went
+  return connection.response(timeoutMs, request.rfind("HEAD", 0) == 0);
 }
 
 HttpResponse httpGet(int port, const std::string &path, const std::string &extra,
                      const std::string &method) {
   return sendRaw(port, method + " " + path + " HTTP/1.1\r\nHost: 127.0.0.1:" +
                            std::to_string(port) + "\r\n" + extra + "Connection: close\r\n\r\n");
+}
+
+std::string urlPath(const std::string &url) { return url.substr(url.find('/', url.find("//") + 2)); }
+
+std::string decodedJpegSize(const std::string &jpeg) {
+  tjhandle decoder = tjInitDecompress();
+  int width = 0, height = 0, subsampling = 0, colorspace = 0;
+  const auto *data = reinterpret_cast<const unsigned char *>(jpeg.data());
+  std::string size;
+  if (tjDecompressHeader3(decoder, data, jpeg.size(), &width, &height, &subsampling, &colorspace) == 0) {
+    std::vector<unsigned char> pixels(size_t(width) * height * 3);
+    if (tjDecompress2(decoder, data, jpeg.size(), pixels.data(), width, 0, height, TJPF_RGB, TJFLAG_STOPONWARNING) == 0) {
+      size = std::to_string(width) + "x" + std::to_string(height);
+    }
+  }
+  tjDestroy(decoder);
+  return size;
 }
 
 RawConnection::RawConnection(int port, const std::string &from, int receiveBuffer) {
@@ -175,67 +226,32 @@ bool RawConnection::send(const std::string &bytes) {
 }
 
 std::string RawConnection::receive(size_t count, int timeoutMs) {
-  std::string out = std::move(pending_);
-  pending_.clear();
-  auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-  char buffer[65536];
-  while (connected_ && out.size() < count && std::chrono::steady_clock::now() < deadline) {
-    pollfd waitFor{fd_, POLLIN, 0};
-    if (::poll(&waitFor, 1, 20) <= 0) continue;
-    ssize_t n = ::recv(fd_, buffer, std::min(sizeof buffer, count - out.size()), 0);
-    if (n <= 0) break;
-    out.append(buffer, static_cast<size_t>(n));
-  }
+  if (connected_) readUntil(fd_, pending_, [&](const std::string &raw) { return raw.size() >= count; }, timeoutMs);
+  std::string out = pending_.substr(0, count);
+  pending_.erase(0, out.size());
   return out;
 }
 
-HttpResponse RawConnection::response(int timeoutMs) {
-  std::string raw;
-  size_t end;
-  while ((end = raw.find("\r\n\r\n")) == std::string::npos) {
-    std::string more = receive(1, timeoutMs);
-    if (more.empty()) return {};
-    raw += more;
-  }
-  HttpResponse head = parseResponse(raw.substr(0, end + 4));
-  size_t length = static_cast<size_t>(std::atoll(head.header("content-length").c_str()));
-  pending_ = raw.substr(end + 4);
-  head.body = receive(length, timeoutMs);
-  if (head.body.size() > length) {
-    pending_ = head.body.substr(length);
-    head.body.resize(length);
-  }
-  return head;
+HttpResponse RawConnection::response(int timeoutMs, bool toHead) {
+  return parseMessage(takeMessage(fd_, pending_, connected_ ? timeoutMs : 0, toHead));
 }
 
 bool RawConnection::closedByPeer(int timeoutMs) {
-  auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-  char buffer[65536];
-  while (std::chrono::steady_clock::now() < deadline) {
-    pollfd waitFor{fd_, POLLIN, 0};
-    if (::poll(&waitFor, 1, 20) <= 0) continue;
-    if (::recv(fd_, buffer, sizeof buffer, 0) <= 0) return true;
-  }
-  return false;
+  return !readUntil(fd_, pending_, [](const std::string &) { return false; }, timeoutMs);
 }
 
-const char *serviceType(Service service) {
-  switch (service) {
-    case Service::kCds: return "urn:schemas-upnp-org:service:ContentDirectory:1";
-    case Service::kCms: return "urn:schemas-upnp-org:service:ConnectionManager:1";
-    case Service::kMrs: return "urn:microsoft.com:service:X_MS_MediaReceiverRegistrar:1";
-  }
-  return "";
-}
+namespace {
 
-const char *controlPath(Service service) {
-  switch (service) {
-    case Service::kCds: return "/web/cds_control";
-    case Service::kCms: return "/web/cms_control";
-    case Service::kMrs: return "/web/mrs_control";
-  }
-  return "";
-}
+// Each service's type and control URL, in the order of Service.
+const char *const kServices[][2] = {
+    {"urn:schemas-upnp-org:service:ContentDirectory:1", "/web/cds_control"},
+    {"urn:schemas-upnp-org:service:ConnectionManager:1", "/web/cms_control"},
+    {"urn:microsoft.com:service:X_MS_MediaReceiverRegistrar:1", "/web/mrs_control"}};
+
+}  // namespace
+
+const char *serviceType(Service service) { return kServices[static_cast<int>(service)][0]; }
+const char *controlPath(Service service) { return kServices[static_cast<int>(service)][1]; }
 
 HttpResponse soap(int port, Service service, const std::string &action,
                   const std::string &arguments) {
@@ -253,6 +269,8 @@ HttpResponse soap(int port, Service service, const std::string &action,
                            std::to_string(body.size()) + "\r\nConnection: close\r\n\r\n" + body);
 }
 
+namespace {
+
 std::string xmlEscape(const std::string &text) {
   std::string out;
   for (char c : text) {
@@ -267,6 +285,13 @@ std::string xmlEscape(const std::string &text) {
   return out;
 }
 
+std::string textOf(IXML_Node *node) {
+  IXML_Node *text = ixmlNode_getFirstChild(node);
+  return text != nullptr && ixmlNode_getNodeValue(text) != nullptr ? ixmlNode_getNodeValue(text) : "";
+}
+
+}  // namespace
+
 std::string elementText(const std::string &xml, const std::string &name) {
   // Through the DOM parser, so that entities and CDATA decode as a client's.
   IXML_Document *document = ixmlParseBuffer(xml.c_str());
@@ -278,8 +303,7 @@ std::string elementText(const std::string &xml, const std::string &name) {
     const char *local = ixmlNode_getLocalName(node);
     std::string nodeName = local != nullptr ? local : ixmlNode_getNodeName(node);
     if (nodeName != name && ixmlNode_getNodeName(node) != name) continue;
-    IXML_Node *child = ixmlNode_getFirstChild(node);
-    if (child != nullptr && ixmlNode_getNodeValue(child) != nullptr) text = ixmlNode_getNodeValue(child);
+    text = textOf(node);
     break;
   }
   ixmlNodeList_free(nodes);
@@ -289,15 +313,8 @@ std::string elementText(const std::string &xml, const std::string &name) {
 
 // ---- DIDL-Lite -------------------------------------------------------------
 
-std::string DidlObject::attr(const std::string &name) const {
-  auto found = attributes.find(name);
-  return found == attributes.end() ? std::string() : found->second;
-}
-
-std::string DidlObject::prop(const std::string &name) const {
-  auto found = properties.find(name);
-  return found == properties.end() ? std::string() : found->second;
-}
+std::string DidlObject::attr(const std::string &name) const { return valueOf(attributes, name); }
+std::string DidlObject::prop(const std::string &name) const { return valueOf(properties, name); }
 
 namespace {
 
@@ -310,11 +327,6 @@ std::map<std::string, std::string> attributesOf(IXML_Node *node) {
   }
   if (map != nullptr) ixmlNamedNodeMap_free(map);
   return out;
-}
-
-std::string textOf(IXML_Node *node) {
-  IXML_Node *text = ixmlNode_getFirstChild(node);
-  return text != nullptr && ixmlNode_getNodeValue(text) != nullptr ? ixmlNode_getNodeValue(text) : "";
 }
 
 }  // namespace
@@ -348,28 +360,31 @@ namespace {
 CdsAnswer cdsAnswer(const HttpResponse &response) {
   CdsAnswer out;
   out.status = response.status;
-  out.errorCode = elementText(response.body, "errorCode");
   if (response.status != 200) return out;
   out.result = elementText(response.body, "Result");
   out.objects = parseDidl(out.result, &out.wellFormed);
   out.numberReturned = std::atoi(elementText(response.body, "NumberReturned").c_str());
   out.totalMatches = std::atoi(elementText(response.body, "TotalMatches").c_str());
-  out.updateId = std::atoi(elementText(response.body, "UpdateID").c_str());
   return out;
 }
 
-std::string paging(int start, int count) {
-  return "<StartingIndex>" + std::to_string(start) + "</StartingIndex><RequestedCount>" +
-         std::to_string(count) + "</RequestedCount><SortCriteria></SortCriteria>";
+std::string paging(const std::string &start, const std::string &count) {
+  return "<StartingIndex>" + start + "</StartingIndex><RequestedCount>" + count +
+         "</RequestedCount><SortCriteria></SortCriteria>";
 }
 
 }  // namespace
 
+std::string browseArguments(const std::string &id, const std::string &flag, const std::string &start,
+                            const std::string &count, const std::string &filter) {
+  return "<ObjectID>" + id + "</ObjectID><BrowseFlag>" + flag + "</BrowseFlag><Filter>" + filter + "</Filter>" +
+         paging(start, count);
+}
+
 CdsAnswer browse(int port, const std::string &id, const std::string &flag, int start, int count,
                  const std::string &filter) {
   return cdsAnswer(soap(port, Service::kCds, "Browse",
-                        "<ObjectID>" + id + "</ObjectID><BrowseFlag>" + flag +
-                            "</BrowseFlag><Filter>" + filter + "</Filter>" + paging(start, count)));
+                        browseArguments(id, flag, std::to_string(start), std::to_string(count), filter)));
 }
 
 CdsAnswer search(int port, const std::string &container, const std::string &criteria, int start,
@@ -377,7 +392,7 @@ CdsAnswer search(int port, const std::string &container, const std::string &crit
   return cdsAnswer(soap(port, Service::kCds, "Search",
                         "<ContainerID>" + container + "</ContainerID><SearchCriteria>" +
                             xmlEscape(criteria) + "</SearchCriteria><Filter>*</Filter>" +
-                            paging(start, count)));
+                            paging(std::to_string(start), std::to_string(count))));
 }
 
 std::vector<DidlObject> children(int port, const std::string &id) {
@@ -434,41 +449,22 @@ bool Listener::contacted(int timeoutMs) {
   return true;
 }
 
-Subscriber::Subscriber(int serverPort, const std::string &eventPath) {
-  socket_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  ::bind(socket_, reinterpret_cast<sockaddr *>(&address), sizeof address);
-  socklen_t length = sizeof address;
-  ::getsockname(socket_, reinterpret_cast<sockaddr *>(&address), &length);
-  ::listen(socket_, 16);
-  subscription_ = sendRaw(serverPort, "SUBSCRIBE " + eventPath + " HTTP/1.1\r\nHost: 127.0.0.1:" +
-                                          std::to_string(serverPort) + "\r\nCALLBACK: <http://127.0.0.1:" +
-                                          std::to_string(ntohs(address.sin_port)) +
-                                          "/notify>\r\nNT: upnp:event\r\nTIMEOUT: Second-300\r\n\r\n");
-}
-
-Subscriber::~Subscriber() { ::close(socket_); }
-
-std::string Subscriber::next(int timeoutMs) {
-  pollfd waitFor{socket_, POLLIN, 0};
+std::string Listener::request(int timeoutMs, int status) {
+  pollfd waitFor{fd_, POLLIN, 0};
   if (::poll(&waitFor, 1, timeoutMs) <= 0) return {};
-  int connection = ::accept(socket_, nullptr, nullptr);
-  std::string message;
-  char buffer[8192];
-  for (int round = 0; round < 100 && message.find("</e:propertyset>") == std::string::npos; ++round) {
-    pollfd readable{connection, POLLIN, 0};
-    if (::poll(&readable, 1, 50) <= 0) continue;
-    ssize_t n = ::recv(connection, buffer, sizeof buffer, 0);
-    if (n <= 0) break;
-    message.append(buffer, static_cast<size_t>(n));
-  }
-  const char ok[] = "HTTP/1.1 200 OK\r\nContent-Length: 0\r\n\r\n";
-  ::send(connection, ok, sizeof ok - 1, MSG_NOSIGNAL);
+  const int connection = ::accept(fd_, nullptr, nullptr);
+  std::string pending;
+  const std::string request = takeMessage(connection, pending, 2000);
+  const std::string answer = "HTTP/1.1 " + std::to_string(status) + " X\r\nContent-Length: 0\r\nConnection: close\r\n\r\n";
+  ::send(connection, answer.data(), answer.size(), MSG_NOSIGNAL);
   ::close(connection);
-  return message;
+  return request;
 }
+
+Subscriber::Subscriber(int serverPort, const std::string &eventPath)
+    : subscription_(sendRaw(serverPort, "SUBSCRIBE " + eventPath + " HTTP/1.1\r\nHost: 127.0.0.1:" +
+                                            std::to_string(serverPort) + "\r\nCALLBACK: " + listener_.callback("/notify") +
+                                            "\r\nNT: upnp:event\r\nTIMEOUT: Second-300\r\n\r\n")) {}
 
 // ---- a running server ------------------------------------------------------
 

@@ -5,10 +5,13 @@
 #ifndef DMS_TESTS_SUPPORT_DMS_TEST_H
 #define DMS_TESTS_SUPPORT_DMS_TEST_H
 
+#include <gtest/gtest.h>
+
 #include <chrono>
 #include <cstdint>
 #include <initializer_list>
 #include <map>
+#include <memory>
 #include <string>
 #include <thread>
 #include <vector>
@@ -21,8 +24,10 @@ namespace dmstest {
 
 // tests/fixtures/media/<relative>.
 std::string fixture(const std::string &relative);
+// The rows of tests/fixtures/<name> under its line of column names, each
+// split at its tabs.
+std::vector<std::vector<std::string>> fixtureTable(const std::string &name);
 std::string readFile(const std::string &path);
-void writeFile(const std::string &path, const std::string &bytes);
 
 // A temporary folder removed with everything in it.
 class TempDir {
@@ -56,7 +61,6 @@ class Bytes {
   Bytes &le32(uint32_t v) { return le16(v & 0xFFFF).le16(v >> 16); }
   Bytes &text(const std::string &t) { data_ += t; return *this; }
   Bytes &zeros(size_t n) { data_.append(n, '\0'); return *this; }
-  Bytes &add(const Bytes &more) { data_ += more.data_; return *this; }
   const std::string &str() const { return data_; }
   size_t size() const { return data_.size(); }
 
@@ -79,6 +83,10 @@ HttpResponse sendRaw(int port, const std::string &request, int timeoutMs = 5000)
 // One request with "Connection: close"; extra is header lines ending in CRLF.
 HttpResponse httpGet(int port, const std::string &path, const std::string &extra = "",
                      const std::string &method = "GET");
+// The path of an URL: "http://127.0.0.1:4/web/1.mp3" -> "/web/1.mp3".
+std::string urlPath(const std::string &url);
+// "WxH" of a JPEG that decodes completely; empty otherwise.
+std::string decodedJpegSize(const std::string &jpeg);
 
 // A TCP connection to 127.0.0.1:port from the loopback address `from`
 // (127.0.0.x: one client address each), closed by the destructor.  A small
@@ -93,8 +101,10 @@ class RawConnection {
   bool send(const std::string &bytes);
   // Reads until `count` bytes arrived, the peer closed or timeoutMs passed.
   std::string receive(size_t count, int timeoutMs = 5000);
-  // Reads one whole answer (header and Content-Length body).
-  HttpResponse response(int timeoutMs = 5000);
+  // Reads one whole answer: its header and the body its Content-Length (or
+  // last chunk) promises, none for the answer to HEAD; without either, all
+  // that comes until the server closes.
+  HttpResponse response(int timeoutMs = 5000, bool toHead = false);
   // True when the peer closes (or resets) within timeoutMs.
   bool closedByPeer(int timeoutMs = 2000);
 
@@ -119,6 +129,9 @@ class Listener {
   std::string callback(const std::string &path = "/ev") const;
   // Whether anybody connects within timeoutMs (the connection is dropped).
   bool contacted(int timeoutMs);
+  // The next request (head and Content-Length body) that comes within
+  // timeoutMs, answered `status`; empty when none came.
+  std::string request(int timeoutMs, int status = 200);
 
  private:
   int fd_ = -1;
@@ -134,7 +147,6 @@ HttpResponse soap(int port, Service service, const std::string &action,
 
 // Text of the first element named `name` (any prefix), entities decoded.
 std::string elementText(const std::string &xml, const std::string &name);
-std::string xmlEscape(const std::string &text);
 
 // ---- DIDL-Lite -------------------------------------------------------------
 
@@ -147,6 +159,8 @@ struct DidlObject {
   std::string prop(const std::string &name) const;
   std::string id() const { return attr("id"); }
   std::string title() const { return prop("dc:title"); }
+  // The path of its first res URL.
+  std::string path() const { return urlPath(res.at(0).at("url")); }
 };
 
 // Parses a DIDL-Lite document; *ok is false when it is not well-formed.
@@ -155,12 +169,14 @@ std::vector<DidlObject> parseDidl(const std::string &xml, bool *ok = nullptr);
 // The answer to Browse or Search.
 struct CdsAnswer {
   int status = 0;
-  std::string errorCode;  // the UPnP fault's errorCode, or empty
   std::string result;     // the Result text, unescaped
   std::vector<DidlObject> objects;
-  int numberReturned = -1, totalMatches = -1, updateId = -1;
+  int numberReturned = -1, totalMatches = -1;
   bool wellFormed = false;
 };
+// The arguments of Browse as a control point sends them.
+std::string browseArguments(const std::string &id, const std::string &flag, const std::string &start = "0",
+                            const std::string &count = "0", const std::string &filter = "*");
 CdsAnswer browse(int port, const std::string &id, const std::string &flag, int start = 0,
                  int count = 0, const std::string &filter = "*");
 CdsAnswer search(int port, const std::string &container, const std::string &criteria,
@@ -178,16 +194,13 @@ DidlObject lookup(int port, const std::string &titles);
 class Subscriber {
  public:
   Subscriber(int serverPort, const std::string &eventPath);
-  ~Subscriber();
-  Subscriber(const Subscriber &) = delete;
-  Subscriber &operator=(const Subscriber &) = delete;
   const HttpResponse &subscription() const { return subscription_; }  // the SUBSCRIBE answer
   // The next NOTIFY (headers and body) within timeoutMs, answered 200; empty
   // when none came.
-  std::string next(int timeoutMs);
+  std::string next(int timeoutMs) { return listener_.request(timeoutMs); }
 
  private:
-  int socket_ = -1;
+  Listener listener_;
   HttpResponse subscription_;
 };
 
@@ -220,6 +233,31 @@ class RunningServer {
  private:
   dmsHandle *handle_ = nullptr;
   int port_ = 0;
+};
+
+// A suite of tests that share one server over one temporary tree: the
+// suite's SetUpTestSuite fills tree() and calls serve(); the server stops
+// and the tree goes after its last test.
+class ServerSuite : public ::testing::Test {
+ protected:
+  static void TearDownTestSuite() {
+    server_.reset();
+    tree_.reset();
+  }
+  static TempDir &tree() {
+    if (tree_ == nullptr) tree_ = std::make_unique<TempDir>();
+    return *tree_;
+  }
+  static bool serve(const std::vector<std::string> &folders, const std::string &name = "Test Server") {
+    server_ = std::make_unique<RunningServer>();
+    return server_->start(folders, name);
+  }
+  static RunningServer &server() { return *server_; }
+  static int port() { return server_->port(); }
+
+ private:
+  static inline std::unique_ptr<TempDir> tree_;
+  static inline std::unique_ptr<RunningServer> server_;
 };
 
 // Polls `condition` every 20 ms for at most timeoutMs; true once it holds.
