@@ -294,14 +294,27 @@ bool mfdVideo_parseAvcSps(const uint8_t *nal, size_t size, mfdAvcInfo &info) {
   return true;
 }
 
-bool mfdVideo_findAvcSps(const uint8_t *bytes, size_t size, mfdAvcInfo &info) {
-  for (size_t index = mfdVideo_findStartCode(bytes, size, 0); index + 4 <= size;
+namespace {
+
+// The first NAL unit of `bytes` whose header (`headerBytes` long) `isSps`
+// accepts and `parse` reads.
+template <typename IsSps, typename Parse>
+bool findSps(const uint8_t *bytes, size_t size, size_t headerBytes, IsSps isSps, Parse parse) {
+  for (size_t index = mfdVideo_findStartCode(bytes, size, 0); index + 3 + headerBytes <= size;
        index = mfdVideo_findStartCode(bytes, size, index + 3)) {
-    if ((bytes[index + 3] & 0x1Fu) != kSpsNalType) continue;
+    if (!isSps(bytes[index + 3])) continue;
     const size_t end = mfdVideo_findStartCode(bytes, size, index + 3);
-    if (mfdVideo_parseAvcSps(bytes + index + 3, end - index - 3, info)) return true;
+    if (parse(bytes + index + 3, end - index - 3)) return true;
   }
   return false;
+}
+
+}  // namespace
+
+bool mfdVideo_findAvcSps(const uint8_t *bytes, size_t size, mfdAvcInfo &info) {
+  return findSps(
+      bytes, size, 1, [](uint8_t header) { return (header & 0x1Fu) == kSpsNalType; },
+      [&info](const uint8_t *nal, size_t length) { return mfdVideo_parseAvcSps(nal, length, info); });
 }
 
 bool mfdVideo_parseHevcSps(const uint8_t *nal, size_t size, mfdHevcInfo &info) {
@@ -337,13 +350,9 @@ bool mfdVideo_parseHevcSps(const uint8_t *nal, size_t size, mfdHevcInfo &info) {
 }
 
 bool mfdVideo_findHevcSps(const uint8_t *bytes, size_t size, mfdHevcInfo &info) {
-  for (size_t index = mfdVideo_findStartCode(bytes, size, 0); index + 5 <= size;
-       index = mfdVideo_findStartCode(bytes, size, index + 3)) {
-    if ((bytes[index + 3] >> 1 & 0x3Fu) != kHevcSpsNalType) continue;
-    const size_t end = mfdVideo_findStartCode(bytes, size, index + 3);
-    if (mfdVideo_parseHevcSps(bytes + index + 3, end - index - 3, info)) return true;
-  }
-  return false;
+  return findSps(
+      bytes, size, 2, [](uint8_t header) { return (header >> 1 & 0x3Fu) == kHevcSpsNalType; },
+      [&info](const uint8_t *nal, size_t length) { return mfdVideo_parseHevcSps(nal, length, info); });
 }
 
 bool mfdVideo_isAvcBaseline(const mfdAvcInfo &info) {
