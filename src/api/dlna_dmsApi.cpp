@@ -76,7 +76,10 @@ int32_t tearDownServer(dmsHandle *handle) {
     handle->cmsContext = nullptr;
   }
   if (handle->cdsContext != nullptr) {
-    if (handle->contentList != nullptr) dmsClmSetCdsContext(handle->contentList, nullptr);
+    if (handle->contentList != nullptr && handle->cdsListener != 0) {
+      dmsClmRemoveListener(handle->contentList, handle->cdsListener);
+    }
+    handle->cdsListener = 0;
     int32_t result = dmsCdsMgrDeInit(handle->cdsContext);
     if (result != 0) DMS_TRACE(OSAL_TRACE_ERR, "Error [%d] in %s()\n", result, "dmsCdsMgrDeInit");
     handle->cdsContext = nullptr;
@@ -217,7 +220,16 @@ int32_t createServices(dmsHandle *handle) {
   if (result != 0) return traceSdkFailure(result, "dmsCdsMgrInit", result);
   handle->cdsContext->artCache = handle->artCache;
   // Content changes are evented through the ContentDirectory.
-  dmsClmSetCdsContext(handle->contentList, handle->cdsContext);
+  dmsCdsMgrHandle *cds = handle->cdsContext;
+  handle->cdsListener = dmsClmAddListener(handle->contentList, [cds](const dmsClmChangeSet &change) {
+    dmsCdsContentChangeInfo info;
+    info.pairs = change.pairs;
+    info.pairCount = change.pairCount;
+    info.systemUpdateId = static_cast<int32_t>(change.systemUpdateId);
+    const int32_t result = dmsCdsMgrNotifyContentChange(cds, &info);
+    if (result != 0) DMS_TRACE(OSAL_TRACE_ERR, "Error [%d] in %s()\n", result, "dmsCdsMgrNotifyContentChange");
+    return result;
+  });
   result = dmsAvtHttp_init(".", handle->contentList);
   if (result != 0) return traceSdkFailure(result, "dmsAvtHttp_init", DMS_ERR_FAILURE);
   result = dmsCmsInit(&handle->cmsContext, handle->eventMgr);

@@ -55,6 +55,7 @@ struct dmsHandle {
   dmsContentListInfo *contentList;
   dmsDevEventMgr *eventMgr;
   dmsCdsMgrHandle *cdsContext;
+  uint64_t cdsListener;  // its listener on the content list; 0 none
   dmsCmsInstance *cmsContext;
   dmsMsMrsInstance *msMrsContext;
   char uuid[48];

@@ -21,14 +21,6 @@ static constexpr char kTraceFile[] = "dmsClmApi";
 
 namespace {
 
-// Only containers are in the watch-descriptor tree, keys included.
-int32_t compareWatchDescriptors(const void *a, const void *b) {
-  if (a == nullptr || b == nullptr) return -1;
-  int32_t left = static_cast<const dmsContentEntry *>(a)->container->watchDescriptor;
-  int32_t right = static_cast<const dmsContentEntry *>(b)->container->watchDescriptor;
-  return left < right ? -1 : (left > right ? 1 : 0);
-}
-
 // How an entry leaves the list: one shared folder (or a sub-tree) leaves the
 // trees and its parent; the whole list just drops everything, because the
 // trees are destroyed and the inotify instance closed right after.
@@ -150,10 +142,6 @@ int32_t prepareList(dmsContentListInfo *list, int32_t maxContent) {
                 static_cast<int>(formatId));
     }
   }
-  if ((result = cel_rbTreeCreate(&list->entriesByWd, compareWatchDescriptors)) != 0) {
-    DMS_TRACE(OSAL_TRACE_ERR, "Error [%d] in %s()\n", result, "cel_rbTreeCreate");
-    return DMS_ERR_INVALID_PARAM;
-  }
   result = dmsFsmInit(&list->monitor, list);
   if (result != 0) DMS_TRACE(OSAL_TRACE_ERR, "Error [%d] in %s()... Ignore this!\n", result, "dmsFsmInit");
   list->maxContent = maxContent;
@@ -186,10 +174,6 @@ int32_t releaseList(dmsContentListInfo *list) {
   }
   if (list->detector != nullptr) removeFormatsAndDestroyMfd(list);
   list->entriesById.clear();
-  if (cel_rbTreeDestroy(&list->entriesByWd) != 0) {
-    DMS_TRACE(OSAL_TRACE_ERR, "Error [%d] in %s()\n", DMS_ERR_INVALID_PARAM, "cel_rbTreeDestroy");
-    lastError = DMS_ERR_INVALID_PARAM;
-  }
   return lastError;
 }
 
@@ -226,9 +210,15 @@ void dmsClmDetachEntry(dmsContentListInfo *list, dmsContentEntry *entry) {
   freeEntry(list, entry, FreeMode::Detach);
 }
 
-void dmsClmSetCdsContext(dmsContentListInfo *list, void *cdsContext) {
+uint64_t dmsClmAddListener(dmsContentListInfo *list, dmsClmListener listener) {
   std::lock_guard changing(list->changeMutex);
-  list->cdsContext = cdsContext;
+  list->listeners.emplace_back(++list->lastListener, std::move(listener));
+  return list->lastListener;
+}
+
+void dmsClmRemoveListener(dmsContentListInfo *list, uint64_t token) {
+  std::lock_guard changing(list->changeMutex);
+  std::erase_if(list->listeners, [token](const auto &row) { return row.first == token; });
 }
 
 uint32_t dmsClmGetSystemUpdateId(const dmsContentListInfo *list) {
@@ -358,15 +348,8 @@ int32_t dmsClmGetContentEntryByFsmWd(dmsContentListInfo *list, dmsContentEntry *
     return DMS_ERR_INVALID_PARAM;
   }
   *out = nullptr;
-  return dmsGuard("dmsClmGetContentEntryByFsmWd", DMS_ERR_NO_MEMORY, [&] {
-    dmsContentEntry key;
-    key.container = std::make_unique<dmsContainerState>();
-    key.container->watchDescriptor = wd;
-    void *found = nullptr;
-    cel_rbTreeLookup(&list->entriesByWd, &key, &found);
-    *out = static_cast<dmsContentEntry *>(found);
-    return DMS_SUCCESS;
-  });
+  *out = dmsFsmWatchedEntry(list->monitor, wd);
+  return DMS_SUCCESS;
 }
 
 int32_t dmsClmGetTypeForEntry(const dmsContentEntry *entry, uint32_t *type, uint32_t *id) {

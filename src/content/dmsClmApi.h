@@ -3,8 +3,8 @@
 // A tree of entries: the root (id 0), one container per shared folder, then
 // sub-folders as containers and recognised media files as items.  Ids are
 // handed out from 1001 upward, depth first in byte-wise sorted name order, and
-// never reused.  A table sorted by id finds entries by id, a red-black tree
-// containers by their inotify watch descriptor.
+// never reused.  A table sorted by id finds entries by id; the monitor maps
+// its watch descriptors back to containers itself.
 //
 // Lock discipline (one owner, one lock):
 //   * `rwLock` guards every entry and every field below it.  Readers (the
@@ -31,6 +31,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <shared_mutex>
@@ -44,7 +45,6 @@
 #include "dlna_dms.h"
 #include "content/dmsRwLock.h"
 #include "mfd/mfd_api.h"
-#include "util/cel_rbTree.h"
 
 struct dmsFsmMonitor;
 
@@ -84,6 +84,20 @@ struct dmsContentEntry {
   dmsContentEntry &operator=(const dmsContentEntry &) = delete;
 };
 
+// What one change of the list tells its listeners: the changed containers
+// with their new update counts, and the new system update id.  Valid during
+// the call only.
+struct dmsClmChangeSet {
+  const uint32_t *pairs = nullptr;  // container id, update count, ...
+  int32_t pairCount = 0;
+  uint32_t systemUpdateId = 0;
+};
+
+// Called on the writer's thread after each change, under the change mutex:
+// it may read the list (taking the read lock) but must not change it.  0, or
+// an error code that the change reports.
+using dmsClmListener = std::function<int32_t(const dmsClmChangeSet &)>;
+
 struct dmsContentListInfo {
   dmsContentListInfo() = default;
   dmsContentListInfo(const dmsContentListInfo &) = delete;
@@ -94,13 +108,14 @@ struct dmsContentListInfo {
   std::mutex hostLock;               // the host's facility only
 
   dmsClmIdIndex entriesById;  // all entries, by id
-  cel_rbTree entriesByWd{};  // watched containers, by watch descriptor
   dmsContentEntry *root = nullptr;
   dmsFsmMonitor *monitor = nullptr;
   uint32_t nextId = DMS_CLM_FIRST_ID;
   mfdInstance *detector = nullptr;
   dmsTagPool tagPool;  // the entries' tag texts (see its own discipline)
-  void *cdsContext = nullptr;  // the ContentDirectory, told of changes (change mutex)
+  // Told of every change, in the order added (change mutex).
+  std::vector<std::pair<uint64_t, dmsClmListener>> listeners;
+  uint64_t lastListener = 0;
 
   // Update record handed to the ContentDirectory on every change.
   std::vector<uint32_t> containerUpdatePairs;  // (container id, update count) pairs
@@ -137,10 +152,11 @@ int32_t dmsClmRemoveFromContentList(dmsContentListInfo *list, const char *shared
 // out of its parent.  Exclusive lock held.
 void dmsClmDetachEntry(dmsContentListInfo *list, dmsContentEntry *entry);
 
-// Tells the list which ContentDirectory to tell of changes (NULL: none).
-// Taken under the change mutex, so the monitor never uses a service that is
-// going away.
-void dmsClmSetCdsContext(dmsContentListInfo *list, void *cdsContext);
+// Adds a listener told of every later change; returns its token (never 0).
+// Added and removed under the change mutex, so once removal returns the
+// listener is not running and never runs again.
+uint64_t dmsClmAddListener(dmsContentListInfo *list, dmsClmListener listener);
+void dmsClmRemoveListener(dmsContentListInfo *list, uint64_t token);
 
 // The system update id: raised by every change the monitor applies.
 uint32_t dmsClmGetSystemUpdateId(const dmsContentListInfo *list);

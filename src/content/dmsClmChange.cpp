@@ -11,7 +11,6 @@
 #include "content/dmsClmScan.h"
 #include "content/dmsClmShares.h"
 #include "content/dmsFsmApi.h"
-#include "services/dmsCdsMgrApi.h"
 #include "util/osal_trace.h"
 
 static constexpr char kTraceFile[] = "dmsClmApi";
@@ -238,9 +237,10 @@ void reconcile(dmsContentListInfo *list, dmsContentEntry *folder, ChangedContain
 }
 
 // Raises the update counts of the changed containers and the system update
-// id, then tells the ContentDirectory (which moderates the events).
-void publish(dmsContentListInfo *list, ChangedContainers &changes) {
-  if (changes.empty()) return;
+// id, then tells the listeners (the ContentDirectory moderates the events).
+// 0, or the first error a listener reported.
+int32_t publish(dmsContentListInfo *list, ChangedContainers &changes) {
+  if (changes.empty()) return DMS_SUCCESS;
   std::sort(changes.begin(), changes.end());
   changes.erase(std::unique(changes.begin(), changes.end()), changes.end());
   std::vector<uint32_t> pairs;
@@ -258,13 +258,13 @@ void publish(dmsContentListInfo *list, ChangedContainers &changes) {
     systemUpdateId = ++list->systemUpdateId;
     list->containerUpdatePairs = pairs;
   }
-  if (list->cdsContext == nullptr) return;
-  dmsCdsContentChangeInfo info;
-  info.pairs = pairs.data();
-  info.pairCount = static_cast<int32_t>(pairs.size() / 2);
-  info.systemUpdateId = static_cast<int32_t>(systemUpdateId);
-  const int32_t result = dmsCdsMgrNotifyContentChange(static_cast<dmsCdsMgrHandle *>(list->cdsContext), &info);
-  if (result != 0) DMS_TRACE(OSAL_TRACE_ERR, "Error [%d] in %s()\n", result, "dmsCdsMgrNotifyContentChange");
+  const dmsClmChangeSet change{pairs.data(), static_cast<int32_t>(pairs.size() / 2), systemUpdateId};
+  int32_t first = DMS_SUCCESS;
+  for (const auto &[token, listener] : list->listeners) {
+    const int32_t result = listener(change);
+    if (result != DMS_SUCCESS && first == DMS_SUCCESS) first = result;
+  }
+  return first;
 }
 
 }  // namespace
@@ -314,6 +314,5 @@ int32_t clmFsmNotificationCallBack(dmsContentListInfo *list, dmsContentEntry *co
       DMS_TRACE(OSAL_TRACE_WARN, "Case not yet handled\n");
       break;
   }
-  publish(list, changes);
-  return DMS_SUCCESS;
+  return publish(list, changes);
 }

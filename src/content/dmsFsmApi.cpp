@@ -155,19 +155,9 @@ int32_t dmsFsmAddToMointor(dmsFsmMonitor *monitor, dmsContentEntry *container) {
   }
   DMS_TRACE(OSAL_TRACE_INFO, "Added Path [%s] for monitoring :: WatchDesc [%d]\n",
             path.c_str(), wd);
-  watchDescriptor = wd;
-  if (monitor->owner != nullptr) {
-    // A folder reached twice (through a link) has one watch: it stays with
-    // the entry that took it first.
-    void *holder = nullptr;
-    cel_rbTreeLookup(&monitor->owner->entriesByWd, container, &holder);
-    if (holder != nullptr && holder != container) {
-      watchDescriptor = -1;
-      return DMS_SUCCESS;
-    }
-    int32_t result = cel_rbTreeInsert(&monitor->owner->entriesByWd, container);
-    if (result != 0) DMS_TRACE(OSAL_TRACE_ERR, "Error [%d] in %s()\n", result, "cel_rbTreeInsert");
-  }
+  // A folder reached twice (through a link) has one watch: it stays with
+  // the entry that took it first.
+  watchDescriptor = monitor->watched.try_emplace(wd, container).first->second == container ? wd : -1;
   return DMS_SUCCESS;
 }
 
@@ -184,13 +174,13 @@ int32_t dmsFsmRemoveFromMointor(dmsFsmMonitor *monitor, dmsContentEntry *contain
     DMS_TRACE(OSAL_TRACE_INFO, "Removed folder [%s] from monitoring :: WatchDesc [%d]\n",
               container->path.c_str(), watchDescriptor);
   }
-  if (monitor->owner != nullptr) {
-    void *removed = nullptr;
-    cel_rbTreeDelete(&monitor->owner->entriesByWd, container, &removed);
-    if (removed != nullptr && removed != container) {
-      DMS_TRACE(OSAL_TRACE_ERR, "Error in Deleting Node from the Tree\n");
-    }
-  }
+  monitor->watched.erase(watchDescriptor);
   watchDescriptor = -1;
   return DMS_SUCCESS;
+}
+
+dmsContentEntry *dmsFsmWatchedEntry(const dmsFsmMonitor *monitor, int32_t wd) {
+  if (monitor == nullptr) return nullptr;
+  const auto found = monitor->watched.find(wd);
+  return found == monitor->watched.end() ? nullptr : found->second;
 }

@@ -1,6 +1,5 @@
 // File system monitor: one inotify instance per content list, a watch on
-// every container, and the watch-descriptor tree that maps events back to
-// entries.
+// every container, and its own map of watch descriptors back to entries.
 //
 // The monitor's records are changed under the content list's exclusive lock
 // (dmsFsmAddToMointor and dmsFsmRemoveFromMointor are called while a scan is
@@ -15,6 +14,7 @@
 #include <atomic>
 #include <cstdint>
 #include <thread>
+#include <unordered_map>
 
 struct dmsContentListInfo;
 struct dmsContentEntry;
@@ -43,6 +43,9 @@ struct dmsFsmMonitor {
   std::thread thread;
   dmsContentEntry *root = nullptr;
   dmsContentListInfo *owner = nullptr;  // borrowed: the list outlives its monitor
+  // Watched containers by watch descriptor (the list's exclusive lock to
+  // change, shared to read).
+  std::unordered_map<int32_t, dmsContentEntry *> watched;
 
   dmsFsmMonitor() = default;
   dmsFsmMonitor(const dmsFsmMonitor &) = delete;
@@ -60,10 +63,11 @@ int32_t dmsFsmStartMonitor(dmsFsmMonitor *monitor, dmsContentEntry *root,
 // Stops the thread (within half a second) and forgets root and handler;
 // -100 for NULL.
 int32_t dmsFsmStopMonitor(dmsFsmMonitor *monitor);
-// Watches the container's folder and enters it in the owner's
-// watch-descriptor tree; 0 also when the watch cannot be added (traced).
+// The watched container of `wd`, or NULL (read lock held).
+dmsContentEntry *dmsFsmWatchedEntry(const dmsFsmMonitor *monitor, int32_t wd);
+// Watches the container's folder and enters it in the watch map; 0 also when the watch cannot be added (traced).
 int32_t dmsFsmAddToMointor(dmsFsmMonitor *monitor, dmsContentEntry *container);
-// Removes the watch and the tree entry; the descriptor becomes -1.
+// Removes the watch and its map entry; the descriptor becomes -1.
 int32_t dmsFsmRemoveFromMointor(dmsFsmMonitor *monitor, dmsContentEntry *container);
 
 #endif  // DMS_CONTENT_DMS_FSM_API_H
