@@ -11,38 +11,12 @@ program=$1
 www=$2
 media=$3
 port=49400
-failures=0
-passes=0
-check() {  # description, command...
-  local what=$1; shift
-  if "$@"; then echo "ok: $what"; passes=$((passes + 1)); else echo "FAILED: $what"; failures=$((failures + 1)); fi
-}
+source "$(dirname "$0")/../support/checks.sh"
 
-unshare -n sleep 600 & server_ns=$!
-unshare -n sleep 600 & player_ns=$!
+source "$(dirname "$0")/../support/veth_pair.sh"
 folder=$(mktemp -d)
 log=$(mktemp)
-pid=
-cleanup() {
-  [ -n "$pid" ] && kill -KILL "$pid" 2>/dev/null
-  kill "$server_ns" "$player_ns" 2>/dev/null
-  rm -rf "$folder" "$log"
-}
-trap cleanup EXIT
-sleep 0.2
-in_server() { nsenter --net=/proc/$server_ns/ns/net "$@"; }
-in_player() { nsenter --net=/proc/$player_ns/ns/net "$@"; }
-
-ip link add dms-srv type veth peer name dms-plr || exit 1
-ip link set dms-srv netns "$server_ns"
-ip link set dms-plr netns "$player_ns"
-in_server ip link set lo up
-in_server ip addr add 10.77.0.1/24 dev dms-srv
-in_server ip link set dms-srv up
-in_player ip link set lo up
-in_player ip addr add 10.77.0.2/24 dev dms-plr
-in_player ip link set dms-plr up
-in_player ip route add 224.0.0.0/4 dev dms-plr
+trap 'cleanup_veth; rm -rf "$folder" "$log"' EXIT
 cp "$media/audio/mp3/mpeg1-44k-cbr128.mp3" "$folder/song.mp3"
 
 # The first LOCATION a search from the player finds.
@@ -68,8 +42,9 @@ found_within_10s() {
   return 1
 }
 
-nsenter --net=/proc/$server_ns/ns/net "$program" --interface dms-srv --port $port --www "$www" "$folder" >"$log" 2>&1 &
+nsenter "$server_net" "$program" --interface dms-srv --port $port --www "$www" "$folder" >"$log" 2>&1 &
 pid=$!
+veth_pids+=("$pid")
 for _ in $(seq 50); do grep -q 'description.xml' "$log" && break; sleep 0.1; done
 check "found on its first address" found_within_10s 10.77.0.1
 check "Browse there lists the song" sh -c "printf '%s' \"\$0\" | grep -q 'http://10.77.0.1:$port/'" "$(browse 10.77.0.1)"
@@ -99,19 +74,16 @@ kill -TERM $pid
 status=0
 for _ in $(seq 100); do kill -0 $pid 2>/dev/null || break; sleep 0.1; done
 if kill -0 $pid 2>/dev/null; then status=99; else wait $pid; status=$?; fi
-pid=
 check "SIGTERM still stops it with exit 0" test "$status" -eq 0
 
 # An address named on its own is kept: after it moves, nothing follows.
-nsenter --net=/proc/$server_ns/ns/net "$program" --address 10.78.0.1 --port $port --www "$www" "$folder" >"$log" 2>&1 &
-pid=$!
+nsenter "$server_net" "$program" --address 10.78.0.1 --port $port --www "$www" "$folder" >"$log" 2>&1 &
+veth_pids+=($!)
 for _ in $(seq 50); do grep -q 'description.xml' "$log" && break; sleep 0.1; done
 in_server ip addr del 10.78.0.1/24 dev dms-srv
 in_server ip addr add 10.78.0.9/24 dev dms-srv
 sleep 4
 check "--address does not follow" test -z "$(browse 10.78.0.9)"
-kill -TERM $pid; wait $pid
-pid=
+kill -TERM "${veth_pids[-1]}"; wait "${veth_pids[-1]}"
 
-echo "$passes passed, $failures failed"
-[ "$failures" -eq 0 ]
+finish

@@ -9,12 +9,7 @@ program=$1
 www=$2
 media=$3
 port=49320
-failures=0
-passes=0
-check() {  # description, command...
-  local what=$1; shift
-  if "$@"; then echo "ok: $what"; passes=$((passes + 1)); else echo "FAILED: $what"; failures=$((failures + 1)); fi
-}
+source "$(dirname "$0")/../support/checks.sh"
 
 check "--help exits 0 and shows usage" sh -c "'$program' --help | grep -q 'usage: dlna-dms'"
 check "--version exits 0" "$program" --version
@@ -136,5 +131,4 @@ if kill -0 $pid 2>/dev/null; then kill -KILL $pid; status=99; else wait $pid; st
 check "SIGTERM stops it with exit 0" test "$status" -eq 0
 rm -rf "$folder" "$log"
 
-echo "$passes passed, $failures failed"
-[ "$failures" -eq 0 ]
+finish
