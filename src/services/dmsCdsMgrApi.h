@@ -54,6 +54,10 @@ enum dmsCdsFilterFlag : int {
   DMS_CDS_FILTER_COUNT
 };
 
+// Search criteria that do not parse (dmsCdsSearchCriteria.h); answered
+// with SOAP fault 708.
+inline constexpr int32_t DMS_CDS_ERR_INVALID_SEARCH_CRITERIA = -81;
+
 // The most objects one Browse or Search answer holds.
 inline constexpr int32_t DMS_CDS_MAX_OBJECTS = 1000;
 

@@ -31,7 +31,8 @@ enum FixedAnswerRow { kSearchCapsRow, kSortCapsRow, kFeatureListRow, kSystemUpda
 
 constexpr FixedAnswer kFixedAnswers[] = {
     // argument        value
-    {"SearchCaps",     "dc:title,upnp:class,dc:creator,res@protocolInfo"},
+    {"SearchCaps",     "dc:title,dc:creator,upnp:artist,upnp:album,upnp:genre,upnp:class,dc:date,"
+                       "upnp:originalTrackNumber,@id,@parentID,@refID,res@protocolInfo,res@size,res@duration"},
     {"SortCaps",       ""},
     {"FeatureList",    ""},
     {"Id",             "0"},

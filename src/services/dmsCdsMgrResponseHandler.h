@@ -37,15 +37,17 @@ struct dmsCdsObjectRequest {
   bool pcmAsWav = false;                    // Browse serves ".pcm" files as ".wav"
 };
 
+// The class of every folder (and the root).
+inline constexpr char DMS_CDS_FOLDER_CLASS[] = "object.container.storageFolder";
+
 // One item with the texts its record points to.  Filled in place by
-// dmsCdsBuildItem; not copyable, because `item` points into the strings.
+// dmsCdsBuildItem, which may be handed the same record for one object after
+// another (its strings keep their room); not copyable, because `item`
+// points into the strings.
 struct dmsCdsItemRecord {
   dlnaUtilDidlItem item{};
   std::string title;
   std::string resourceName;
-  // The artist from the file's tags, which Search on dc:creator matches
-  // whatever the Filter lets the page show; NULL when there is none.
-  const char *artist = nullptr;
 
   dmsCdsItemRecord() = default;
   dmsCdsItemRecord(const dmsCdsItemRecord &) = delete;
@@ -74,7 +76,9 @@ int32_t dmsCdsPrepareObjectRequest(const dmsCdsMgrHandle *handle, const char *fi
 
 // Builds the item for `entry` (an item entry with its media info).  0, -100
 // for missing arguments or media info, -77 for an unsupported media class,
-// -97.  The record's validity is checked separately (dmsCdsItemIsValid).
+// -97.  A text the file does not hold (creator, artist, album, genre) stays
+// NULL, so the writer leaves its element out.  The record's validity is
+// checked separately (dmsCdsItemIsValid).
 int32_t dmsCdsBuildItem(const dmsCdsObjectRequest *request, dmsContentEntry *entry,
                         dmsCdsItemRecord *record);
 

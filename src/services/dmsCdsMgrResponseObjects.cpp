@@ -4,6 +4,7 @@
 // answer's output arguments.
 #include <strings.h>
 
+#include <charconv>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -25,8 +26,6 @@ static constexpr char kTraceFile[] = "dmsCdsMgrResponseHandler";
 
 namespace {
 
-constexpr char kFolderClass[] = "object.container.storageFolder";
-constexpr char kUnknownText[] = "Unknown";  // creator, genre and album: not read from the files
 constexpr int32_t kMaxImageSide = 8095;
 
 // ---------------------------------------------------------------------------
@@ -169,9 +168,6 @@ void fillDate(const mfdMediaInfo &info, char (&date)[24]) {
 }
 
 void fillMediaProperties(const mfdMediaInfo &info, const uint8_t *flags, dlnaUtilDidlItem &item) {
-  const bool playable = info.mediaClass == MFD_CLASS_AUDIO || info.mediaClass == MFD_CLASS_VIDEO ||
-                        info.mediaClass == MFD_CLASS_AV;
-  if (flags[DMS_CDS_FILTER_ALBUM] == 0 && playable) item.album = kUnknownText;
   if (flags[DMS_CDS_FILTER_RESOLUTION] == 0) fillResolution(info, item.resolution);
   if (flags[DMS_CDS_FILTER_DATE] == 0 && info.formatId != MFD_FORMAT_NONE) {
     fillDate(info, item.date);
@@ -182,33 +178,39 @@ void fillMediaProperties(const mfdMediaInfo &info, const uint8_t *flags, dlnaUti
   if (flags[DMS_CDS_FILTER_BITRATE] != 0) item.bitrate = -1;
 }
 
-// What the file's own tags say replaces what is shown without them: the title
-// (the file name otherwise), the artist as creator, the album, the genre
-// (all "Unknown" otherwise) and the date (the file's time otherwise); the
-// artist and the track number are added.  Each honours the Filter.
+// What the file's own tags say: the title replaces the file name and the
+// date the file's time; the artist (also as creator), the album, the genre
+// and the track number are added.  A text the tags do not hold stays NULL,
+// so that the DIDL-Lite leaves its element out.  Each honours the Filter.
 void applyTags(const dmsTagPool &pool, const dmsMediaTags &tags, const uint8_t *flags,
                dlnaUtilDidlItem &item) {
   if (tags.empty()) return;
   const char *artist = pool.text(tags.artist);
-  const char *album = pool.text(tags.album);
-  const char *genre = pool.text(tags.genre);
   const char *date = pool.text(tags.date);
   if (const char *title = pool.text(tags.title)) item.title = title;
-  if (artist != nullptr && item.creator != nullptr) item.creator = artist;
-  if (artist != nullptr && flags[DMS_CDS_FILTER_ARTIST] == 0) item.artist = artist;
-  if (album != nullptr && item.album != nullptr) item.album = album;
-  if (genre != nullptr && item.genre != nullptr) item.genre = genre;
+  if (flags[DMS_CDS_FILTER_CREATOR] == 0) item.creator = artist;
+  if (flags[DMS_CDS_FILTER_ARTIST] == 0) item.artist = artist;
+  if (flags[DMS_CDS_FILTER_ALBUM] == 0) item.album = pool.text(tags.album);
+  if (flags[DMS_CDS_FILTER_GENRE] == 0) item.genre = pool.text(tags.genre);
   if (date != nullptr && flags[DMS_CDS_FILTER_DATE] == 0) std::snprintf(item.date, sizeof item.date, "%s", date);
   if (flags[DMS_CDS_FILTER_TRACK] == 0) item.originalTrackNumber = tags.track;
 }
 
 // The last component of `path`, trailing slashes ignored.
-std::string lastComponent(const std::string &path) {
+std::string_view lastComponent(std::string_view path) {
   const size_t end = path.find_last_not_of('/');
-  if (end == std::string::npos) return path;
+  if (end == std::string_view::npos) return path;
   const size_t slash = path.rfind('/', end);
-  return path.substr(slash == std::string::npos ? 0 : slash + 1,
-                     slash == std::string::npos ? end + 1 : end - slash);
+  return path.substr(slash == std::string_view::npos ? 0 : slash + 1,
+                     slash == std::string_view::npos ? end + 1 : end - slash);
+}
+
+// `id` as decimal text, assigned in place (the record's string keeps its
+// room from one object to the next).
+void assignNumber(std::string &out, uint32_t id) {
+  char digits[16];
+  const auto end = std::to_chars(digits, digits + sizeof digits, id).ptr;
+  out.assign(digits, end);
 }
 
 int32_t parentIdOf(const dmsContentEntry &entry) {
@@ -286,17 +288,17 @@ int32_t dmsCdsBuildItem(const dmsCdsObjectRequest *request, dmsContentEntry *ent
   dlnaUtilDidlItem &item = record->item;
   item = dlnaUtilDidlItem{};
   return dmsGuard("dmsCdsBuildItem", DMS_ERR_NO_MEMORY, [&]() -> int32_t {
-    const std::string fileName = lastComponent(entry->path);
+    const std::string_view fileName = lastComponent(entry->path);
     const size_t dot = fileName.rfind('.');
     const std::string_view ownExtension =
-        dot == std::string::npos ? std::string_view() : std::string_view(fileName).substr(dot + 1);
+        dot == std::string_view::npos ? std::string_view() : fileName.substr(dot + 1);
     // The URL's extension always names the format, so that every listed
     // URL passes the media servers' strict check and players that go by
     // the extension guess right.
     std::string_view extension = mfd_resourceExtension(info.formatId, ownExtension);
     if (request->pcmAsWav && strcasecmp(std::string(extension).c_str(), "pcm") == 0) extension = "wav";
-    record->title = fileName.substr(0, dot);
-    record->resourceName = std::to_string(entry->id);
+    record->title.assign(fileName.substr(0, dot));
+    assignNumber(record->resourceName, entry->id);
     if (!extension.empty()) record->resourceName.append(".").append(extension);
     item.id = static_cast<int32_t>(entry->id);
     item.parentID = parentIdOf(*entry);
@@ -313,12 +315,9 @@ int32_t dmsCdsBuildItem(const dmsCdsObjectRequest *request, dmsContentEntry *ent
     item.filter = request->filter;
     item.protocolInfo = flags[DMS_CDS_FILTER_RES] == 0 ? info.protocolInfo : nullptr;
     item.size = flags[DMS_CDS_FILTER_SIZE] == 0 ? info.fileSize : -1;
-    item.creator = flags[DMS_CDS_FILTER_CREATOR] == 0 ? kUnknownText : nullptr;
-    item.genre = flags[DMS_CDS_FILTER_GENRE] == 0 ? kUnknownText : nullptr;
     fillMediaProperties(info, flags, item);
     const dmsTagPool &pool = request->handle->contentList->tagPool;
     applyTags(pool, entry->tags, flags, item);
-    record->artist = pool.text(entry->tags.artist);
     dmsArtOffer offer;
     dmsArtOffers(entry, request->handle->artCache, offer);
     if (flags[DMS_CDS_FILTER_RES] == 0) {
@@ -337,7 +336,7 @@ int32_t dmsCdsBuildContainer(const dmsCdsObjectRequest *request, dmsContentEntry
     return DMS_ERR_INVALID_PARAM;
   }
   return dmsGuard("dmsCdsBuildContainer", DMS_ERR_NO_MEMORY, [&]() -> int32_t {
-    record->title = lastComponent(entry->path);
+    record->title.assign(lastComponent(entry->path));
     const size_t childCount = dmsClmChildren(entry).size();
     dlnaUtilDidlContainer &container = record->container;
     container.id = static_cast<int32_t>(entry->id);
@@ -351,7 +350,7 @@ int32_t dmsCdsBuildContainer(const dmsCdsObjectRequest *request, dmsContentEntry
     container.restricted = 1;
     container.searchable = request->containerSearchable ? 1 : static_cast<uint32_t>(-1);
     container.title = record->title.c_str();
-    container.upnpClass = kFolderClass;
+    container.upnpClass = DMS_CDS_FOLDER_CLASS;
     container.albumArtId = 0;
     if (request->handle != nullptr && request->filterFlags != nullptr &&
         request->filterFlags[DMS_CDS_FILTER_ALBUMART] == 0) {

@@ -1,10 +1,9 @@
-// ContentDirectory Search: criteria parsing, matching, and the walk below
-// the requested container that writes one page of the matches.
+// ContentDirectory Search: the request's criteria, and the walk below the
+// requested container that tests each object and writes one page of the
+// matches.
 #include "services/dmsCdsMgrSearch.h"
 
 #include <cstring>
-#include <new>
-#include <string>
 #include <vector>
 
 #include "dlna_dms.h"
@@ -16,122 +15,42 @@ static constexpr char kTraceFile[] = "dmsCdsMgrSearch";
 
 namespace {
 
-constexpr char kContainerClassName[] = "object.container";
-constexpr char kUnknownCreator[] = "Unknown";
+// The properties the test reads: the item as a "*" Filter builds it.
+constexpr uint8_t kEveryProperty[DMS_CDS_FILTER_COUNT] = {0};
 
-// A upnp:class term: the first class the criteria text names decides which
-// items match.
-struct ClassCriterion {
-  const char *named;        // found anywhere in the criteria text
-  const char *itemClass;    // the item's class must contain this
-};
+const char *textOrNull(const char *text) { return text != nullptr && text[0] != '\0' ? text : nullptr; }
 
-constexpr ClassCriterion kClassCriteria[] = {
-    // criteria names            item class contains
-    {"object.item.imageItem",    "object.item.imageItem.photo"},
-    {"object.item.audioItem",    "object.item.audioItem.musicTrack"},
-    {"object.item.videoItem",    "object.item.videoItem"},
-};
+int64_t positiveOrAbsent(int64_t value) { return value > 0 ? value : DMS_CDS_SEARCH_ABSENT; }
 
-// Splits at single blanks; single quotes and grouping parentheses (which
-// control points put around a whole criteria) are dropped and empty tokens
-// skipped.
-std::vector<std::string> tokensOf(const char *criteria) {
-  std::vector<std::string> tokens;
-  std::string token;
-  for (const char *cursor = criteria;; ++cursor) {
-    if (*cursor == ' ' || *cursor == '\0') {
-      if (!token.empty()) tokens.push_back(std::move(token));
-      token.clear();
-      if (*cursor == '\0') break;
-    } else if (*cursor != '\'' && *cursor != '(' && *cursor != ')') {
-      token.push_back(*cursor);
-    }
-  }
-  return tokens;
+dmsCdsSearchSubject subjectOf(const dlnaUtilDidlItem &item) {
+  dmsCdsSearchSubject subject;
+  subject.title = item.title;
+  subject.upnpClass = item.upnpClass;
+  subject.creator = item.creator;
+  subject.artist = item.artist;
+  subject.album = item.album;
+  subject.genre = item.genre;
+  subject.date = textOrNull(item.date);
+  subject.protocolInfo = textOrNull(item.protocolInfo);
+  subject.id = item.id;
+  subject.parentId = item.parentID;
+  subject.track = positiveOrAbsent(item.originalTrackNumber);
+  subject.size = positiveOrAbsent(item.size);
+  subject.duration = positiveOrAbsent(item.duration);
+  return subject;
 }
 
-// Reads the operator after a property at tokens[next]; returns how many
-// tokens it took.
-size_t readOperator(const std::vector<std::string> &tokens, size_t next,
-                    dmsCdsSearchOperator &searchOperator) {
-  if (next >= tokens.size()) return 0;
-  const std::string &name = tokens[next];
-  const std::string operand = next + 1 < tokens.size() ? tokens[next + 1] : std::string();
-  const size_t taken = next + 1 < tokens.size() ? 2 : 1;
-  if (name == "contains") {
-    searchOperator.containsSet = 1;
-    searchOperator.containsOperand = operand;
-  } else if (name == "=") {
-    searchOperator.equalsSet = 1;
-    searchOperator.equalsOperand = operand;
-  } else if (name == "exists") {
-    searchOperator.existsSet = 1;
-    searchOperator.existsTrue = operand == "true" ? 1 : 0;
-  } else {
-    return 0;
-  }
-  return taken;
+dmsCdsSearchSubject subjectOf(const dlnaUtilDidlContainer &container) {
+  dmsCdsSearchSubject subject;
+  subject.title = container.title;
+  subject.upnpClass = container.upnpClass;
+  subject.id = container.id;
+  subject.parentId = container.parentID;
+  return subject;
 }
 
-// The text an operand compares: without its opening quote and cut at its
-// last double quote.
-std::string operandText(const std::string &operand) {
-  const size_t begin = !operand.empty() && operand.front() == '"' ? 1 : 0;
-  const size_t lastQuote = operand.rfind('"');
-  const size_t end = lastQuote != std::string::npos && lastQuote >= begin ? lastQuote
-                                                                          : operand.size();
-  return operand.substr(begin, end - begin);
-}
-
-uint8_t matchText(const dmsCdsSearchOperator &searchOperator, const char *text) {
-  const std::string *operand = nullptr;
-  if (searchOperator.containsSet != 0) {
-    operand = &searchOperator.containsOperand;
-  } else if (searchOperator.existsSet != 0 && searchOperator.existsTrue != 0) {
-    return 1;
-  } else if (searchOperator.equalsSet != 0) {
-    operand = &searchOperator.equalsOperand;
-  } else {
-    return 0;
-  }
-  const std::string prefix = operandText(*operand);
-  return text != nullptr && std::strncmp(text, prefix.c_str(), prefix.size()) == 0 ? 1 : 0;
-}
-
-uint8_t matchClass(const dmsCdsSearchOperator &searchOperator, const char *criteria,
-                   const char *itemClass) {
-  if (searchOperator.existsSet != 0 && searchOperator.existsTrue != 0) return 1;
-  if (criteria == nullptr || itemClass == nullptr) return 0;
-  for (const ClassCriterion &criterion : kClassCriteria) {
-    if (std::strstr(criteria, criterion.named) != nullptr) {
-      return std::strstr(itemClass, criterion.itemClass) != nullptr ? 1 : 0;
-    }
-  }
-  return 0;
-}
-
-// Folds the terms left to right: "and" entries narrow, plain terms widen.
-// No terms (an empty or "*" criteria) match every item.
-bool itemMatches(dmsCdsSearchState &state, const dlnaUtilDidlItem &item) {
-  if (state.terms.empty()) return true;
-  const char *criteria = state.searchArgs->searchCriteria;
-  for (dmsCdsSearchTermEntry &entry : state.terms) {
-    entry.term.match =
-        static_cast<uint8_t>(dmsCdsCheckForContentMatch(&item, criteria, &entry.term));
-  }
-  bool result = state.terms.front().term.match != 0;
-  for (size_t index = 1; index < state.terms.size(); ++index) {
-    const dmsCdsSearchTermEntry &entry = state.terms[index];
-    if (entry.entryType == DMS_CDS_SEARCH_ENTRY_AND) {
-      result = result && entry.term.match != 0;
-    } else if (entry.entryType == DMS_CDS_SEARCH_ENTRY_TERM) {
-      result = result || entry.term.match != 0;
-    } else {
-      DMS_TRACE(OSAL_TRACE_ERR, "Invalid Operator in Search Criteria %s\n", criteria);
-    }
-  }
-  return result;
+bool asksEveryProperty(const uint8_t *filterFlags) {
+  return std::memcmp(filterFlags, kEveryProperty, sizeof kEveryProperty) == 0;
 }
 
 // Counts one match; true when it falls in the requested page.
@@ -146,21 +65,38 @@ int32_t traceWriterFailure(const char *callee, int32_t code) {
   return dmsUtilErrMapToDmsErr(code);
 }
 
-int32_t visitItem(dmsCdsSearchState &state, dmsContentEntry *entry,
-                  dmsCdsSearchCounters &counters, dlnaUtilBuffer *buffer) {
-  dmsCdsItemRecord record;
-  int32_t status = dmsCdsBuildItem(&state.objects, entry, &record);
+int32_t buildItem(const dmsCdsObjectRequest &request, dmsContentEntry *entry, dmsCdsItemRecord &record) {
+  const int32_t status = dmsCdsBuildItem(&request, entry, &record);
   if (status != DMS_SUCCESS) return status;
   if (!dmsCdsItemIsValid(record.item)) {
     DMS_TRACE(OSAL_TRACE_ERR, "Item detail information is not valid\n");
     return DMS_ERR_INVALID_PARAM;
   }
-  dlnaUtilDidlItem matched = record.item;
-  if (record.artist != nullptr) matched.creator = record.artist;
-  if (!itemMatches(state, matched) || !countMatch(*state.searchArgs, counters)) {
-    return DMS_SUCCESS;
+  return DMS_SUCCESS;
+}
+
+// 1 when the object passes the test (always without criteria), 0 when not,
+// or a failure code.
+int32_t passes(dmsCdsSearchState &state, const dmsCdsSearchSubject &subject) {
+  if (state.criteria.root == DMS_CDS_NO_NODE) return 1;
+  return dmsCdsCheckForContentMatch(&state, &subject);
+}
+
+// An item is built with every property for the test, and again with the
+// Filter's only when it is written and the Filter asks for fewer.
+int32_t visitItem(dmsCdsSearchState &state, dmsContentEntry *entry,
+                  dmsCdsSearchCounters &counters, dlnaUtilBuffer *buffer) {
+  const bool testing = state.criteria.root != DMS_CDS_NO_NODE;
+  int32_t status = buildItem(testing ? state.everything : state.objects, entry, state.item);
+  if (status != DMS_SUCCESS) return status;
+  const int32_t passed = passes(state, subjectOf(state.item.item));
+  if (passed != 1) return passed;
+  if (!countMatch(*state.searchArgs, counters)) return DMS_SUCCESS;
+  if (testing && !asksEveryProperty(state.filterFlags) &&
+      (status = buildItem(state.objects, entry, state.item)) != DMS_SUCCESS) {
+    return status;
   }
-  if ((status = dlnaUtil_DIDLAddItem(buffer, &record.item)) != 0) {
+  if ((status = dlnaUtil_DIDLAddItem(buffer, &state.item.item)) != 0) {
     return traceWriterFailure("dlnaUtil_DIDLAddItem", status);
   }
   ++counters.written;
@@ -170,15 +106,17 @@ int32_t visitItem(dmsCdsSearchState &state, dmsContentEntry *entry,
 int32_t visitContainer(dmsCdsSearchState &state, dmsContentEntry *entry,
                        dmsCdsSearchCounters &counters, dlnaUtilBuffer *buffer) {
   if (!state.containersWanted) return DMS_SUCCESS;
-  dmsCdsContainerRecord record;
-  int32_t status = dmsCdsBuildContainer(&state.objects, entry, &record);
+  int32_t status = dmsCdsBuildContainer(&state.objects, entry, &state.container);
   if (status != DMS_SUCCESS) return status;
-  if (!dmsCdsContainerIsValid(record.container)) {
+  const dlnaUtilDidlContainer &container = state.container.container;
+  if (!dmsCdsContainerIsValid(container)) {
     DMS_TRACE(OSAL_TRACE_ERR, "Container detail information is not valid\n");
     return DMS_ERR_INVALID_PARAM;
   }
+  const int32_t passed = passes(state, subjectOf(container));
+  if (passed != 1) return passed;
   if (!countMatch(*state.searchArgs, counters)) return DMS_SUCCESS;
-  if ((status = dlnaUtil_DIDLAddContainer(buffer, &record.container)) != 0) {
+  if ((status = dlnaUtil_DIDLAddContainer(buffer, &container)) != 0) {
     return traceWriterFailure("dlnaUtil_DIDLAddContainer", status);
   }
   ++counters.written;
@@ -196,51 +134,20 @@ struct WalkFrame {
 int32_t parseSearchCapabilities(const char *searchCriteria, dmsCdsSearchState *state) {
   if (searchCriteria == nullptr || state == nullptr) return DMS_ERR_INVALID_PARAM;
   return dmsGuard("parseSearchCapabilities", DMS_ERR_NO_MEMORY, [&] {
-    const std::vector<std::string> tokens = tokensOf(searchCriteria);
-    bool andPending = false;  // a doubled "and" counts once; a leading one not at all
-    for (size_t index = 0; index < tokens.size(); ++index) {
-      const std::string &token = tokens[index];
-      if (token == "and") {
-        andPending = !state->terms.empty();
-        continue;
-      }
-      dmsCdsSearchTermEntry entry;
-      if (token == "dc:title" || token == "dc:creator") {
-        entry.term.property =
-            token == "dc:title" ? DMS_CDS_SEARCH_PROPERTY_TITLE : DMS_CDS_SEARCH_PROPERTY_CREATOR;
-        index += readOperator(tokens, index + 1, entry.term.searchOperator);
-      } else if (token == "upnp:class") {
-        entry.term.property = DMS_CDS_SEARCH_PROPERTY_CLASS;
-        if (index + 1 < tokens.size() && tokens[index + 1] == "exists") {
-          index += readOperator(tokens, index + 1, entry.term.searchOperator);
-        }
-      } else {
-        continue;  // operators of other properties and unknown words
-      }
-      entry.entryType = andPending ? DMS_CDS_SEARCH_ENTRY_AND : DMS_CDS_SEARCH_ENTRY_TERM;
-      andPending = false;
-      state->terms.push_back(std::move(entry));
+    const int32_t status = dmsCdsParseCriteria(searchCriteria, state->criteria);
+    if (status != DMS_SUCCESS) {
+      DMS_TRACE(OSAL_TRACE_WARN, "Search criteria refused: %.200s\n", searchCriteria);
+      return status;
     }
-    state->containersWanted = std::strstr(searchCriteria, kContainerClassName) != nullptr;
+    state->containersWanted = dmsCdsCriteriaNamesClass(state->criteria, DMS_CDS_FOLDER_CLASS, state->scratch);
     return DMS_SUCCESS;
   });
 }
 
-int32_t dmsCdsCheckForContentMatch(const dlnaUtilDidlItem *item, const char *searchCriteria,
-                                   const dmsCdsSearchTerm *term) {
-  if (item == nullptr || term == nullptr) return 0;
-  return dmsGuard("dmsCdsCheckForContentMatch", 0, [&]() -> int32_t {
-    switch (term->property) {
-      case DMS_CDS_SEARCH_PROPERTY_TITLE:
-        return matchText(term->searchOperator, item->title);
-      case DMS_CDS_SEARCH_PROPERTY_CREATOR:
-        return matchText(term->searchOperator,
-                         item->creator != nullptr ? item->creator : kUnknownCreator);
-      case DMS_CDS_SEARCH_PROPERTY_CLASS:
-        return matchClass(term->searchOperator, searchCriteria, item->upnpClass);
-      default:
-        return 0;
-    }
+int32_t dmsCdsCheckForContentMatch(dmsCdsSearchState *state, const dmsCdsSearchSubject *subject) {
+  if (state == nullptr || subject == nullptr) return DMS_ERR_INVALID_PARAM;
+  return dmsGuard("dmsCdsCheckForContentMatch", DMS_ERR_NO_MEMORY, [&]() -> int32_t {
+    return dmsCdsCriteriaHolds(state->criteria, *subject, state->scratch) ? 1 : 0;
   });
 }
 
@@ -313,6 +220,8 @@ int32_t dmsCdsCreateRespSearchItems(dmsCdsMgrHandle *handle, dmsCdsSearchState *
   int32_t status = dmsCdsPrepareObjectRequest(handle, args.filter, state->filterFlags, false,
                                               &state->objects);
   if (status != DMS_SUCCESS) return status;
+  state->everything = state->objects;
+  state->everything.filterFlags = kEveryProperty;
   if ((status = dlnaUtil_DIDLAddHeader(buffer)) != 0) {
     return traceWriterFailure("dlnaUtil_DIDLAddHeader", status);
   }
@@ -343,10 +252,9 @@ int32_t dmsCdsCreateRespSearch(dmsCdsMgrHandle *handle, void *requestArgs,
     state.searchArgs = searchArgs;
     int32_t status = dmsCdsSetItemFilterFlags(searchArgs->filter, state.filterFlags);
     if (status != DMS_SUCCESS) return status;
-    if (searchArgs->searchCriteria != nullptr && searchArgs->searchCriteria[0] != '\0') {
-      if ((status = parseSearchCapabilities(searchArgs->searchCriteria, &state)) != DMS_SUCCESS) {
-        return status;
-      }
+    if (searchArgs->searchCriteria != nullptr &&
+        (status = parseSearchCapabilities(searchArgs->searchCriteria, &state)) != DMS_SUCCESS) {
+      return status;
     }
     {
       auto reading = dmsClmReadLock(handle->contentList);

@@ -1,64 +1,42 @@
-// ContentDirectory Search: the SearchCriteria terms, the walk below the
-// requested container and the recursive browse that reuses it.
+// ContentDirectory Search: the request's criteria (parsed once, see
+// dmsCdsSearchCriteria.h for the grammar and its meaning), the walk below the
+// requested container, and the recursive browse that reuses the walk.
 //
-// The criteria language is small: the properties dc:title, dc:creator and
-// upnp:class, the operators "contains", "=" and "exists", and the connective
-// "and".  Title and creator operands are compared with the beginning of the
-// item's text, case-sensitively; a upnp:class term is decided by which class
-// the criteria text names.  Matches are counted over the whole walk and
-// StartingIndex/RequestedCount pick the page that is written.
+// The walk meets every object below the container once, in stored order, a
+// folder before its contents.  It tests every item, and every folder too
+// when the criteria asks for folders by class (a upnp:class term that holds
+// for "object.container.storageFolder", such as derivedfrom
+// "object.container" or "object"); so '*' and criteria on titles or
+// artists find items only.  An item is tested on all its properties,
+// whatever the Filter, and written with those the Filter asks for.  Matches
+// are counted over the whole walk and StartingIndex/RequestedCount pick the
+// page that is written.  The walk reuses one item record, one folder record
+// and one fold buffer, so it allocates nothing per object once they have
+// grown to the largest.
 #ifndef DMS_SERVICES_DMS_CDS_MGR_SEARCH_H
 #define DMS_SERVICES_DMS_CDS_MGR_SEARCH_H
 
 #include <cstdint>
-#include <string>
-#include <vector>
 
 #include "content/dmsClmApi.h"
 #include "services/dmsCdsMgrApi.h"
 #include "services/dmsCdsMgrResponseHandler.h"
+#include "services/dmsCdsSearchCriteria.h"
 #include "util/dlnaUtil_buffer.h"
 #include "util/dlnaUtil_didl.h"
-
-// Property kinds of a term.
-inline constexpr uint32_t DMS_CDS_SEARCH_PROPERTY_TITLE = 1;    // dc:title
-inline constexpr uint32_t DMS_CDS_SEARCH_PROPERTY_CLASS = 2;    // upnp:class
-inline constexpr uint32_t DMS_CDS_SEARCH_PROPERTY_CREATOR = 3;  // dc:creator
-
-// Entry types of the term list: a term joined by "or" to what came before,
-// or one joined by "and".
-inline constexpr uint32_t DMS_CDS_SEARCH_ENTRY_TERM = 1;
-inline constexpr uint32_t DMS_CDS_SEARCH_ENTRY_AND = 17;
-
-// The operator that follows a property in the criteria.  Operands are kept
-// as written, quote included ("Song" arrives as "\"Song\"").
-struct dmsCdsSearchOperator {
-  uint32_t containsSet = 0;
-  std::string containsOperand;
-  uint32_t equalsSet = 0;
-  std::string equalsOperand;
-  uint8_t existsSet = 0;
-  uint8_t existsTrue = 0;  // the token after "exists" is "true"
-};
-
-struct dmsCdsSearchTerm {
-  dmsCdsSearchOperator searchOperator;
-  uint32_t property = 0;  // DMS_CDS_SEARCH_PROPERTY_*
-  uint8_t match = 0;      // result for the item being looked at
-};
-
-struct dmsCdsSearchTermEntry {
-  dmsCdsSearchTerm term;
-  uint32_t entryType = DMS_CDS_SEARCH_ENTRY_TERM;
-};
 
 // What one Search keeps besides its analysed arguments.
 struct dmsCdsSearchState {
   dmsCdsSearchArgs *searchArgs = nullptr;
   uint8_t filterFlags[DMS_CDS_FILTER_COUNT] = {0};
-  std::vector<dmsCdsSearchTermEntry> terms;
-  bool containersWanted = false;  // the criteria names object.container
-  dmsCdsObjectRequest objects;    // filled by dmsCdsCreateRespSearchItems
+  dmsCdsCriteria criteria;          // no root: every item
+  bool containersWanted = false;    // the criteria asks for folders by class
+  dmsCdsObjectRequest objects;      // the page's objects, as the Filter asks
+  dmsCdsObjectRequest everything;   // every property, for the test
+  // Reused from object to object by the walk.
+  dmsCdsItemRecord item;
+  dmsCdsContainerRecord container;
+  dmsCdsSearchScratch scratch;
 };
 
 // Matches met so far (the page is taken from them) and objects written.
@@ -67,23 +45,23 @@ struct dmsCdsSearchCounters {
   int32_t written = 0;
 };
 
-// Turns `searchCriteria` into the state's term list and containers flag.
-// 0 or -97.
+// Parses `searchCriteria` into the state's criteria and containers flag.
+// 0, -100 for NULL arguments, DMS_CDS_ERR_INVALID_SEARCH_CRITERIA for
+// criteria that do not parse, -97.
 int32_t parseSearchCapabilities(const char *searchCriteria, dmsCdsSearchState *state);
 
-// 1 when `item` satisfies `term`, else 0.  `searchCriteria` is the whole
-// criteria text, which decides upnp:class terms.
-int32_t dmsCdsCheckForContentMatch(const dlnaUtilDidlItem *item, const char *searchCriteria,
-                                   const dmsCdsSearchTerm *term);
+// 1 when `subject` satisfies the state's criteria, 0 when not, -100 for NULL
+// arguments, -97.  Uses the state's fold buffer.
+int32_t dmsCdsCheckForContentMatch(dmsCdsSearchState *state, const dmsCdsSearchSubject *subject);
 
 // Looks the container up, writes the page of matches below it and sets
 // "Result", "NumberReturned" and "TotalMatches".  Read lock held by the caller.
 int32_t dmsCdsCreateRespSearchItems(dmsCdsMgrHandle *handle, dmsCdsSearchState *state,
                                     dmsCdsRespArgs *respArgs, dlnaUtilBuffer *buffer);
 
-// Walks everything below `container` in stored order, a folder before its
-// contents, counting matches and writing those in the page.  The walk keeps
-// its own stack, so a deep folder tree costs heap, not call depth.
+// Walks everything below `container`, counting matches and writing those in
+// the page.  The walk keeps its own stack, so a deep folder tree costs heap,
+// not call depth.
 int32_t dmsCdsCreateRespSearchRecursive(dmsCdsMgrHandle *handle, dmsCdsSearchState *state,
                                         dmsCdsRespArgs *respArgs, dmsContentEntry *container,
                                         dmsCdsSearchCounters *counters, dlnaUtilBuffer *buffer);

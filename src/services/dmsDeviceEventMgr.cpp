@@ -46,17 +46,25 @@ size_t serviceById(const char *serviceId) { return findService(&dmsServiceDescri
 
 // The fault for a service's failure code.
 struct ActionError {
+  int32_t result;
   int code;
   const char *text;
 };
 
-ActionError mapActionResult(int32_t result) {
-  switch (result) {
-    case DMS_ERR_NO_SUCH_OBJECT: return {720, "No Such Container"};
-    case DMS_ERR_UNSUPPORTED_ACTION: return {401, "Invalid Action"};
-    case DMS_ERR_NOT_FOUND: return {402, "Invalid Args"};
-    default: return {501, "Action Failed"};
+constexpr ActionError kActionErrors[] = {
+    // service's code                       fault  description
+    {DMS_ERR_NO_SUCH_OBJECT,                720,   "No Such Container"},
+    {DMS_ERR_UNSUPPORTED_ACTION,            401,   "Invalid Action"},
+    {DMS_ERR_NOT_FOUND,                     402,   "Invalid Args"},
+    {DMS_CDS_ERR_INVALID_SEARCH_CRITERIA,   708,   "Unsupported or invalid search criteria"},
+};
+constexpr ActionError kActionFailed = {DMS_ERR_FAILURE, 501, "Action Failed"};
+
+const ActionError &mapActionResult(int32_t result) {
+  for (const ActionError &error : kActionErrors) {
+    if (error.result == result) return error;
   }
+  return kActionFailed;
 }
 
 void rejectUnknownService(dmsActionRequest *request) {
@@ -88,7 +96,7 @@ int32_t processActionRequest(dmsDevEventMgr *mgr, dmsActionRequest *request) {
   DMS_TRACE(OSAL_TRACE_INFO, "Action Handler Callback Return Value [%d]:Service [%s] \n", result,
             request->serviceId);
   if (result != DMS_SUCCESS) {
-    const ActionError error = mapActionResult(result);
+    const ActionError &error = mapActionResult(result);
     request->errCode = error.code;
     request->errStr = error.text;
   }

@@ -1,6 +1,6 @@
 // Browse and Search as a control point sees them, over a tree of real media
-// files: metadata, order, paging, filters, escaping, search criteria and
-// hostile arguments, each as rows of a table.
+// files: metadata, order, paging, filters, escaping and hostile arguments,
+// each as rows of a table (Search criteria: search_test.cpp).
 #include <gtest/gtest.h>
 
 #include <iconv.h>
@@ -127,38 +127,6 @@ TEST_F(BrowseTest, FilterChoosesTheProperties) {
     if (!row.res) continue;
     EXPECT_EQ(song.res[0].count("size") == 1, row.size);
     EXPECT_EQ(song.res[0].count("duration") == 1, row.duration);
-  }
-}
-
-TEST_F(BrowseTest, SearchByClassAndTitleWithPaging) {
-  struct Row {
-    std::string container, criteria;
-    int start, count;
-    std::vector<std::string> titles;
-    int total;
-  } rows[] = {
-      {shared_, "upnp:class derivedfrom \"object.item.imageItem\"", 0, 0, {"p"}, 1},
-      {shared_, "upnp:class derivedfrom \"object.item.audioItem\"", 1, 2, {"b", "c"}, 7},
-      {shared_, "dc:title contains \"b\"", 0, 0, {"b", "b.song"}, 2},
-      {shared_, "dc:title contains \"b.s\"", 0, 0, {"b.song"}, 1},
-      {shared_, "dc:title = \"Tom & <Jerry>\"", 0, 0, {"Tom & <Jerry>"}, 1},
-      {shared_, "dc:title contains \"music-b\" and upnp:class derivedfrom \"object.item.audioItem\"", 0, 0,
-       {"music-b-lpcm-2"}, 1},
-      {shared_, "dc:title contains \"a\" or dc:title contains \"c\"", 0, 0, {"a", "c"}, 2},
-      {shared_, "dc:title contains \"b\"", 5, 0, {}, 2},
-      {id("Empty"), "dc:title contains \"b\"", 0, 0, {}, 0},
-      {id("Music"), "*", 0, 0, {"a", "b", "c"}, 3},
-      {id("Music"), "dc:title exists true", 0, 0, {"a", "b", "c"}, 3},
-      {shared_, "(dc:title = \"Tom & <Jerry>\") or upnp:class = \"object.item.imageItem.photo\"", 0, 0,
-       {"p", "Tom & <Jerry>"}, 2},
-  };
-  for (const Row &row : rows) {
-    SCOPED_TRACE(row.criteria);
-    CdsAnswer answer = search(port(), row.container, row.criteria, row.start, row.count);
-    ASSERT_EQ(answer.status, 200);
-    EXPECT_EQ(titles(answer), row.titles);
-    EXPECT_EQ(answer.totalMatches, row.total);
-    EXPECT_EQ(answer.numberReturned, static_cast<int>(row.titles.size()));
   }
 }
 

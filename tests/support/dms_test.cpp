@@ -360,6 +360,7 @@ namespace {
 CdsAnswer cdsAnswer(const HttpResponse &response) {
   CdsAnswer out;
   out.status = response.status;
+  out.errorCode = elementText(response.body, "errorCode");
   if (response.status != 200) return out;
   out.result = elementText(response.body, "Result");
   out.objects = parseDidl(out.result, &out.wellFormed);

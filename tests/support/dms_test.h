@@ -173,6 +173,7 @@ struct CdsAnswer {
   std::vector<DidlObject> objects;
   int numberReturned = -1, totalMatches = -1;
   bool wellFormed = false;
+  std::string errorCode;  // a fault's UPnP error code; empty for an answer
 };
 // The arguments of Browse as a control point sends them.
 std::string browseArguments(const std::string &id, const std::string &flag, const std::string &start = "0",

@@ -1,6 +1,6 @@
 // The DIDL-Lite writer and its escaping: any bytes a file name or tag holds
 // become text that an XML parser reads back.  (Search criteria are the
-// browse test's, over SOAP.)
+// search test's, over SOAP.)
 #include <gtest/gtest.h>
 
 #include <string>

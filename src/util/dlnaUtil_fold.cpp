@@ -1,0 +1,88 @@
+#include "util/dlnaUtil_fold.h"
+
+#include <locale.h>
+#include <wctype.h>
+
+#include <cstdint>
+
+namespace {
+
+// The locale whose case table folds: loaded once, kept for the process.
+locale_t foldLocale() {
+  static const locale_t locale = newlocale(LC_CTYPE_MASK, "C.UTF-8", static_cast<locale_t>(nullptr));
+  return locale;
+}
+
+// Decodes the well-formed UTF-8 character at text[at]; its length, or 0 when
+// the bytes there are not one (overlong forms, surrogates and values past
+// U+10FFFF included).
+size_t decode(std::string_view text, size_t at, char32_t &point) {
+  const auto lead = static_cast<unsigned char>(text[at]);
+  size_t length;
+  char32_t lowest;
+  if (lead >= 0xC2 && lead <= 0xDF) { length = 2; lowest = 0x80; point = lead & 0x1F; }
+  else if (lead >= 0xE0 && lead <= 0xEF) { length = 3; lowest = 0x800; point = lead & 0x0F; }
+  else if (lead >= 0xF0 && lead <= 0xF4) { length = 4; lowest = 0x10000; point = lead & 0x07; }
+  else return 0;
+  if (text.size() - at < length) return 0;
+  for (size_t i = 1; i < length; ++i) {
+    const auto next = static_cast<unsigned char>(text[at + i]);
+    if ((next & 0xC0) != 0x80) return 0;
+    point = point << 6 | (next & 0x3F);
+  }
+  if (point < lowest || point > 0x10FFFF || (point >= 0xD800 && point <= 0xDFFF)) return 0;
+  return length;
+}
+
+void encode(char32_t point, std::string &out) {
+  if (point < 0x80) {
+    out.push_back(static_cast<char>(point));
+  } else if (point < 0x800) {
+    out.push_back(static_cast<char>(0xC0 | point >> 6));
+    out.push_back(static_cast<char>(0x80 | (point & 0x3F)));
+  } else if (point < 0x10000) {
+    out.push_back(static_cast<char>(0xE0 | point >> 12));
+    out.push_back(static_cast<char>(0x80 | (point >> 6 & 0x3F)));
+    out.push_back(static_cast<char>(0x80 | (point & 0x3F)));
+  } else {
+    out.push_back(static_cast<char>(0xF0 | point >> 18));
+    out.push_back(static_cast<char>(0x80 | (point >> 12 & 0x3F)));
+    out.push_back(static_cast<char>(0x80 | (point >> 6 & 0x3F)));
+    out.push_back(static_cast<char>(0x80 | (point & 0x3F)));
+  }
+}
+
+constexpr char32_t kSharpS = 0xDF;
+constexpr char32_t kCapitalSharpS = 0x1E9E;
+constexpr char32_t kFinalSigma = 0x3C2;
+constexpr char32_t kSigma = 0x3C3;
+
+}  // namespace
+
+void dlnaUtil_foldCase(std::string_view text, std::string &out) {
+  const locale_t locale = foldLocale();
+  for (size_t at = 0; at < text.size();) {
+    const char byte = text[at];
+    if (byte >= 'A' && byte <= 'Z') {
+      out.push_back(static_cast<char>(byte - 'A' + 'a'));
+      ++at;
+      continue;
+    }
+    char32_t point = 0;
+    const size_t length = static_cast<unsigned char>(byte) < 0x80 ? 0 : decode(text, at, point);
+    if (length == 0) {  // ASCII other than capitals, or a byte that starts no character
+      out.push_back(byte);
+      ++at;
+      continue;
+    }
+    at += length;
+    if (locale != static_cast<locale_t>(nullptr)) {
+      point = static_cast<char32_t>(towlower_l(static_cast<wint_t>(point), locale));
+    }
+    if (point == kSharpS || point == kCapitalSharpS) {
+      out.append("ss");
+    } else {
+      encode(point == kFinalSigma ? kSigma : point, out);
+    }
+  }
+}
