@@ -15,18 +15,18 @@ shift || true
 # number | build (plain or tsan) | file | text | replacement | what it breaks
 faults=(
 "1|plain|src/services/dmsCdsMgrResponseHandler.cpp|? requested : childCount - start;|? requested + 1 : childCount - start;|Browse paging returns one child too many"
-"2|plain|src/util/dlnaUtil_didl.cpp|case '&': escaped += \"&amp;\"; break;|case '&': escaped += \"&\"; break;|DIDL escaping of & dropped"
+"2|plain|src/util/dlnaUtil_xmlText.cpp|case '&': return \"&amp;\";|case '&': return \"&\";|XML escaping of & dropped (DIDL-Lite and description)"
 "3|plain|src/mfd/mfd_mp3.cpp|                  padding;|                  0u * padding;|MP3 padding bit ignored"
-"4|plain|src/http/dmsAvtHttpHandler.cpp|UpnpFileInfo_set_FileLength(info, static_cast<off_t>(length));|UpnpFileInfo_set_FileLength(info, static_cast<off_t>(length - 1));|last byte of a media file or range not sent"
+"4|plain|src/http/dmsMediaServer.cpp|  range.count = (open || last >= length ? length : last + 1) - first;|  range.count = (open || last >= length ? length : last) - first;|last byte of a media range not sent"
 "5|plain|src/util/cel_rbTree.cpp|rotate(tree, grand, !parentIsLeft);|rotate(tree, grand, parentIsLeft);|red-black insert rotation mirrored"
 "6|plain|src/http/dmsAvtHttpMedia.cpp|size_t lead = static_cast<size_t>((position - dataOffset) & 1);|size_t lead = 0 * static_cast<size_t>((position - dataOffset) & 1);|LPCM byte swap misaligned at odd offsets"
 "7|tsan|src/services/dmsCdsMgrResponseHandler.cpp|  auto reading = dmsClmReadLock(handle->contentList);|  /* no read lock */|Browse reads the list without its shared lock"
-"8|plain|src/services/dmsDeviceEventMgr.cpp|return {720, \"No Such Container\"};|return {701, \"No Such Container\"};|fault code 720 changed to 701"
+"8|plain|src/services/dmsDeviceEventMgr.cpp|720,   \"No Such Container\"|701,   \"No Such Container\"|fault code 720 changed to 701"
 "9|plain|src/mfd/mfd_wav.cpp|+ chunkSize + (chunkSize & 1u);|+ chunkSize;|WAV chunk walk ignores the pad byte of odd chunks"
 "10|plain|src/mfd/mfd_jpeg.cpp|if (tiff[0] == 'I' && tiff[1] == 'I') littleEndian = true;|if (tiff[0] == 'X') littleEndian = true;|Exif read big-endian only"
 "11|plain|src/content/dmsClmScan.cpp|return a.name < b.name;|return a.name > b.name;|scan visits names in reverse order"
-"12|plain|src/services/dmsCdsMgrSearch.cpp|std::strncmp(text, prefix.c_str(), prefix.size()) == 0|std::strncmp(text, prefix.c_str(), prefix.empty() ? 0 : 1) == 0|Search compares only the first character"
-"13|plain|src/api/dlna_dmsDescription.cpp|case '&': escaped += \"&amp;\"; break;|case '&': escaped += \"&\"; break;|device description leaves & unescaped"
+"12|plain|src/services/dmsCdsSearchMatch.cpp|    return found == (term.op == Op::kContains);|    return found == (term.op == Op::kDoesNotContain);|Search contains and doesNotContain swapped"
+"13|plain|src/content/dmsClmShares.cpp|if (list->wideLinks.load(std::memory_order_relaxed)) return true;|return true;|links out of the shares followed by default"
 "14|plain|src/http/dmsAvtHttpMedia.cpp|\"contentFeatures.dlna.org: \"|\"contentFeatures: \"|contentFeatures.dlna.org header misnamed"
 "15|plain|src/http/dmsAvtHttpMedia.cpp|  if (*cursor != '\\0' && *cursor != '?') return false;|  if (false) return false;|media URL with trailing junk accepted"
 )
