@@ -16,6 +16,7 @@
 #include <string>
 
 #include "services/dmsCdsEventModerator.h"
+#include "services/dmsCdsSortCache.h"
 
 #include "services/dmsDeviceEventMgr.h"
 #include "util/dlnaUtil_buffer.h"
@@ -34,6 +35,7 @@ struct dmsCdsMgrHandle {
   std::atomic<uint32_t> notifyCount{0};  // content changes evented; Browse's UpdateID
   std::unique_ptr<dmsCdsEventModerator> moderator;  // sends the change events
   const dmsArtCache *artCache = nullptr;  // borrowed: pictures found unmakeable are not offered
+  dmsCdsSortCache sortCache;  // sorted orders of recent sorted answers (its own lock)
 };
 
 // Indexes of the Filter flags; a flag of 1 leaves the property out.  The last
@@ -57,6 +59,10 @@ enum dmsCdsFilterFlag : int {
 // Search criteria that do not parse (dmsCdsSearchCriteria.h); answered
 // with SOAP fault 708.
 inline constexpr int32_t DMS_CDS_ERR_INVALID_SEARCH_CRITERIA = -81;
+
+// Sort criteria that do not parse or name a key not sortable
+// (dmsCdsSort.h); answered with SOAP fault 709.
+inline constexpr int32_t DMS_CDS_ERR_INVALID_SORT_CRITERIA = -82;
 
 // The most objects one Browse or Search answer holds.
 inline constexpr int32_t DMS_CDS_MAX_OBJECTS = 1000;

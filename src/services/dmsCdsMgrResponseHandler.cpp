@@ -5,11 +5,13 @@
 
 #include <cstdlib>
 #include <cstring>
-#include <string>
 #include <limits>
+#include <string>
+#include <vector>
 
 #include "dlna_dms.h"
 #include "services/dmsCdsMgrSearch.h"
+#include "services/dmsCdsSort.h"
 #include "util/dmsErrors.h"
 #include "util/dmsGuard.h"
 #include "util/osal_trace.h"
@@ -33,7 +35,7 @@ constexpr FixedAnswer kFixedAnswers[] = {
     // argument        value
     {"SearchCaps",     "dc:title,dc:creator,upnp:artist,upnp:album,upnp:genre,upnp:class,dc:date,"
                        "upnp:originalTrackNumber,@id,@parentID,@refID,res@protocolInfo,res@size,res@duration"},
-    {"SortCaps",       ""},
+    {"SortCaps",       DMS_CDS_SORT_CAPABILITIES},
     {"FeatureList",    ""},
     {"Id",             "0"},
     {"ResetToken",     "0"},
@@ -64,31 +66,6 @@ int32_t traceWriterFailure(const char *callee, int32_t code) {
   return dmsUtilErrMapToDmsErr(code);
 }
 
-// Writes the item or container of `entry`.
-int32_t writeEntry(const dmsCdsObjectRequest &request, dmsContentEntry *entry,
-                   dlnaUtilBuffer *buffer) {
-  if (entry->type >= DMS_CLM_TYPE_ITEM) {
-    dmsCdsItemRecord record;
-    int32_t status = dmsCdsBuildItem(&request, entry, &record);
-    if (status != DMS_SUCCESS) return status;
-    if (!dmsCdsItemIsValid(record.item)) {
-      DMS_TRACE(OSAL_TRACE_ERR, "Item detail information is not valid\n");
-      return DMS_ERR_INVALID_PARAM;
-    }
-    status = dlnaUtil_DIDLAddItem(buffer, &record.item);
-    return status == 0 ? DMS_SUCCESS : traceWriterFailure("dlnaUtil_DIDLAddItem", status);
-  }
-  dmsCdsContainerRecord record;
-  int32_t status = dmsCdsBuildContainer(&request, entry, &record);
-  if (status != DMS_SUCCESS) return status;
-  if (!dmsCdsContainerIsValid(record.container)) {
-    DMS_TRACE(OSAL_TRACE_ERR, "Container detail information is not valid\n");
-    return DMS_ERR_INVALID_PARAM;
-  }
-  status = dlnaUtil_DIDLAddContainer(buffer, &record.container);
-  return status == 0 ? DMS_SUCCESS : traceWriterFailure("dlnaUtil_DIDLAddContainer", status);
-}
-
 int32_t lookUpEntry(dmsCdsMgrHandle *handle, int32_t objectId, dmsContentEntry **entry) {
   *entry = nullptr;
   if (objectId < 0) return DMS_SUCCESS;
@@ -99,6 +76,27 @@ int32_t lookUpEntry(dmsCdsMgrHandle *handle, int32_t objectId, dmsContentEntry *
               status);
   }
   return status;
+}
+
+// The folder's children sorted by `sort`, from the cache or sorted now.
+int32_t sortChildren(dmsCdsMgrHandle *handle, const dmsContentEntry *folder, const dmsCdsSortCriteria &sort,
+                     dmsCdsSortCache::Order *order) {
+  const std::string cacheKey = "children " + std::to_string(folder->id) + " " + sort.normalised;
+  const auto listChildren = [folder](std::vector<dmsContentEntry *> &objects) {
+    objects = dmsClmChildren(folder);
+    return DMS_SUCCESS;
+  };
+  return dmsCdsSortedOrder(handle, cacheKey, sort, listChildren, order);
+}
+
+// The child at `index`: in the folder's order, or in `order` when sorted.
+dmsContentEntry *childAt(dmsCdsMgrHandle *handle, const dmsContentEntry *folder,
+                         const dmsCdsSortCache::Order &order, int32_t index) {
+  const size_t position = static_cast<size_t>(index);
+  if (order == nullptr) return dmsClmChildren(folder)[position];
+  dmsContentEntry *child = nullptr;
+  dmsClmGetContentEntryById(handle->contentList, &child, (*order)[position]);
+  return child;
 }
 
 // How many children a direct-children answer writes from `start`.
@@ -136,6 +134,30 @@ int32_t dispatchBrowse(dmsCdsMgrHandle *handle, dmsCdsBrowseArgs *browseArgs,
 }
 
 }  // namespace
+
+int32_t dmsCdsWriteEntry(const dmsCdsObjectRequest &request, dmsContentEntry *entry,
+                   dlnaUtilBuffer *buffer) {
+  if (entry->type >= DMS_CLM_TYPE_ITEM) {
+    dmsCdsItemRecord record;
+    int32_t status = dmsCdsBuildItem(&request, entry, &record);
+    if (status != DMS_SUCCESS) return status;
+    if (!dmsCdsItemIsValid(record.item)) {
+      DMS_TRACE(OSAL_TRACE_ERR, "Item detail information is not valid\n");
+      return DMS_ERR_INVALID_PARAM;
+    }
+    status = dlnaUtil_DIDLAddItem(buffer, &record.item);
+    return status == 0 ? DMS_SUCCESS : traceWriterFailure("dlnaUtil_DIDLAddItem", status);
+  }
+  dmsCdsContainerRecord record;
+  int32_t status = dmsCdsBuildContainer(&request, entry, &record);
+  if (status != DMS_SUCCESS) return status;
+  if (!dmsCdsContainerIsValid(record.container)) {
+    DMS_TRACE(OSAL_TRACE_ERR, "Container detail information is not valid\n");
+    return DMS_ERR_INVALID_PARAM;
+  }
+  status = dlnaUtil_DIDLAddContainer(buffer, &record.container);
+  return status == 0 ? DMS_SUCCESS : traceWriterFailure("dlnaUtil_DIDLAddContainer", status);
+}
 
 // ---------------------------------------------------------------------------
 // Action table entry points.
@@ -211,7 +233,7 @@ int32_t dmsCdsCreateRespBrowseMetaData(dmsCdsMgrHandle *handle, dmsCdsBrowseArgs
   if ((status = dlnaUtil_DIDLAddHeader(buffer)) != 0) {
     return traceWriterFailure("dlnaUtil_DIDLAddHeader", status);
   }
-  if ((status = writeEntry(request, entry, buffer)) != DMS_SUCCESS) return status;
+  if ((status = dmsCdsWriteEntry(request, entry, buffer)) != DMS_SUCCESS) return status;
   if ((status = dlnaUtil_DIDLAddFooter(buffer)) != 0) {
     return traceWriterFailure("dlnaUtil_DIDLAddFooter", status);
   }
@@ -225,8 +247,14 @@ int32_t dmsCdsCreateRespBrowseDirectChildren(dmsCdsMgrHandle *handle,
     DMS_TRACE(OSAL_TRACE_ERR, "Input Parameter Error: Pointer NULL\n");
     return DMS_ERR_INVALID_PARAM;
   }
+  dmsCdsSortCriteria sort;
+  int32_t status = dmsCdsParseSortCriteria(browseArgs->sortCriteria, sort);
+  if (status != DMS_SUCCESS) {
+    DMS_TRACE(OSAL_TRACE_WARN, "Sort criteria refused: %.200s\n", browseArgs->sortCriteria);
+    return status;
+  }
   dmsContentEntry *folder = nullptr;
-  int32_t status = lookUpEntry(handle, browseArgs->objectId, &folder);
+  status = lookUpEntry(handle, browseArgs->objectId, &folder);
   if (status != DMS_SUCCESS) return status;
   if (folder == nullptr) {
     DMS_TRACE(OSAL_TRACE_ERR,
@@ -266,13 +294,17 @@ int32_t dmsCdsCreateRespBrowseDirectChildren(dmsCdsMgrHandle *handle,
       return DMS_ERR_INVALID_PARAM;
     }
     const int32_t number = childrenToWrite(start, requested, childCount);
+    dmsCdsSortCache::Order order;
+    if (!sort.keys.empty() && (status = sortChildren(handle, folder, sort, &order)) != DMS_SUCCESS) {
+      return status;
+    }
     for (int32_t index = start; written < number; ++index, ++written) {
-      dmsContentEntry *child = dmsClmChildren(folder)[static_cast<size_t>(index)];
+      dmsContentEntry *child = childAt(handle, folder, order, index);
       if (child == nullptr) {
         DMS_TRACE(OSAL_TRACE_ERR, "Content entry not available\n");
         break;
       }
-      if ((status = writeEntry(request, child, buffer)) != DMS_SUCCESS) return status;
+      if ((status = dmsCdsWriteEntry(request, child, buffer)) != DMS_SUCCESS) return status;
     }
   }
   if ((status = dlnaUtil_DIDLAddFooter(buffer)) != 0) {

@@ -4,6 +4,7 @@
 #include "services/dmsCdsMgrSearch.h"
 
 #include <cstring>
+#include <string>
 #include <vector>
 
 #include "dlna_dms.h"
@@ -22,7 +23,9 @@ const char *textOrNull(const char *text) { return text != nullptr && text[0] != 
 
 int64_t positiveOrAbsent(int64_t value) { return value > 0 ? value : DMS_CDS_SEARCH_ABSENT; }
 
-dmsCdsSearchSubject subjectOf(const dlnaUtilDidlItem &item) {
+}  // namespace
+
+dmsCdsSearchSubject dmsCdsItemSubject(const dlnaUtilDidlItem &item) {
   dmsCdsSearchSubject subject;
   subject.title = item.title;
   subject.upnpClass = item.upnpClass;
@@ -40,7 +43,7 @@ dmsCdsSearchSubject subjectOf(const dlnaUtilDidlItem &item) {
   return subject;
 }
 
-dmsCdsSearchSubject subjectOf(const dlnaUtilDidlContainer &container) {
+dmsCdsSearchSubject dmsCdsContainerSubject(const dlnaUtilDidlContainer &container) {
   dmsCdsSearchSubject subject;
   subject.title = container.title;
   subject.upnpClass = container.upnpClass;
@@ -48,6 +51,8 @@ dmsCdsSearchSubject subjectOf(const dlnaUtilDidlContainer &container) {
   subject.parentId = container.parentID;
   return subject;
 }
+
+namespace {
 
 bool asksEveryProperty(const uint8_t *filterFlags) {
   return std::memcmp(filterFlags, kEveryProperty, sizeof kEveryProperty) == 0;
@@ -75,6 +80,12 @@ int32_t buildItem(const dmsCdsObjectRequest &request, dmsContentEntry *entry, dm
   return DMS_SUCCESS;
 }
 
+// Keeps a match for sorting rather than writing it.
+int32_t collect(std::vector<dmsContentEntry *> &collected, dmsContentEntry *entry) {
+  collected.push_back(entry);
+  return DMS_SUCCESS;
+}
+
 // 1 when the object passes the test (always without criteria), 0 when not,
 // or a failure code.
 int32_t passes(dmsCdsSearchState &state, const dmsCdsSearchSubject &subject) {
@@ -89,8 +100,9 @@ int32_t visitItem(dmsCdsSearchState &state, dmsContentEntry *entry,
   const bool testing = state.criteria.root != DMS_CDS_NO_NODE;
   int32_t status = buildItem(testing ? state.everything : state.objects, entry, state.item);
   if (status != DMS_SUCCESS) return status;
-  const int32_t passed = passes(state, subjectOf(state.item.item));
+  const int32_t passed = passes(state, dmsCdsItemSubject(state.item.item));
   if (passed != 1) return passed;
+  if (state.collected != nullptr) return collect(*state.collected, entry);
   if (!countMatch(*state.searchArgs, counters)) return DMS_SUCCESS;
   if (testing && !asksEveryProperty(state.filterFlags) &&
       (status = buildItem(state.objects, entry, state.item)) != DMS_SUCCESS) {
@@ -113,8 +125,9 @@ int32_t visitContainer(dmsCdsSearchState &state, dmsContentEntry *entry,
     DMS_TRACE(OSAL_TRACE_ERR, "Container detail information is not valid\n");
     return DMS_ERR_INVALID_PARAM;
   }
-  const int32_t passed = passes(state, subjectOf(container));
+  const int32_t passed = passes(state, dmsCdsContainerSubject(container));
   if (passed != 1) return passed;
+  if (state.collected != nullptr) return collect(*state.collected, entry);
   if (!countMatch(*state.searchArgs, counters)) return DMS_SUCCESS;
   if ((status = dlnaUtil_DIDLAddContainer(buffer, &container)) != 0) {
     return traceWriterFailure("dlnaUtil_DIDLAddContainer", status);
@@ -128,6 +141,37 @@ struct WalkFrame {
   dmsContentEntry *container;
   size_t next;
 };
+
+// Sorted Search: the walk collects every match, the matches are sorted (or
+// their order is taken from the cache) and the page is written from the
+// order.
+int32_t writeSortedMatches(dmsCdsMgrHandle *handle, dmsCdsSearchState &state, dmsCdsRespArgs *respArgs,
+                           dmsContentEntry *container, dmsCdsSearchCounters &counters,
+                           dlnaUtilBuffer *buffer) {
+  const dmsCdsSearchArgs &args = *state.searchArgs;
+  const std::string cacheKey = "search " + std::to_string(container->id) + " " + state.sort.normalised +
+                               " " + (args.searchCriteria != nullptr ? args.searchCriteria : "");
+  const auto walk = [&](std::vector<dmsContentEntry *> &matches) {
+    dmsCdsSearchCounters unused;
+    state.collected = &matches;
+    const int32_t status = dmsCdsCreateRespSearchRecursive(handle, &state, respArgs, container, &unused, buffer);
+    state.collected = nullptr;
+    return status;
+  };
+  dmsCdsSortCache::Order order;
+  int32_t status = dmsCdsSortedOrder(handle, cacheKey, state.sort, walk, &order);
+  if (status != DMS_SUCCESS) return status;
+  counters.matches = static_cast<int64_t>(order->size());
+  for (size_t index = static_cast<size_t>(args.startingIndex); index < order->size(); ++index) {
+    if (args.requestedCount != 0 && counters.written >= args.requestedCount) break;
+    dmsContentEntry *entry = nullptr;
+    dmsClmGetContentEntryById(handle->contentList, &entry, (*order)[index]);
+    if (entry == nullptr) continue;  // not expected: the order is as fresh as the list
+    if ((status = dmsCdsWriteEntry(state.objects, entry, buffer)) != DMS_SUCCESS) return status;
+    ++counters.written;
+  }
+  return DMS_SUCCESS;
+}
 
 }  // namespace
 
@@ -226,7 +270,9 @@ int32_t dmsCdsCreateRespSearchItems(dmsCdsMgrHandle *handle, dmsCdsSearchState *
     return traceWriterFailure("dlnaUtil_DIDLAddHeader", status);
   }
   dmsCdsSearchCounters counters;
-  status = dmsCdsCreateRespSearchRecursive(handle, state, respArgs, container, &counters, buffer);
+  status = state->sort.keys.empty()
+               ? dmsCdsCreateRespSearchRecursive(handle, state, respArgs, container, &counters, buffer)
+               : writeSortedMatches(handle, *state, respArgs, container, counters, buffer);
   if (status != DMS_SUCCESS) {
     DMS_TRACE(OSAL_TRACE_ERR, "Function %s Failed with error = %d\n",
               "dmsCdsCreateRespSearchRecursive", status);
@@ -254,6 +300,10 @@ int32_t dmsCdsCreateRespSearch(dmsCdsMgrHandle *handle, void *requestArgs,
     if (status != DMS_SUCCESS) return status;
     if (searchArgs->searchCriteria != nullptr &&
         (status = parseSearchCapabilities(searchArgs->searchCriteria, &state)) != DMS_SUCCESS) {
+      return status;
+    }
+    if ((status = dmsCdsParseSortCriteria(searchArgs->sortCriteria, state.sort)) != DMS_SUCCESS) {
+      DMS_TRACE(OSAL_TRACE_WARN, "Sort criteria refused: %.200s\n", searchArgs->sortCriteria);
       return status;
     }
     {

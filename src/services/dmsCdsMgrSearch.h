@@ -12,16 +12,20 @@
 // are counted over the whole walk and StartingIndex/RequestedCount pick the
 // page that is written.  The walk reuses one item record, one folder record
 // and one fold buffer, so it allocates nothing per object once they have
-// grown to the largest.
+// grown to the largest.  With SortCriteria (dmsCdsSort.h) the walk collects
+// the matches instead, and the page is taken from their sorted order, which
+// the service's cache keeps for the next pages.
 #ifndef DMS_SERVICES_DMS_CDS_MGR_SEARCH_H
 #define DMS_SERVICES_DMS_CDS_MGR_SEARCH_H
 
 #include <cstdint>
+#include <vector>
 
 #include "content/dmsClmApi.h"
 #include "services/dmsCdsMgrApi.h"
 #include "services/dmsCdsMgrResponseHandler.h"
 #include "services/dmsCdsSearchCriteria.h"
+#include "services/dmsCdsSort.h"
 #include "util/dlnaUtil_buffer.h"
 #include "util/dlnaUtil_didl.h"
 
@@ -31,6 +35,9 @@ struct dmsCdsSearchState {
   uint8_t filterFlags[DMS_CDS_FILTER_COUNT] = {0};
   dmsCdsCriteria criteria;          // no root: every item
   bool containersWanted = false;    // the criteria asks for folders by class
+  dmsCdsSortCriteria sort;          // no keys: the walk's order
+  // Set while a sorted Search walks: matches are put here, not written.
+  std::vector<dmsContentEntry *> *collected = nullptr;
   dmsCdsObjectRequest objects;      // the page's objects, as the Filter asks
   dmsCdsObjectRequest everything;   // every property, for the test
   // Reused from object to object by the walk.
@@ -44,6 +51,11 @@ struct dmsCdsSearchCounters {
   int64_t matches = 0;
   int32_t written = 0;
 };
+
+// What a test or a sort reads of a built item or folder; the texts are
+// borrowed from the record.
+dmsCdsSearchSubject dmsCdsItemSubject(const dlnaUtilDidlItem &item);
+dmsCdsSearchSubject dmsCdsContainerSubject(const dlnaUtilDidlContainer &container);
 
 // Parses `searchCriteria` into the state's criteria and containers flag.
 // 0, -100 for NULL arguments, DMS_CDS_ERR_INVALID_SEARCH_CRITERIA for

@@ -57,6 +57,7 @@ constexpr ActionError kActionErrors[] = {
     {DMS_ERR_UNSUPPORTED_ACTION,            401,   "Invalid Action"},
     {DMS_ERR_NOT_FOUND,                     402,   "Invalid Args"},
     {DMS_CDS_ERR_INVALID_SEARCH_CRITERIA,   708,   "Unsupported or invalid search criteria"},
+    {DMS_CDS_ERR_INVALID_SORT_CRITERIA,     709,   "Unsupported or invalid sort criteria"},
 };
 constexpr ActionError kActionFailed = {DMS_ERR_FAILURE, 501, "Action Failed"};
 

@@ -128,7 +128,8 @@ int32_t dmsDevEventMgrUnRegisterMsMrsEventCallback(dmsDevEventMgr *mgr);
 //    to the registered action callback; the callback's result is turned
 //    into the request's fault (-76 -> 720 "No Such Container", -79 -> 401
 //    "Invalid Action", -69 -> 402 "Invalid Args", -81 -> 708 "Unsupported
-//    or invalid search criteria", other non-zero -> 501 "Action Failed")
+//    or invalid search criteria", -82 -> 709 "Unsupported or invalid sort
+//    criteria", other non-zero -> 501 "Action Failed")
 //    and returned.  An unknown service id sets 401
 //    "Unknown Service Action" and returns -98; a known service without a
 //    callback gets the same fault but 0.  A request whose error code is
