@@ -369,9 +369,9 @@ CdsAnswer cdsAnswer(const HttpResponse &response) {
   return out;
 }
 
-std::string paging(const std::string &start, const std::string &count) {
-  return "<StartingIndex>" + start + "</StartingIndex><RequestedCount>" + count +
-         "</RequestedCount><SortCriteria></SortCriteria>";
+std::string paging(const std::string &start, const std::string &count, const std::string &sort = "") {
+  return "<StartingIndex>" + start + "</StartingIndex><RequestedCount>" + count + "</RequestedCount><SortCriteria>" +
+         xmlEscape(sort) + "</SortCriteria>";
 }
 
 }  // namespace
@@ -383,17 +383,18 @@ std::string browseArguments(const std::string &id, const std::string &flag, cons
 }
 
 CdsAnswer browse(int port, const std::string &id, const std::string &flag, int start, int count,
-                 const std::string &filter) {
+                 const std::string &filter, const std::string &sort) {
   return cdsAnswer(soap(port, Service::kCds, "Browse",
-                        browseArguments(id, flag, std::to_string(start), std::to_string(count), filter)));
+                        "<ObjectID>" + id + "</ObjectID><BrowseFlag>" + flag + "</BrowseFlag><Filter>" + filter +
+                            "</Filter>" + paging(std::to_string(start), std::to_string(count), sort)));
 }
 
 CdsAnswer search(int port, const std::string &container, const std::string &criteria, int start,
-                 int count) {
+                 int count, const std::string &sort) {
   return cdsAnswer(soap(port, Service::kCds, "Search",
                         "<ContainerID>" + container + "</ContainerID><SearchCriteria>" +
                             xmlEscape(criteria) + "</SearchCriteria><Filter>*</Filter>" +
-                            paging(std::to_string(start), std::to_string(count))));
+                            paging(std::to_string(start), std::to_string(count), sort)));
 }
 
 std::vector<DidlObject> children(int port, const std::string &id) {

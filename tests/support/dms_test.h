@@ -178,10 +178,11 @@ struct CdsAnswer {
 // The arguments of Browse as a control point sends them.
 std::string browseArguments(const std::string &id, const std::string &flag, const std::string &start = "0",
                             const std::string &count = "0", const std::string &filter = "*");
+// `sort`: the SortCriteria sent (empty: none).
 CdsAnswer browse(int port, const std::string &id, const std::string &flag, int start = 0,
-                 int count = 0, const std::string &filter = "*");
+                 int count = 0, const std::string &filter = "*", const std::string &sort = "");
 CdsAnswer search(int port, const std::string &container, const std::string &criteria,
-                 int start = 0, int count = 0);
+                 int start = 0, int count = 0, const std::string &sort = "");
 // The children of `id`, all of them.
 std::vector<DidlObject> children(int port, const std::string &id);
 // The object reached from the root by titles ("Shared/Music/a"); empty id
