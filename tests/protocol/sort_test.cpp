@@ -1,7 +1,8 @@
 // SortCriteria over SOAP: each sortable key both ways over a folder of
 // tagged and untagged files and a sub-folder, two keys, blanks and missing
 // signs, refused criteria, sorted Search, and a page of a sorted folder of
-// a thousand files against the whole sorted list.
+// a thousand files against the whole sorted list, and a sorted folder that
+// changes.
 #include <gtest/gtest.h>
 
 #include <unistd.h>
@@ -62,6 +63,7 @@ class SortTest : public ServerSuite {
     for (int i = 0; i < 1000; ++i) numbers[i] = i + 1;
     std::shuffle(numbers.begin(), numbers.end(), std::mt19937(7));
     const std::string one = tree().copy("tagged/mp3-no-tags.mp3", "one.mp3");
+    tree().copy("tagged/mp3-no-tags.mp3", "lib/Live/b.mp3");
     tree().mkdir("lib/Many");
     for (int n : numbers) ASSERT_EQ(link(one.c_str(), (tree() / ("lib/Many/Track " + std::to_string(n) + ".mp3")).c_str()), 0);
     ASSERT_TRUE(serve({tree() / "lib"}));
@@ -166,6 +168,13 @@ TEST_F(SortTest, PageOfALargeSortedFolderIsTheSliceOfTheWhole) {
   for (int n = 1; n <= 1000; n += 111) EXPECT_EQ(whole[n - 1], "Track " + std::to_string(n));
   EXPECT_EQ(sorted(many, "+dc:title", 480, 40), Titles(whole.begin() + 480, whole.begin() + 520));
   EXPECT_EQ(sorted(many, "-dc:title", 0, 2), Titles({"Track 1000", "Track 999"}));
+}
+
+TEST_F(SortTest, AChangeToTheListIsSortedIn) {
+  const std::string live = lookup(port(), "lib/Live").id();
+  ASSERT_EQ(sorted(live, "-dc:title"), Titles({"b"}));
+  tree().copy("tagged/mp3-no-tags.mp3", "lib/Live/c.mp3");
+  EXPECT_TRUE(eventually([&] { return sorted(live, "-dc:title") == Titles({"c", "b"}); }));
 }
 
 }  // namespace
