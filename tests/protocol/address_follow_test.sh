@@ -4,7 +4,8 @@
 # address is changed twice (a reconnect: gone, then another; a renewal: a
 # new one beside, then the old one gone), and each time a search from the
 # player names the new address within 10 s and Browse works there, with
-# media URLs on it.  --address keeps its address.
+# media URLs on it.  --address keeps its address; without it the default
+# route's interface is served and followed.
 # Runs inside the test runner's private network namespace; makes two more.
 set -u
 program=$1
@@ -84,6 +85,17 @@ in_server ip addr del 10.78.0.1/24 dev dms-srv
 in_server ip addr add 10.78.0.9/24 dev dms-srv
 sleep 4
 check "--address does not follow" test -z "$(browse 10.78.0.9)"
+kill -TERM "${veth_pids[-1]}"; wait "${veth_pids[-1]}"
+
+# Neither named: the interface of the default route is served and followed.
+in_server ip route add default via 10.78.0.254 dev dms-srv
+nsenter "$server_net" "$program" --port $port --www "$www" "$folder" >"$log" 2>&1 &
+veth_pids+=($!)
+check "without --address, the default route's interface is served" found_within_10s 10.78.0.9
+in_server sysctl -qw net.ipv4.conf.dms-srv.promote_secondaries=1
+in_server ip addr add 10.78.0.7/24 dev dms-srv
+in_server ip addr del 10.78.0.9/24 dev dms-srv
+check "and followed" found_within_10s 10.78.0.7
 kill -TERM "${veth_pids[-1]}"; wait "${veth_pids[-1]}"
 
 finish
