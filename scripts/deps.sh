@@ -26,3 +26,8 @@ sudo=""
 echo "Installing: ${missing[*]}"
 $sudo apt-get update -qq
 DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
+# The tests run their own mpd in a namespace of their own; the system's
+# daemon that the package may have started is not wanted.
+if [[ " ${missing[*]} " == *" mpd "* ]] && command -v systemctl >/dev/null; then
+  $sudo systemctl disable --now mpd.service mpd.socket >/dev/null 2>&1 || true
+fi
