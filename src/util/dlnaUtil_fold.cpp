@@ -5,33 +5,14 @@
 
 #include <cstdint>
 
+#include "util/dlnaUtil_utf8.h"
+
 namespace {
 
 // The locale whose case table folds: loaded once, kept for the process.
 locale_t foldLocale() {
   static const locale_t locale = newlocale(LC_CTYPE_MASK, "C.UTF-8", static_cast<locale_t>(nullptr));
   return locale;
-}
-
-// Decodes the well-formed UTF-8 character at text[at]; its length, or 0 when
-// the bytes there are not one (overlong forms, surrogates and values past
-// U+10FFFF included).
-size_t decode(std::string_view text, size_t at, char32_t &point) {
-  const auto lead = static_cast<unsigned char>(text[at]);
-  size_t length;
-  char32_t lowest;
-  if (lead >= 0xC2 && lead <= 0xDF) { length = 2; lowest = 0x80; point = lead & 0x1F; }
-  else if (lead >= 0xE0 && lead <= 0xEF) { length = 3; lowest = 0x800; point = lead & 0x0F; }
-  else if (lead >= 0xF0 && lead <= 0xF4) { length = 4; lowest = 0x10000; point = lead & 0x07; }
-  else return 0;
-  if (text.size() - at < length) return 0;
-  for (size_t i = 1; i < length; ++i) {
-    const auto next = static_cast<unsigned char>(text[at + i]);
-    if ((next & 0xC0) != 0x80) return 0;
-    point = point << 6 | (next & 0x3F);
-  }
-  if (point < lowest || point > 0x10FFFF || (point >= 0xD800 && point <= 0xDFFF)) return 0;
-  return length;
 }
 
 void encode(char32_t point, std::string &out) {
@@ -69,7 +50,8 @@ void dlnaUtil_foldCase(std::string_view text, std::string &out) {
       continue;
     }
     char32_t point = 0;
-    const size_t length = static_cast<unsigned char>(byte) < 0x80 ? 0 : decode(text, at, point);
+    const size_t length = dlnaUtil_utf8Decode(reinterpret_cast<const unsigned char *>(text.data()) + at,
+                                              text.size() - at, point);
     if (length == 0) {  // ASCII other than capitals, or a byte that starts no character
       out.push_back(byte);
       ++at;

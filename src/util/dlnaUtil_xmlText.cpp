@@ -3,29 +3,18 @@
 #include <cstdint>
 #include <cstring>
 
+#include "util/dlnaUtil_utf8.h"
+
 namespace {
 
 // Length of the well-formed UTF-8 sequence at `text` (2 to 4 bytes) that
 // encodes a character XML allows, 0 when the bytes are not one, and -1 for a
 // well-formed sequence of a character XML forbids (U+FFFE, U+FFFF).
-// Overlong forms, surrogates and values past U+10FFFF are not well-formed.
 int sequenceLength(const unsigned char *text, size_t available) {
-  const unsigned lead = text[0];
-  int length;
-  uint32_t lowest;
-  uint32_t value;
-  if (lead >= 0xC2 && lead <= 0xDF) { length = 2; lowest = 0x80; value = lead & 0x1F; }
-  else if (lead >= 0xE0 && lead <= 0xEF) { length = 3; lowest = 0x800; value = lead & 0x0F; }
-  else if (lead >= 0xF0 && lead <= 0xF4) { length = 4; lowest = 0x10000; value = lead & 0x07; }
-  else return 0;
-  if (available < static_cast<size_t>(length)) return 0;
-  for (int i = 1; i < length; ++i) {
-    if ((text[i] & 0xC0) != 0x80) return 0;
-    value = value << 6 | (text[i] & 0x3F);
-  }
-  if (value < lowest || value > 0x10FFFF || (value >= 0xD800 && value <= 0xDFFF)) return 0;
-  if (value == 0xFFFE || value == 0xFFFF) return -1;
-  return length;
+  char32_t value = 0;
+  const size_t length = dlnaUtil_utf8Decode(text, available, value);
+  if (length == 0) return 0;
+  return value == 0xFFFE || value == 0xFFFF ? -1 : static_cast<int>(length);
 }
 
 // What one ASCII byte becomes: its entity, "" when XML forbids it, or
