@@ -61,11 +61,6 @@ int32_t setFixedAnswer(FixedAnswerRow row, const dmsCdsMgrHandle *handle, const 
 // ---------------------------------------------------------------------------
 // Browse.
 
-int32_t traceWriterFailure(const char *callee, int32_t code) {
-  DMS_TRACE(OSAL_TRACE_ERR, "Function %s Failed with error = %d\n", callee, code);
-  return dmsUtilErrMapToDmsErr(code);
-}
-
 int32_t lookUpEntry(dmsCdsMgrHandle *handle, int32_t objectId, dmsContentEntry **entry) {
   *entry = nullptr;
   if (objectId < 0) return DMS_SUCCESS;
@@ -135,28 +130,43 @@ int32_t dispatchBrowse(dmsCdsMgrHandle *handle, dmsCdsBrowseArgs *browseArgs,
 
 }  // namespace
 
+int32_t dmsCdsWriterFailure(const char *callee, int32_t code) {
+  DMS_TRACE(OSAL_TRACE_ERR, "Function %s Failed with error = %d\n", callee, code);
+  return dmsUtilErrMapToDmsErr(code);
+}
+
+int32_t dmsCdsBuildValidItem(const dmsCdsObjectRequest &request, dmsContentEntry *entry,
+                             dmsCdsItemRecord &record) {
+  const int32_t status = dmsCdsBuildItem(&request, entry, &record);
+  if (status != DMS_SUCCESS) return status;
+  if (dmsCdsItemIsValid(record.item)) return DMS_SUCCESS;
+  DMS_TRACE(OSAL_TRACE_ERR, "Item detail information is not valid\n");
+  return DMS_ERR_INVALID_PARAM;
+}
+
+int32_t dmsCdsBuildValidContainer(const dmsCdsObjectRequest &request, dmsContentEntry *entry,
+                                  dmsCdsContainerRecord &record) {
+  const int32_t status = dmsCdsBuildContainer(&request, entry, &record);
+  if (status != DMS_SUCCESS) return status;
+  if (dmsCdsContainerIsValid(record.container)) return DMS_SUCCESS;
+  DMS_TRACE(OSAL_TRACE_ERR, "Container detail information is not valid\n");
+  return DMS_ERR_INVALID_PARAM;
+}
+
 int32_t dmsCdsWriteEntry(const dmsCdsObjectRequest &request, dmsContentEntry *entry,
                    dlnaUtilBuffer *buffer) {
   if (entry->type >= DMS_CLM_TYPE_ITEM) {
     dmsCdsItemRecord record;
-    int32_t status = dmsCdsBuildItem(&request, entry, &record);
+    int32_t status = dmsCdsBuildValidItem(request, entry, record);
     if (status != DMS_SUCCESS) return status;
-    if (!dmsCdsItemIsValid(record.item)) {
-      DMS_TRACE(OSAL_TRACE_ERR, "Item detail information is not valid\n");
-      return DMS_ERR_INVALID_PARAM;
-    }
     status = dlnaUtil_DIDLAddItem(buffer, &record.item);
-    return status == 0 ? DMS_SUCCESS : traceWriterFailure("dlnaUtil_DIDLAddItem", status);
+    return status == 0 ? DMS_SUCCESS : dmsCdsWriterFailure("dlnaUtil_DIDLAddItem", status);
   }
   dmsCdsContainerRecord record;
-  int32_t status = dmsCdsBuildContainer(&request, entry, &record);
+  int32_t status = dmsCdsBuildValidContainer(request, entry, record);
   if (status != DMS_SUCCESS) return status;
-  if (!dmsCdsContainerIsValid(record.container)) {
-    DMS_TRACE(OSAL_TRACE_ERR, "Container detail information is not valid\n");
-    return DMS_ERR_INVALID_PARAM;
-  }
   status = dlnaUtil_DIDLAddContainer(buffer, &record.container);
-  return status == 0 ? DMS_SUCCESS : traceWriterFailure("dlnaUtil_DIDLAddContainer", status);
+  return status == 0 ? DMS_SUCCESS : dmsCdsWriterFailure("dlnaUtil_DIDLAddContainer", status);
 }
 
 // ---------------------------------------------------------------------------
@@ -231,11 +241,11 @@ int32_t dmsCdsCreateRespBrowseMetaData(dmsCdsMgrHandle *handle, dmsCdsBrowseArgs
                                       &request);
   if (status != DMS_SUCCESS) return status;
   if ((status = dlnaUtil_DIDLAddHeader(buffer)) != 0) {
-    return traceWriterFailure("dlnaUtil_DIDLAddHeader", status);
+    return dmsCdsWriterFailure("dlnaUtil_DIDLAddHeader", status);
   }
   if ((status = dmsCdsWriteEntry(request, entry, buffer)) != DMS_SUCCESS) return status;
   if ((status = dlnaUtil_DIDLAddFooter(buffer)) != 0) {
-    return traceWriterFailure("dlnaUtil_DIDLAddFooter", status);
+    return dmsCdsWriterFailure("dlnaUtil_DIDLAddFooter", status);
   }
   return dmsCdsSetResultArguments(respArgs, buffer, 1, 1);
 }
@@ -271,7 +281,7 @@ int32_t dmsCdsCreateRespBrowseDirectChildren(dmsCdsMgrHandle *handle,
                                       &request);
   if (status != DMS_SUCCESS) return status;
   if ((status = dlnaUtil_DIDLAddHeader(buffer)) != 0) {
-    return traceWriterFailure("dlnaUtil_DIDLAddHeader", status);
+    return dmsCdsWriterFailure("dlnaUtil_DIDLAddHeader", status);
   }
   const size_t childTotal = dmsClmChildren(folder).size();
   const int32_t childCount = childTotal > static_cast<size_t>(std::numeric_limits<int32_t>::max())
@@ -308,7 +318,7 @@ int32_t dmsCdsCreateRespBrowseDirectChildren(dmsCdsMgrHandle *handle,
     }
   }
   if ((status = dlnaUtil_DIDLAddFooter(buffer)) != 0) {
-    return traceWriterFailure("dlnaUtil_DIDLAddFooter", status);
+    return dmsCdsWriterFailure("dlnaUtil_DIDLAddFooter", status);
   }
   return dmsCdsSetResultArguments(respArgs, buffer, written, childCount);
 }

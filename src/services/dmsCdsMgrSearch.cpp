@@ -8,7 +8,6 @@
 #include <vector>
 
 #include "dlna_dms.h"
-#include "util/dmsErrors.h"
 #include "util/dmsGuard.h"
 #include "util/osal_trace.h"
 
@@ -65,21 +64,6 @@ bool countMatch(const dmsCdsSearchArgs &args, dmsCdsSearchCounters &counters) {
   return args.requestedCount == 0 || index - args.startingIndex < args.requestedCount;
 }
 
-int32_t traceWriterFailure(const char *callee, int32_t code) {
-  DMS_TRACE(OSAL_TRACE_ERR, "Function %s Failed with error = %d\n", callee, code);
-  return dmsUtilErrMapToDmsErr(code);
-}
-
-int32_t buildItem(const dmsCdsObjectRequest &request, dmsContentEntry *entry, dmsCdsItemRecord &record) {
-  const int32_t status = dmsCdsBuildItem(&request, entry, &record);
-  if (status != DMS_SUCCESS) return status;
-  if (!dmsCdsItemIsValid(record.item)) {
-    DMS_TRACE(OSAL_TRACE_ERR, "Item detail information is not valid\n");
-    return DMS_ERR_INVALID_PARAM;
-  }
-  return DMS_SUCCESS;
-}
-
 // Keeps a match for sorting rather than writing it.
 int32_t collect(std::vector<dmsContentEntry *> &collected, dmsContentEntry *entry) {
   collected.push_back(entry);
@@ -98,18 +82,18 @@ int32_t passes(dmsCdsSearchState &state, const dmsCdsSearchSubject &subject) {
 int32_t visitItem(dmsCdsSearchState &state, dmsContentEntry *entry,
                   dmsCdsSearchCounters &counters, dlnaUtilBuffer *buffer) {
   const bool testing = state.criteria.root != DMS_CDS_NO_NODE;
-  int32_t status = buildItem(testing ? state.everything : state.objects, entry, state.item);
+  int32_t status = dmsCdsBuildValidItem(testing ? state.everything : state.objects, entry, state.item);
   if (status != DMS_SUCCESS) return status;
   const int32_t passed = passes(state, dmsCdsItemSubject(state.item.item));
   if (passed != 1) return passed;
   if (state.collected != nullptr) return collect(*state.collected, entry);
   if (!countMatch(*state.searchArgs, counters)) return DMS_SUCCESS;
   if (testing && !asksEveryProperty(state.filterFlags) &&
-      (status = buildItem(state.objects, entry, state.item)) != DMS_SUCCESS) {
+      (status = dmsCdsBuildValidItem(state.objects, entry, state.item)) != DMS_SUCCESS) {
     return status;
   }
   if ((status = dlnaUtil_DIDLAddItem(buffer, &state.item.item)) != 0) {
-    return traceWriterFailure("dlnaUtil_DIDLAddItem", status);
+    return dmsCdsWriterFailure("dlnaUtil_DIDLAddItem", status);
   }
   ++counters.written;
   return DMS_SUCCESS;
@@ -118,19 +102,15 @@ int32_t visitItem(dmsCdsSearchState &state, dmsContentEntry *entry,
 int32_t visitContainer(dmsCdsSearchState &state, dmsContentEntry *entry,
                        dmsCdsSearchCounters &counters, dlnaUtilBuffer *buffer) {
   if (!state.containersWanted) return DMS_SUCCESS;
-  int32_t status = dmsCdsBuildContainer(&state.objects, entry, &state.container);
+  int32_t status = dmsCdsBuildValidContainer(state.objects, entry, state.container);
   if (status != DMS_SUCCESS) return status;
   const dlnaUtilDidlContainer &container = state.container.container;
-  if (!dmsCdsContainerIsValid(container)) {
-    DMS_TRACE(OSAL_TRACE_ERR, "Container detail information is not valid\n");
-    return DMS_ERR_INVALID_PARAM;
-  }
   const int32_t passed = passes(state, dmsCdsContainerSubject(container));
   if (passed != 1) return passed;
   if (state.collected != nullptr) return collect(*state.collected, entry);
   if (!countMatch(*state.searchArgs, counters)) return DMS_SUCCESS;
   if ((status = dlnaUtil_DIDLAddContainer(buffer, &container)) != 0) {
-    return traceWriterFailure("dlnaUtil_DIDLAddContainer", status);
+    return dmsCdsWriterFailure("dlnaUtil_DIDLAddContainer", status);
   }
   ++counters.written;
   return DMS_SUCCESS;
@@ -267,7 +247,7 @@ int32_t dmsCdsCreateRespSearchItems(dmsCdsMgrHandle *handle, dmsCdsSearchState *
   state->everything = state->objects;
   state->everything.filterFlags = kEveryProperty;
   if ((status = dlnaUtil_DIDLAddHeader(buffer)) != 0) {
-    return traceWriterFailure("dlnaUtil_DIDLAddHeader", status);
+    return dmsCdsWriterFailure("dlnaUtil_DIDLAddHeader", status);
   }
   dmsCdsSearchCounters counters;
   status = state->sort.keys.empty()
@@ -279,7 +259,7 @@ int32_t dmsCdsCreateRespSearchItems(dmsCdsMgrHandle *handle, dmsCdsSearchState *
     return status;
   }
   if ((status = dlnaUtil_DIDLAddFooter(buffer)) != 0) {
-    return traceWriterFailure("dlnaUtil_DIDLAddFooter", status);
+    return dmsCdsWriterFailure("dlnaUtil_DIDLAddFooter", status);
   }
   return dmsCdsSetResultArguments(respArgs, buffer, counters.written, counters.matches);
 }
