@@ -56,6 +56,7 @@ const OptionRow kOptions[] = {
     {"art-cache-mb", true, [](HostOptions &o, const std::string &v) { return parseNumber(v, 0, 4096, o.artCacheMb); }},
     {"filter", false, [](HostOptions &o, const std::string &v) { return parseSwitch(v, o.filter); }},
     {"wide-links", false, [](HostOptions &o, const std::string &v) { return parseSwitch(v, o.wideLinks); }},
+    {"views", false, [](HostOptions &o, const std::string &v) { return parseSwitch(v, o.views); }},
     {"trace", true, [](HostOptions &o, const std::string &v) { return parseMask(v) && (o.trace = v, true); }},
     {"www", true, [](HostOptions &o, const std::string &v) { return !v.empty() && (o.www = v, true); }},
 };
@@ -141,6 +142,8 @@ void printHostUsage(FILE *out) {
                "                      (default 8; 0 makes every picture anew)\n"
                "  --filter            offer only well-known media extensions to detection\n"
                "  --wide-links        follow symbolic links that lead out of the folders\n"
+               "  --views=no          show only the folders, without the Music, Pictures\n"
+               "                      and Video views (default: views shown)\n"
                "  --trace MASK        trace level mask, hexadecimal (default 0x0003)\n"
                "  --www DIR           folder with the description files and icons\n"
                "  --help              show this text\n"
@@ -156,21 +159,28 @@ HostCommand parseHostCommandLine(int argc, char **argv, HostCommandLine &line, s
       line.folders.push_back(arg);
       continue;
     }
-    const std::string name = arg.rfind("--", 0) == 0 ? arg.substr(2) : arg;
+    std::string name = arg.rfind("--", 0) == 0 ? arg.substr(2) : arg;
+    // "--name=value" gives the value in the same word (a switch: yes or no).
+    const size_t equals = name.find('=');
+    std::string given;
+    if (equals != std::string::npos) {
+      given = name.substr(equals + 1);
+      name.resize(equals);
+    }
     const OptionRow *row = findOption(name);
     if (row == nullptr && name != "config") {
       error = "unknown option " + arg;
       return HostCommand::Invalid;
     }
-    if (row != nullptr && !row->takesValue) {
+    if (row != nullptr && !row->takesValue && equals == std::string::npos) {
       line.options.emplace_back(name, "yes");
       continue;
     }
-    if (i + 1 >= argc) {
+    if (equals == std::string::npos && i + 1 >= argc) {
       error = arg + " needs a value";
       return HostCommand::Invalid;
     }
-    const std::string value = argv[++i];
+    const std::string value = equals != std::string::npos ? given : argv[++i];
     if (row == nullptr) {
       line.configPath = value;
       continue;

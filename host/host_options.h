@@ -1,4 +1,5 @@
-// Options of dlna-dms: from the command line and from a configuration file
+// Options of dlna-dms: from the command line ("--name value", or
+// "--name=value" in one word; a switch alone means yes) and from a configuration file
 // of "key = value" lines whose keys are the long options without "--"
 // (plus "folder", one line per shared folder).  Command-line options take
 // precedence over the file; folders named on the command line replace the
@@ -23,6 +24,7 @@ struct HostOptions {
   int artCacheMb = 8;  // memory for thumbnails and album art
   bool filter = false;
   bool wideLinks = false;  // links may lead out of the shared folders
+  bool views = true;       // Music, Pictures and Video beside the folders
   std::string trace;  // trace level mask; empty: errors and warnings
   std::string www;    // empty: the installed or source-tree www directory
   std::vector<std::string> folders;

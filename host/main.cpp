@@ -126,6 +126,9 @@ void reload(dmsHandle *server, const HostCommandLine &line, HostOptions &running
   if (fresh.wideLinks != running.wideLinks && dlna_dmsSetWideLinks(server, fresh.wideLinks ? 1 : 0) == DMS_SUCCESS) {
     running.wideLinks = fresh.wideLinks;
   }
+  if (fresh.views != running.views && dlna_dmsSetViews(server, fresh.views ? 1 : 0) == DMS_SUCCESS) {
+    running.views = fresh.views;
+  }
   if (fresh.artCacheMb != running.artCacheMb) {
     dlna_dmsSetArtCacheSize(server, static_cast<uint64_t>(fresh.artCacheMb) * 1024 * 1024);
     running.artCacheMb = fresh.artCacheMb;
@@ -193,6 +196,7 @@ int serve(const HostCommandLine &line, HostOptions &options) {
   int exitCode = 0;
   dlna_dmsSetArtCacheSize(server, static_cast<uint64_t>(options.artCacheMb) * 1024 * 1024);
   if (options.wideLinks) dlna_dmsSetWideLinks(server, 1);
+  if (options.views) dlna_dmsSetViews(server, 1);
   if (!follow) dlna_dmsSetFollowAddress(server, 0);
   if (options.mediaPort >= 0 && dlna_dmsSetMediaPort(server, options.mediaPort) != DMS_SUCCESS) {
     exitCode = fail("cannot set the media port");

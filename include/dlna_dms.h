@@ -129,6 +129,18 @@ DMS_EXPORT int32_t dlna_dmsSetWideLinks(dmsHandle *handle, int32_t enabled);
  * not created handle. */
 DMS_EXPORT int32_t dlna_dmsSetFollowAddress(dmsHandle *handle, int32_t enabled);
 
+/* Whether the ContentDirectory shows the views beside the folders (0: no,
+ * the default; 1: yes).  With views the root lists "Music", "Pictures" and
+ * "Video" before the shared folders: Music holds All Tracks, Artists
+ * (artist, album, tracks), Albums, Genres and Playlists; Pictures holds All
+ * Pictures and By Date (year, month); Video holds All Videos.  Their items
+ * are references (refID) to the folders' items and play from the same URLs;
+ * they follow every change of the folders.  Switching on builds them from
+ * the list at once.  Any time between dlna_dmsCreate and dlna_dmsDestroy,
+ * from the thread that starts and stops the server.  0, or
+ * DMS_ERR_INVALID_PARAM for a NULL or not created handle. */
+DMS_EXPORT int32_t dlna_dmsSetViews(dmsHandle *handle, int32_t enabled);
+
 /* Kept for hosts written for a separate media port: media are served on the
  * one HTTP port, and this changes nothing (0; DMS_ERR_INVALID_PARAM for a
  * NULL handle or a port out of range). */

@@ -93,6 +93,7 @@ int32_t tearDownServer(dmsHandle *handle) {
     if (result != 0) DMS_TRACE(OSAL_TRACE_ERR, "Error [%d] in %s()\n", result, "dmsDevEventMgrDeInit");
     handle->eventMgr = nullptr;
   }
+  dmsViewsRelease(handle);  // nothing reads them any more
   int32_t listResult = DMS_SUCCESS;
   if (handle->contentList != nullptr) {
     listResult = dmsClmFreeContentList(handle->contentList);
@@ -219,16 +220,10 @@ int32_t createServices(dmsHandle *handle) {
                          handle->config.ipAddress, handle->config.port);
   if (result != 0) return traceSdkFailure(result, "dmsCdsMgrInit", result);
   handle->cdsContext->artCache = handle->artCache;
-  // Content changes are evented through the ContentDirectory.
-  dmsCdsMgrHandle *cds = handle->cdsContext;
-  handle->cdsListener = dmsClmAddListener(handle->contentList, [cds](const dmsClmChangeSet &change) {
-    dmsCdsContentChangeInfo info;
-    info.pairs = change.pairs;
-    info.pairCount = change.pairCount;
-    info.systemUpdateId = static_cast<int32_t>(change.systemUpdateId);
-    const int32_t result = dmsCdsMgrNotifyContentChange(cds, &info);
-    if (result != 0) DMS_TRACE(OSAL_TRACE_ERR, "Error [%d] in %s()\n", result, "dmsCdsMgrNotifyContentChange");
-    return result;
+  // Content changes reach the views and are evented through the
+  // ContentDirectory.
+  handle->cdsListener = dmsClmAddListener(handle->contentList, [handle](const dmsClmChangeSet &change) {
+    return dmsFollowContentChange(handle, change);
   });
   result = dmsAvtHttp_init(".", handle->contentList);
   if (result != 0) return traceSdkFailure(result, "dmsAvtHttp_init", DMS_ERR_FAILURE);

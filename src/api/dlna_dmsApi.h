@@ -12,10 +12,12 @@
 
 #include "dlna_dms.h"
 #include "util/dmsGuard.h"
+#include "content/dmsClmApi.h"
 
 class dmsAddressWatch;
 class dmsArtCache;
 class dmsGena;
+class dmsViews;
 
 struct dmsDevEventMgr;
 struct dmsCdsMgrHandle;
@@ -90,6 +92,12 @@ struct dmsHandle {
   dmsAddressWatch *addressWatch;
   int32_t followDisabled;
   char pendingAddress[64];
+  // The views (dlna_dmsViews.cpp): made when first switched on, owned, freed
+  // by destroy after the services; `viewsOn` says whether they follow the
+  // list and are shown.  Both written by the host thread under the list's
+  // change mutex, read by the list's writer under it.
+  dmsViews *views;
+  int32_t viewsOn;
 };
 
 // Holds a pthread mutex of the handle for a scope.
@@ -138,6 +146,13 @@ void dmsFollowStop(dmsHandle *handle);
 // success the next advertisement is due at once.  A move that fails is
 // tried again at the next call.
 void dmsFollowPending(dmsHandle *handle);
+
+// The content list's one listener (dlna_dmsViews.cpp): the views follow the
+// change when they are on, then the ContentDirectory events the changed
+// containers of both.  Writer thread, change mutex held.
+int32_t dmsFollowContentChange(dmsHandle *handle, const dmsClmChangeSet &change);
+// Frees the views (destroy, after the services).
+void dmsViewsRelease(dmsHandle *handle);
 
 // Advertiser thread body; `arg` is the dmsHandle, which outlives the thread
 // (dlna_dmsStop joins it).

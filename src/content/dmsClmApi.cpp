@@ -36,6 +36,7 @@ void releaseOne(dmsContentListInfo *list, dmsContentEntry *entry, FreeMode mode)
     entry->container->children.clear();
   }
   if (mode == FreeMode::Detach) {
+    if (entry->type == DMS_CLM_TYPE_ITEM) list->freedItems.push_back(entry->id);
     dmsContentEntry *removed = list->entriesById.remove(entry->id);
     if (removed != entry) DMS_TRACE(OSAL_TRACE_ERR, "Error in Deleting Node from the Tree\n");
     if (dmsContentEntry *parent = entry->parent) {
@@ -198,6 +199,7 @@ int32_t createList(dmsContentListInfo **out, char **sharedPaths, int32_t numShar
     paths.push_back({sharedPaths[i], type, static_cast<int64_t>(status.st_size)});
   }
   addSharedPaths(list.get(), paths);
+  list->madeItems.clear();  // nobody listens yet
   result = dmsFsmStartMonitor(list->monitor, list->root, clmFsmNotificationCallBack);
   if (result != 0) DMS_TRACE(OSAL_TRACE_ERR, "Error [%d] in %s()... Ignore this!\n", result, "dmsFsmStartMonitor");
   *out = list.release();
@@ -219,6 +221,32 @@ uint64_t dmsClmAddListener(dmsContentListInfo *list, dmsClmListener listener) {
 void dmsClmRemoveListener(dmsContentListInfo *list, uint64_t token) {
   std::lock_guard changing(list->changeMutex);
   std::erase_if(list->listeners, [token](const auto &row) { return row.first == token; });
+}
+
+int32_t dmsClmTellListeners(dmsContentListInfo *list, const std::vector<uint32_t> &pairs,
+                            uint32_t systemUpdateId) {
+  dmsClmChangeSet change{pairs.data(), static_cast<int32_t>(pairs.size() / 2), systemUpdateId,
+                         &list->madeItems, &list->changedItems, &list->freedItems};
+  int32_t first = DMS_SUCCESS;
+  for (const auto &[token, listener] : list->listeners) {
+    const int32_t result = listener(change);
+    if (result != DMS_SUCCESS && first == DMS_SUCCESS) first = result;
+  }
+  list->madeItems.clear();
+  list->changedItems.clear();
+  list->freedItems.clear();
+  return first;
+}
+
+// A host's change of the shared folders: told without pairs and without a
+// new system update id.
+static int32_t tellHostChange(dmsContentListInfo *list) {
+  uint32_t systemUpdateId = 0;
+  {
+    auto reading = dmsClmReadLock(list);
+    systemUpdateId = list->systemUpdateId;
+  }
+  return dmsClmTellListeners(list, {}, systemUpdateId);
 }
 
 uint32_t dmsClmGetSystemUpdateId(const dmsContentListInfo *list) {
@@ -272,7 +300,7 @@ int32_t dmsClmAddToContentList(dmsContentListInfo *list, const char *sharedPath)
   return dmsGuard("dmsClmAddToContentList", DMS_ERR_NO_MEMORY, [&] {
     std::lock_guard changing(list->changeMutex);
     addSharedPaths(list, {{sharedPath, DMS_CLM_TYPE_CONTAINER, static_cast<int64_t>(status.st_size)}});
-    return DMS_SUCCESS;
+    return tellHostChange(list);
   });
 }
 
@@ -290,7 +318,8 @@ int32_t dmsClmRemoveFromContentList(dmsContentListInfo *list, const char *shared
       DMS_TRACE(OSAL_TRACE_INFO, "Remove Child-%d with path [%s] from the list\n", static_cast<int>(i), sharedPath);
       freeEntry(list, shared[i], FreeMode::Detach);
       dmsClmSharesRemove(list, sharedPath);
-      return DMS_SUCCESS;
+      writing.unlock();
+      return dmsGuard("dmsClmRemoveFromContentList", DMS_ERR_NO_MEMORY, [&] { return tellHostChange(list); });
     }
   }
   DMS_TRACE(OSAL_TRACE_WARN, "File [%s] was not in the list to delete. Ignore this Delete Event\n", sharedPath);

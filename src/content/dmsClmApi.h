@@ -85,17 +85,24 @@ struct dmsContentEntry {
 };
 
 // What one change of the list tells its listeners: the changed containers
-// with their new update counts, and the new system update id.  Valid during
+// with their new update counts, the new system update id, and the items the
+// change made, re-read in place (same id, new detection and tags) and freed.
+// A folder freed with its contents lists every item below it.  Valid during
 // the call only.
 struct dmsClmChangeSet {
   const uint32_t *pairs = nullptr;  // container id, update count, ...
   int32_t pairCount = 0;
   uint32_t systemUpdateId = 0;
+  const std::vector<uint32_t> *madeItems = nullptr;
+  const std::vector<uint32_t> *changedItems = nullptr;
+  const std::vector<uint32_t> *freedItems = nullptr;
 };
 
 // Called on the writer's thread after each change, under the change mutex:
-// it may read the list (taking the read lock) but must not change it.  0, or
-// an error code that the change reports.
+// it may read the list (taking the read lock, or without it: no other writer
+// runs) but must not change it.  A shared folder added or removed by the
+// host is told with no pairs and the system update id unchanged.  0, or an
+// error code that the change reports.
 using dmsClmListener = std::function<int32_t(const dmsClmChangeSet &)>;
 
 struct dmsContentListInfo {
@@ -116,6 +123,9 @@ struct dmsContentListInfo {
   // Told of every change, in the order added (change mutex).
   std::vector<std::pair<uint64_t, dmsClmListener>> listeners;
   uint64_t lastListener = 0;
+  // Item ids of the change in progress, for its listeners (change mutex;
+  // emptied when the change is published).
+  std::vector<uint32_t> madeItems, changedItems, freedItems;
 
   // Update record handed to the ContentDirectory on every change.
   std::vector<uint32_t> containerUpdatePairs;  // (container id, update count) pairs
@@ -149,8 +159,16 @@ int32_t dmsClmAddToContentList(dmsContentListInfo *list, const char *sharedPath)
 int32_t dmsClmRemoveFromContentList(dmsContentListInfo *list, const char *sharedPath);
 
 // Releases `entry` and everything below it, watches included, and takes it
-// out of its parent.  Exclusive lock held.
+// out of its parent; its items are noted for the change's listeners.
+// Exclusive lock held.
 void dmsClmDetachEntry(dmsContentListInfo *list, dmsContentEntry *entry);
+
+// Tells the listeners of the change in progress: `pairs` (container id,
+// update count, ...) and the items noted since the last call, which are then
+// forgotten.  Change mutex held, not the lock.  0, or the first error a
+// listener reported.
+int32_t dmsClmTellListeners(dmsContentListInfo *list, const std::vector<uint32_t> &pairs,
+                            uint32_t systemUpdateId);
 
 // Adds a listener told of every later change; returns its token (never 0).
 // Added and removed under the change mutex, so once removal returns the

@@ -101,6 +101,7 @@ void fileWritten(dmsContentListInfo *list, dmsContentEntry *container, const std
     listed->media = pending.media;
     listed->tags = pending.tags;
     listed->fileSize = status.st_size;
+    list->changedItems.push_back(listed->id);
   } else {
     dmsContentEntry *made = createEntryAndAddToList(list, pending, container);
     if (made == nullptr) return;
@@ -258,13 +259,7 @@ int32_t publish(dmsContentListInfo *list, ChangedContainers &changes) {
     systemUpdateId = ++list->systemUpdateId;
     list->containerUpdatePairs = pairs;
   }
-  const dmsClmChangeSet change{pairs.data(), static_cast<int32_t>(pairs.size() / 2), systemUpdateId};
-  int32_t first = DMS_SUCCESS;
-  for (const auto &[token, listener] : list->listeners) {
-    const int32_t result = listener(change);
-    if (result != DMS_SUCCESS && first == DMS_SUCCESS) first = result;
-  }
-  return first;
+  return dmsClmTellListeners(list, pairs, systemUpdateId);
 }
 
 }  // namespace

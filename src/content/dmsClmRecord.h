@@ -30,7 +30,7 @@ struct dmsMediaRecord {
 };
 
 // The file carries a cover picture in its tags.
-inline constexpr uint16_t DMS_TAGS_PICTURE = 1;
+inline constexpr uint8_t DMS_TAGS_PICTURE = 1;
 
 // Tags as ids of texts in the list's tag pool (0: absent).
 struct dmsMediaTags {
@@ -40,8 +40,9 @@ struct dmsMediaTags {
   uint32_t genre = 0;
   uint32_t date = 0;
   uint16_t track = 0;
-  uint16_t flags = 0;  // DMS_TAGS_*
-  bool empty() const { return (title | artist | album | genre | date | track | flags) == 0; }
+  uint8_t disc = 0;   // disc number of a set, 1..255; 0 none
+  uint8_t flags = 0;  // DMS_TAGS_*
+  bool empty() const { return (title | artist | album | genre | date | track | disc | flags) == 0; }
 };
 
 // Keeps what readers use of a detected record.

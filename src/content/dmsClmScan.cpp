@@ -356,6 +356,7 @@ dmsContentEntry *createEntryAndAddToList(dmsContentListInfo *list, dmsPendingEnt
   list->entriesById.insert(entry.get());
   ++list->entryCount;
   dmsContentEntry *made = entry.release();  // owned by the list from here on
+  if (made->type == DMS_CLM_TYPE_ITEM) list->madeItems.push_back(made->id);
   if (made->type != DMS_CLM_TYPE_CONTAINER) return made;
   if (filterOn()) ++list->maxContent;
   if (list->monitor != nullptr) dmsFsmAddToMointor(list->monitor, made);

@@ -23,6 +23,7 @@
 
 struct dmsContentListInfo;
 class dmsArtCache;
+class dmsViews;
 
 inline constexpr char DMS_CDS_SERVICE_TYPE[] = "urn:schemas-upnp-org:service:ContentDirectory:1";
 
@@ -36,6 +37,9 @@ struct dmsCdsMgrHandle {
   std::unique_ptr<dmsCdsEventModerator> moderator;  // sends the change events
   const dmsArtCache *artCache = nullptr;  // borrowed: pictures found unmakeable are not offered
   dmsCdsSortCache sortCache;  // sorted orders of recent sorted answers (its own lock)
+  // The views shown beside the folders; NULL: none.  Borrowed: they outlive
+  // the service once set.
+  std::atomic<const dmsViews *> views{nullptr};
 };
 
 // Indexes of the Filter flags; a flag of 1 leaves the property out.  The last

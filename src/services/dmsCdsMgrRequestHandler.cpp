@@ -14,6 +14,7 @@
 
 #include "dlna_dms.h"
 #include "services/dmsCdsMgrApi.h"
+#include "views/dmsViewIds.h"
 #include "util/dlnaUtil_didl.h"
 #include "util/dlnaUtil_xmlParser.h"
 #include "util/dmsErrors.h"
@@ -102,23 +103,31 @@ int32_t readString(IXML_Document *document, const char *name, char **value) {
   return result;
 }
 
+// Whether `id`, below the first entry id, names a container of the views
+// (shown): such ids are not taken for the root.
+bool namesView(const dmsCdsMgrHandle *handle, int32_t id) {
+  return id > 0 && handle->views.load(std::memory_order_acquire) != nullptr &&
+         dmsViewIds::isViewId(static_cast<uint32_t>(id));
+}
+
 // The object to browse: ObjectID, or, when a control point sent none, its
-// ContainerID (ids below the first entry id mean the root).
-int32_t readBrowseObjectId(IXML_Document *document, int32_t *objectId) {
+// ContainerID (ids below the first entry id mean the root, but for those of
+// the views).
+int32_t readBrowseObjectId(const dmsCdsMgrHandle *handle, IXML_Document *document, int32_t *objectId) {
   int32_t result = readInteger(document, "ObjectID", objectId);
   if (result != DMS_ERR_NOT_FOUND) return result;
   DMS_TRACE(OSAL_TRACE_WARN, "If ObjectID is not found, Try getting ContentID\n");
   int32_t containerId = -1;
   result = readInteger(document, "ContainerID", &containerId);
   if (result != DMS_SUCCESS) return result;
-  *objectId = containerId < kBrowseFirstObjectId ? 0 : containerId;
+  *objectId = containerId < kBrowseFirstObjectId && !namesView(handle, containerId) ? 0 : containerId;
   return DMS_SUCCESS;
 }
 
 // Reads the Browse arguments in their fixed order; stops at the first failure.
-int32_t readBrowseArguments(IXML_Document *document, dmsCdsBrowseArgs *browseArgs,
+int32_t readBrowseArguments(const dmsCdsMgrHandle *handle, IXML_Document *document, dmsCdsBrowseArgs *browseArgs,
                             MallocText &browseFlag) {
-  int32_t result = readBrowseObjectId(document, &browseArgs->objectId);
+  int32_t result = readBrowseObjectId(handle, document, &browseArgs->objectId);
   if (result != DMS_SUCCESS) return result;
   char *flagText = nullptr;
   result = readString(document, "BrowseFlag", &flagText);
@@ -163,10 +172,12 @@ void resetBrowseArgs(dmsCdsBrowseArgs *browseArgs) {
 }
 
 // Reads the Search arguments in their fixed order; stops at the first failure.
-int32_t readSearchArguments(IXML_Document *document, dmsCdsSearchArgs *searchArgs) {
+int32_t readSearchArguments(const dmsCdsMgrHandle *handle, IXML_Document *document, dmsCdsSearchArgs *searchArgs) {
   int32_t result = readInteger(document, "ContainerID", &searchArgs->containerId);
   if (result != DMS_SUCCESS) return result;
-  if (searchArgs->containerId < kSearchFirstContainerId) searchArgs->containerId = 0;
+  if (searchArgs->containerId < kSearchFirstContainerId && !namesView(handle, searchArgs->containerId)) {
+    searchArgs->containerId = 0;
+  }
   result = readString(document, "SearchCriteria", &searchArgs->searchCriteria);
   if (result != DMS_SUCCESS) return result;
   result = readString(document, "Filter", &searchArgs->filter);
@@ -244,7 +255,7 @@ int32_t dmsCdsAnalyzeReqBrowse(dmsCdsMgrHandle *handle, dmsActionRequest *action
   dlnaUtil_xmlParserPrintXmlDocument(document);
 
   MallocText browseFlag;  // only needed until the flag is decoded
-  int32_t result = readBrowseArguments(document, browseArgs, browseFlag);
+  int32_t result = readBrowseArguments(handle, document, browseArgs, browseFlag);
   if (result == DMS_SUCCESS) result = checkBrowseArguments(browseArgs, browseFlag.get());
   if (result != DMS_SUCCESS) resetBrowseArgs(browseArgs);
   return result;
@@ -259,7 +270,7 @@ int32_t dmsCdsAnalyzeReqSearch(dmsCdsMgrHandle *handle, dmsActionRequest *action
   IXML_Document *document = actionRequest->arguments;
   dlnaUtil_xmlParserPrintXmlDocument(document);
 
-  int32_t result = readSearchArguments(document, searchArgs);
+  int32_t result = readSearchArguments(handle, document, searchArgs);
   if (result == DMS_SUCCESS &&
       (searchArgs->containerId < 0 || searchArgs->startingIndex < 0 ||
        searchArgs->requestedCount < 0 || searchArgs->searchCriteria == nullptr ||

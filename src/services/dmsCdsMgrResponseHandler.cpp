@@ -11,6 +11,7 @@
 
 #include "dlna_dms.h"
 #include "services/dmsCdsMgrSearch.h"
+#include "services/dmsCdsObjects.h"
 #include "services/dmsCdsSort.h"
 #include "util/dmsErrors.h"
 #include "util/dmsGuard.h"
@@ -61,37 +62,28 @@ int32_t setFixedAnswer(FixedAnswerRow row, const dmsCdsMgrHandle *handle, const 
 // ---------------------------------------------------------------------------
 // Browse.
 
-int32_t lookUpEntry(dmsCdsMgrHandle *handle, int32_t objectId, dmsContentEntry **entry) {
-  *entry = nullptr;
-  if (objectId < 0) return DMS_SUCCESS;
-  const int32_t status =
-      dmsClmGetContentEntryById(handle->contentList, entry, static_cast<uint32_t>(objectId));
-  if (status != DMS_SUCCESS) {
-    DMS_TRACE(OSAL_TRACE_ERR, "Function %s Failed with error = %d\n", "dmsClmGetContentEntryById",
-              status);
-  }
-  return status;
-}
-
-// The folder's children sorted by `sort`, from the cache or sorted now.
-int32_t sortChildren(dmsCdsMgrHandle *handle, const dmsContentEntry *folder, const dmsCdsSortCriteria &sort,
-                     dmsCdsSortCache::Order *order) {
-  const std::string cacheKey = "children " + std::to_string(folder->id) + " " + sort.normalised;
-  const auto listChildren = [folder](std::vector<dmsContentEntry *> &objects) {
-    objects = dmsClmChildren(folder);
+// The container's children sorted by `sort`, from the cache or sorted now.
+int32_t sortChildren(dmsCdsMgrHandle *handle, const dmsCdsChildren &children, uint32_t containerId,
+                     const dmsCdsSortCriteria &sort, dmsCdsSortCache::Order *order) {
+  const std::string cacheKey = "children " + std::to_string(containerId) + " " + sort.normalised;
+  const auto listChildren = [&children](std::vector<dmsCdsObject> &objects) {
+    objects.reserve(children.size());
+    dmsCdsObject child;
+    for (size_t index = 0; index < children.size(); ++index) {
+      if (children.at(index, child)) objects.push_back(child);
+    }
     return DMS_SUCCESS;
   };
   return dmsCdsSortedOrder(handle, cacheKey, sort, listChildren, order);
 }
 
-// The child at `index`: in the folder's order, or in `order` when sorted.
-dmsContentEntry *childAt(dmsCdsMgrHandle *handle, const dmsContentEntry *folder,
-                         const dmsCdsSortCache::Order &order, int32_t index) {
+// The child at `index`: in the container's order, or in `order` when
+// sorted.  false when it is gone.
+bool childAt(dmsCdsMgrHandle *handle, const dmsCdsChildren &children, const dmsCdsSortCache::Order &order,
+             int32_t index, dmsCdsObject &child) {
   const size_t position = static_cast<size_t>(index);
-  if (order == nullptr) return dmsClmChildren(folder)[position];
-  dmsContentEntry *child = nullptr;
-  dmsClmGetContentEntryById(handle->contentList, &child, (*order)[position]);
-  return child;
+  if (order == nullptr) return children.at(position, child);
+  return position < order->size() && dmsCdsFindObject(handle, (*order)[position], child);
 }
 
 // How many children a direct-children answer writes from `start`.
@@ -133,40 +125,6 @@ int32_t dispatchBrowse(dmsCdsMgrHandle *handle, dmsCdsBrowseArgs *browseArgs,
 int32_t dmsCdsWriterFailure(const char *callee, int32_t code) {
   DMS_TRACE(OSAL_TRACE_ERR, "Function %s Failed with error = %d\n", callee, code);
   return dmsUtilErrMapToDmsErr(code);
-}
-
-int32_t dmsCdsBuildValidItem(const dmsCdsObjectRequest &request, dmsContentEntry *entry,
-                             dmsCdsItemRecord &record) {
-  const int32_t status = dmsCdsBuildItem(&request, entry, &record);
-  if (status != DMS_SUCCESS) return status;
-  if (dmsCdsItemIsValid(record.item)) return DMS_SUCCESS;
-  DMS_TRACE(OSAL_TRACE_ERR, "Item detail information is not valid\n");
-  return DMS_ERR_INVALID_PARAM;
-}
-
-int32_t dmsCdsBuildValidContainer(const dmsCdsObjectRequest &request, dmsContentEntry *entry,
-                                  dmsCdsContainerRecord &record) {
-  const int32_t status = dmsCdsBuildContainer(&request, entry, &record);
-  if (status != DMS_SUCCESS) return status;
-  if (dmsCdsContainerIsValid(record.container)) return DMS_SUCCESS;
-  DMS_TRACE(OSAL_TRACE_ERR, "Container detail information is not valid\n");
-  return DMS_ERR_INVALID_PARAM;
-}
-
-int32_t dmsCdsWriteEntry(const dmsCdsObjectRequest &request, dmsContentEntry *entry,
-                   dlnaUtilBuffer *buffer) {
-  if (entry->type >= DMS_CLM_TYPE_ITEM) {
-    dmsCdsItemRecord record;
-    int32_t status = dmsCdsBuildValidItem(request, entry, record);
-    if (status != DMS_SUCCESS) return status;
-    status = dlnaUtil_DIDLAddItem(buffer, &record.item);
-    return status == 0 ? DMS_SUCCESS : dmsCdsWriterFailure("dlnaUtil_DIDLAddItem", status);
-  }
-  dmsCdsContainerRecord record;
-  int32_t status = dmsCdsBuildValidContainer(request, entry, record);
-  if (status != DMS_SUCCESS) return status;
-  status = dlnaUtil_DIDLAddContainer(buffer, &record.container);
-  return status == 0 ? DMS_SUCCESS : dmsCdsWriterFailure("dlnaUtil_DIDLAddContainer", status);
 }
 
 // ---------------------------------------------------------------------------
@@ -228,22 +186,20 @@ int32_t dmsCdsCreateRespBrowseMetaData(dmsCdsMgrHandle *handle, dmsCdsBrowseArgs
     DMS_TRACE(OSAL_TRACE_ERR, "Input Parameter Error: Pointer NULL\n");
     return DMS_ERR_INVALID_PARAM;
   }
-  dmsContentEntry *entry = nullptr;
-  int32_t status = lookUpEntry(handle, browseArgs->objectId, &entry);
-  if (status != DMS_SUCCESS) return status;
-  if (entry == nullptr) {
+  dmsCdsObject object;
+  if (browseArgs->objectId < 0 || !dmsCdsFindObject(handle, static_cast<uint32_t>(browseArgs->objectId), object)) {
     DMS_TRACE(OSAL_TRACE_ERR, "Function %s Failed with error = %d\n", "dmsClmGetContentEntryById",
               DMS_ERR_NO_SUCH_OBJECT);
     return DMS_ERR_NO_SUCH_OBJECT;
   }
   dmsCdsObjectRequest request;
-  status = dmsCdsPrepareObjectRequest(handle, browseArgs->filter, browseArgs->filterFlags, true,
+  int32_t status = dmsCdsPrepareObjectRequest(handle, browseArgs->filter, browseArgs->filterFlags, true,
                                       &request);
   if (status != DMS_SUCCESS) return status;
   if ((status = dlnaUtil_DIDLAddHeader(buffer)) != 0) {
     return dmsCdsWriterFailure("dlnaUtil_DIDLAddHeader", status);
   }
-  if ((status = dmsCdsWriteEntry(request, entry, buffer)) != DMS_SUCCESS) return status;
+  if ((status = dmsCdsWriteObject(request, object, buffer)) != DMS_SUCCESS) return status;
   if ((status = dlnaUtil_DIDLAddFooter(buffer)) != 0) {
     return dmsCdsWriterFailure("dlnaUtil_DIDLAddFooter", status);
   }
@@ -263,17 +219,15 @@ int32_t dmsCdsCreateRespBrowseDirectChildren(dmsCdsMgrHandle *handle,
     DMS_TRACE(OSAL_TRACE_WARN, "Sort criteria refused: %.200s\n", browseArgs->sortCriteria);
     return status;
   }
-  dmsContentEntry *folder = nullptr;
-  status = lookUpEntry(handle, browseArgs->objectId, &folder);
-  if (status != DMS_SUCCESS) return status;
-  if (folder == nullptr) {
+  dmsCdsObject folder;
+  if (browseArgs->objectId < 0 || !dmsCdsFindObject(handle, static_cast<uint32_t>(browseArgs->objectId), folder)) {
     DMS_TRACE(OSAL_TRACE_ERR,
               "Container object for the Requested Object ID(%d) is not available\n",
               browseArgs->objectId);
     return DMS_ERR_NO_SUCH_OBJECT;
   }
-  if (folder->type >= DMS_CLM_TYPE_ITEM) {
-    DMS_TRACE(OSAL_TRACE_ERR, "Invalid content entry type %d\n", static_cast<int>(folder->type));
+  if (folder.isItem()) {
+    DMS_TRACE(OSAL_TRACE_ERR, "Invalid content entry type %d\n", static_cast<int>(DMS_CLM_TYPE_ITEM));
     return DMS_ERR_INVALID_PARAM;
   }
   dmsCdsObjectRequest request;
@@ -283,7 +237,8 @@ int32_t dmsCdsCreateRespBrowseDirectChildren(dmsCdsMgrHandle *handle,
   if ((status = dlnaUtil_DIDLAddHeader(buffer)) != 0) {
     return dmsCdsWriterFailure("dlnaUtil_DIDLAddHeader", status);
   }
-  const size_t childTotal = dmsClmChildren(folder).size();
+  const dmsCdsChildren children(handle, folder, true);
+  const size_t childTotal = children.size();
   const int32_t childCount = childTotal > static_cast<size_t>(std::numeric_limits<int32_t>::max())
                                  ? std::numeric_limits<int32_t>::max()
                                  : static_cast<int32_t>(childTotal);
@@ -300,21 +255,23 @@ int32_t dmsCdsCreateRespBrowseDirectChildren(dmsCdsMgrHandle *handle,
       DMS_TRACE(OSAL_TRACE_ERR,
                 "Invalid value: StartingIndex = %d: RequestedCount = %d: ChildCount = %d for "
                 "File/Folder [%s]\n",
-                start, browseArgs->requestedCount, childCount, folder->path.c_str());
+                start, browseArgs->requestedCount, childCount,
+                folder.entry != nullptr ? folder.entry->path.c_str() : folder.view.titleText());
       return DMS_ERR_INVALID_PARAM;
     }
     const int32_t number = childrenToWrite(start, requested, childCount);
     dmsCdsSortCache::Order order;
-    if (!sort.keys.empty() && (status = sortChildren(handle, folder, sort, &order)) != DMS_SUCCESS) {
+    if (!sort.keys.empty() && (status = sortChildren(handle, children, folder.id(), sort, &order)) != DMS_SUCCESS) {
       return status;
     }
-    for (int32_t index = start; written < number; ++index, ++written) {
-      dmsContentEntry *child = childAt(handle, folder, order, index);
-      if (child == nullptr) {
+    dmsCdsObject child;
+    for (int32_t index = start; index < start + number; ++index) {
+      if (!childAt(handle, children, order, index, child)) {
         DMS_TRACE(OSAL_TRACE_ERR, "Content entry not available\n");
-        break;
+        continue;  // a virtual item whose file has just gone
       }
-      if ((status = dmsCdsWriteEntry(request, child, buffer)) != DMS_SUCCESS) return status;
+      if ((status = dmsCdsWriteObject(request, child, buffer)) != DMS_SUCCESS) return status;
+      ++written;
     }
   }
   if ((status = dlnaUtil_DIDLAddFooter(buffer)) != 0) {

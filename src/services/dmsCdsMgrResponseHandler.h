@@ -96,20 +96,8 @@ bool dmsCdsContainerIsValid(const dlnaUtilDidlContainer &container);
 // -77 (DMS_ERR_UNSUPPORTED_CLASS) for a media class without a mapping.
 int32_t dmsCdsGetItemClass(const mfdMediaInfo *mediaInfo, const char **classOut);
 
-// dmsCdsBuildItem or dmsCdsBuildContainer followed by the validity check
-// (traced): 0, -100 for an object that is not valid, -77 or -97.
-int32_t dmsCdsBuildValidItem(const dmsCdsObjectRequest &request, dmsContentEntry *entry,
-                             dmsCdsItemRecord &record);
-int32_t dmsCdsBuildValidContainer(const dmsCdsObjectRequest &request, dmsContentEntry *entry,
-                                  dmsCdsContainerRecord &record);
-
 // Traces a failure of the DIDL-Lite writer's `callee`; its DMS code.
 int32_t dmsCdsWriterFailure(const char *callee, int32_t code);
-
-// Writes the item or container of `entry` to `buffer` as `request` asks.
-// 0, -100 for an object that is not valid, -77, -97 or the writer's code.
-int32_t dmsCdsWriteEntry(const dmsCdsObjectRequest &request, dmsContentEntry *entry,
-                         dlnaUtilBuffer *buffer);
 
 // Names the four Browse/Search output arguments and sets count 4.
 void dmsCdsNameResultArguments(dmsCdsRespArgs *respArgs);

@@ -17,6 +17,7 @@
 
 #include "dlna_dms.h"
 #include "art/dmsArt.h"
+#include "mfd/mfd_class.h"
 #include "services/dmsCdsMgrResponseHandler.h"
 #include "util/dmsGuard.h"
 #include "util/osal_trace.h"
@@ -27,35 +28,6 @@ static constexpr char kTraceFile[] = "dmsCdsMgrResponseHandler";
 namespace {
 
 constexpr int32_t kMaxImageSide = 8095;
-
-// ---------------------------------------------------------------------------
-// Item class mapping.
-
-bool always(const mfdMediaInfo &) { return true; }
-bool isCodecId(uint32_t codec) { return codec >= 1 && codec <= 26; }
-bool hasVideoCodec(const mfdMediaInfo &info) { return isCodecId(info.videoCodec); }
-bool hasAudioCodec(const mfdMediaInfo &info) { return isCodecId(info.audioCodec); }
-bool isTransportStream(const mfdMediaInfo &info) { return info.formatId == MFD_FORMAT_MPEG_TS; }
-bool isMp4(const mfdMediaInfo &info) { return info.formatId == MFD_FORMAT_MP4; }
-
-struct ItemClassRule {
-  uint32_t mediaClass;
-  bool (*applies)(const mfdMediaInfo &);
-  const char *upnpClass;
-};
-
-// The first row whose media class and condition hold gives the class.
-constexpr ItemClassRule kItemClassRules[] = {
-    // media class       condition           class
-    {MFD_CLASS_IMAGE,    always,             "object.item.imageItem.photo"},
-    {MFD_CLASS_AUDIO,    always,             "object.item.audioItem.musicTrack"},
-    {MFD_CLASS_VIDEO,    always,             "object.item.videoItem"},
-    {MFD_CLASS_AV,       hasVideoCodec,      "object.item.videoItem"},
-    {MFD_CLASS_AV,       hasAudioCodec,      "object.item.audioItem.musicTrack"},
-    {MFD_CLASS_AV,       isTransportStream,  "object.item.videoItem"},
-    {MFD_CLASS_AV,       isMp4,              "object.item.audioItem.musicTrack"},
-    {MFD_CLASS_AV,       always,             "object.item.videoItem.movie"},
-};
 
 // ---------------------------------------------------------------------------
 // Item properties.
@@ -264,12 +236,7 @@ int32_t dmsCdsGetItemClass(const mfdMediaInfo *mediaInfo, const char **classOut)
     DMS_TRACE(OSAL_TRACE_ERR, "Input Parameter Error: Pointer NULL\n");
     return DMS_ERR_INVALID_PARAM;
   }
-  for (const ItemClassRule &rule : kItemClassRules) {
-    if (rule.mediaClass == mediaInfo->mediaClass && rule.applies(*mediaInfo)) {
-      *classOut = rule.upnpClass;
-      return DMS_SUCCESS;
-    }
-  }
+  if ((*classOut = mfd_upnpClass(*mediaInfo)) != nullptr) return DMS_SUCCESS;
   DMS_TRACE(OSAL_TRACE_ERR, "Media Class type (%d) is NOT supported\n",
             static_cast<int>(mediaInfo->mediaClass));
   return DMS_ERR_UNSUPPORTED_CLASS;

@@ -3,11 +3,14 @@
 // matches.
 #include "services/dmsCdsMgrSearch.h"
 
+#include <algorithm>
 #include <cstring>
+#include <iterator>
 #include <string>
 #include <vector>
 
 #include "dlna_dms.h"
+#include "services/dmsCdsObjects.h"
 #include "util/dmsGuard.h"
 #include "util/osal_trace.h"
 
@@ -17,6 +20,11 @@ namespace {
 
 // The properties the test reads: the item as a "*" Filter builds it.
 constexpr uint8_t kEveryProperty[DMS_CDS_FILTER_COUNT] = {0};
+
+// The classes of the containers a Search may meet.
+constexpr const char *kContainerClasses[] = {
+    DMS_CDS_FOLDER_CLASS, "object.container.person.musicArtist", "object.container.album.musicAlbum",
+    "object.container.genre.musicGenre", "object.container.playlistContainer"};
 
 const char *textOrNull(const char *text) { return text != nullptr && text[0] != '\0' ? text : nullptr; }
 
@@ -36,6 +44,7 @@ dmsCdsSearchSubject dmsCdsItemSubject(const dlnaUtilDidlItem &item) {
   subject.protocolInfo = textOrNull(item.protocolInfo);
   subject.id = item.id;
   subject.parentId = item.parentID;
+  if (item.refID > 0) subject.refId = item.refID;
   subject.track = positiveOrAbsent(item.originalTrackNumber);
   subject.size = positiveOrAbsent(item.size);
   subject.duration = positiveOrAbsent(item.duration);
@@ -64,12 +73,6 @@ bool countMatch(const dmsCdsSearchArgs &args, dmsCdsSearchCounters &counters) {
   return args.requestedCount == 0 || index - args.startingIndex < args.requestedCount;
 }
 
-// Keeps a match for sorting rather than writing it.
-int32_t collect(std::vector<dmsContentEntry *> &collected, dmsContentEntry *entry) {
-  collected.push_back(entry);
-  return DMS_SUCCESS;
-}
-
 // 1 when the object passes the test (always without criteria), 0 when not,
 // or a failure code.
 int32_t passes(dmsCdsSearchState &state, const dmsCdsSearchSubject &subject) {
@@ -79,17 +82,22 @@ int32_t passes(dmsCdsSearchState &state, const dmsCdsSearchSubject &subject) {
 
 // An item is built with every property for the test, and again with the
 // Filter's only when it is written and the Filter asks for fewer.
-int32_t visitItem(dmsCdsSearchState &state, dmsContentEntry *entry,
+int32_t visitItem(dmsCdsSearchState &state, const dmsCdsObject &object,
                   dmsCdsSearchCounters &counters, dlnaUtilBuffer *buffer) {
+  if (state.eachFileOnce && object.view.id != 0 && !dmsViewIds::isAllListItem(object.view.id)) return DMS_SUCCESS;
   const bool testing = state.criteria.root != DMS_CDS_NO_NODE;
-  int32_t status = dmsCdsBuildValidItem(testing ? state.everything : state.objects, entry, state.item);
+  int32_t status = dmsCdsBuildValidItem(testing ? state.everything : state.objects, object, state.item);
   if (status != DMS_SUCCESS) return status;
-  const int32_t passed = passes(state, dmsCdsItemSubject(state.item.item));
+  dmsCdsSearchSubject subject = dmsCdsItemSubject(state.item.item);
+  const int32_t passed = passes(state, subject);
   if (passed != 1) return passed;
-  if (state.collected != nullptr) return collect(*state.collected, entry);
+  if (state.collected != nullptr) {
+    state.collected->push_back(object);
+    return DMS_SUCCESS;
+  }
   if (!countMatch(*state.searchArgs, counters)) return DMS_SUCCESS;
   if (testing && !asksEveryProperty(state.filterFlags) &&
-      (status = dmsCdsBuildValidItem(state.objects, entry, state.item)) != DMS_SUCCESS) {
+      (status = dmsCdsBuildValidItem(state.objects, object, state.item)) != DMS_SUCCESS) {
     return status;
   }
   if ((status = dlnaUtil_DIDLAddItem(buffer, &state.item.item)) != 0) {
@@ -99,15 +107,18 @@ int32_t visitItem(dmsCdsSearchState &state, dmsContentEntry *entry,
   return DMS_SUCCESS;
 }
 
-int32_t visitContainer(dmsCdsSearchState &state, dmsContentEntry *entry,
+int32_t visitContainer(dmsCdsSearchState &state, const dmsCdsObject &object,
                        dmsCdsSearchCounters &counters, dlnaUtilBuffer *buffer) {
   if (!state.containersWanted) return DMS_SUCCESS;
-  int32_t status = dmsCdsBuildValidContainer(state.objects, entry, state.container);
+  int32_t status = dmsCdsBuildValidContainer(state.objects, object, state.container);
   if (status != DMS_SUCCESS) return status;
   const dlnaUtilDidlContainer &container = state.container.container;
   const int32_t passed = passes(state, dmsCdsContainerSubject(container));
   if (passed != 1) return passed;
-  if (state.collected != nullptr) return collect(*state.collected, entry);
+  if (state.collected != nullptr) {
+    state.collected->push_back(object);
+    return DMS_SUCCESS;
+  }
   if (!countMatch(*state.searchArgs, counters)) return DMS_SUCCESS;
   if ((status = dlnaUtil_DIDLAddContainer(buffer, &container)) != 0) {
     return dmsCdsWriterFailure("dlnaUtil_DIDLAddContainer", status);
@@ -116,9 +127,9 @@ int32_t visitContainer(dmsCdsSearchState &state, dmsContentEntry *entry,
   return DMS_SUCCESS;
 }
 
-// The walk's stack frame: a container and the next child to look at.
+// The walk's stack frame: a container's children and the next to look at.
 struct WalkFrame {
-  dmsContentEntry *container;
+  dmsCdsChildren children;
   size_t next;
 };
 
@@ -126,12 +137,12 @@ struct WalkFrame {
 // their order is taken from the cache) and the page is written from the
 // order.
 int32_t writeSortedMatches(dmsCdsMgrHandle *handle, dmsCdsSearchState &state, dmsCdsRespArgs *respArgs,
-                           dmsContentEntry *container, dmsCdsSearchCounters &counters,
+                           const dmsCdsObject &container, dmsCdsSearchCounters &counters,
                            dlnaUtilBuffer *buffer) {
   const dmsCdsSearchArgs &args = *state.searchArgs;
-  const std::string cacheKey = "search " + std::to_string(container->id) + " " + state.sort.normalised +
+  const std::string cacheKey = "search " + std::to_string(container.id()) + " " + state.sort.normalised +
                                " " + (args.searchCriteria != nullptr ? args.searchCriteria : "");
-  const auto walk = [&](std::vector<dmsContentEntry *> &matches) {
+  const auto walk = [&](std::vector<dmsCdsObject> &matches) {
     dmsCdsSearchCounters unused;
     state.collected = &matches;
     const int32_t status = dmsCdsCreateRespSearchRecursive(handle, &state, respArgs, container, &unused, buffer);
@@ -142,12 +153,11 @@ int32_t writeSortedMatches(dmsCdsMgrHandle *handle, dmsCdsSearchState &state, dm
   int32_t status = dmsCdsSortedOrder(handle, cacheKey, state.sort, walk, &order);
   if (status != DMS_SUCCESS) return status;
   counters.matches = static_cast<int64_t>(order->size());
+  dmsCdsObject object;
   for (size_t index = static_cast<size_t>(args.startingIndex); index < order->size(); ++index) {
     if (args.requestedCount != 0 && counters.written >= args.requestedCount) break;
-    dmsContentEntry *entry = nullptr;
-    dmsClmGetContentEntryById(handle->contentList, &entry, (*order)[index]);
-    if (entry == nullptr) continue;  // not expected: the order is as fresh as the list
-    if ((status = dmsCdsWriteEntry(state.objects, entry, buffer)) != DMS_SUCCESS) return status;
+    if (!dmsCdsFindObject(handle, (*order)[index], object)) continue;  // gone since
+    if ((status = dmsCdsWriteObject(state.objects, object, buffer)) != DMS_SUCCESS) return status;
     ++counters.written;
   }
   return DMS_SUCCESS;
@@ -163,7 +173,12 @@ int32_t parseSearchCapabilities(const char *searchCriteria, dmsCdsSearchState *s
       DMS_TRACE(OSAL_TRACE_WARN, "Search criteria refused: %.200s\n", searchCriteria);
       return status;
     }
-    state->containersWanted = dmsCdsCriteriaNamesClass(state->criteria, DMS_CDS_FOLDER_CLASS, state->scratch);
+    // Containers are tested only when the criteria could hold for one: a
+    // class term that names a class of folders or of the views' containers.
+    for (const char *upnpClass : kContainerClasses) {
+      state->containersWanted =
+          state->containersWanted || dmsCdsCriteriaNamesClass(state->criteria, upnpClass, state->scratch);
+    }
     return DMS_SUCCESS;
   });
 }
@@ -176,31 +191,31 @@ int32_t dmsCdsCheckForContentMatch(dmsCdsSearchState *state, const dmsCdsSearchS
 }
 
 int32_t dmsCdsCreateRespSearchRecursive(dmsCdsMgrHandle *handle, dmsCdsSearchState *state,
-                                        dmsCdsRespArgs *respArgs, dmsContentEntry *container,
+                                        dmsCdsRespArgs *respArgs, const dmsCdsObject &container,
                                         dmsCdsSearchCounters *counters, dlnaUtilBuffer *buffer) {
   if (handle == nullptr || state == nullptr || state->searchArgs == nullptr ||
-      respArgs == nullptr || container == nullptr || counters == nullptr || buffer == nullptr) {
+      respArgs == nullptr || counters == nullptr || buffer == nullptr) {
     DMS_TRACE(OSAL_TRACE_ERR, "Input Parameter Error: Pointer NULL\n");
     return DMS_ERR_INVALID_PARAM;
   }
   return dmsGuard("dmsCdsCreateRespSearchRecursive", DMS_ERR_NO_MEMORY, [&] {
-    std::vector<WalkFrame> stack{{container, 0}};
+    // Below the root the views are left out: every file is met once, as the
+    // item of its folder.
+    std::vector<WalkFrame> stack;
+    stack.push_back({dmsCdsChildren(handle, container, false), 0});
+    dmsCdsObject child;
     while (!stack.empty()) {
       WalkFrame &frame = stack.back();
-      if (frame.next >= dmsClmChildren(frame.container).size()) {
+      if (frame.next >= frame.children.size()) {
         stack.pop_back();
         continue;
       }
-      dmsContentEntry *child = dmsClmChildren(frame.container)[frame.next++];
-      if (child == nullptr) {
-        DMS_TRACE(OSAL_TRACE_ERR, "Content entry not available\n");
-        return DMS_ERR_NO_SUCH_OBJECT;
-      }
-      const bool isItem = child->type >= DMS_CLM_TYPE_ITEM;
+      if (!frame.children.at(frame.next++, child)) continue;  // a virtual item whose file has just gone
+      const bool isItem = child.isItem();
       const int32_t status = isItem ? visitItem(*state, child, *counters, buffer)
                                     : visitContainer(*state, child, *counters, buffer);
       if (status != DMS_SUCCESS) return status;
-      if (!isItem) stack.push_back({child, 0});  // `frame` is not used past this point
+      if (!isItem) stack.push_back({dmsCdsChildren(handle, child, false), 0});  // `frame` is not used past here
     }
     return DMS_SUCCESS;
   });
@@ -214,33 +229,26 @@ int32_t dmsCdsCreateRespSearchItems(dmsCdsMgrHandle *handle, dmsCdsSearchState *
     return DMS_ERR_INVALID_PARAM;
   }
   const dmsCdsSearchArgs &args = *state->searchArgs;
-  dmsContentEntry *container = nullptr;
-  if (args.containerId >= 0) {
-    const int32_t status = dmsClmGetContentEntryById(handle->contentList, &container,
-                                                     static_cast<uint32_t>(args.containerId));
-    if (status != DMS_SUCCESS) {
-      DMS_TRACE(OSAL_TRACE_ERR, "Function %s Failed with error = %d\n",
-                "dmsClmGetContentEntryById", status);
-      return status;
-    }
-  }
-  if (container == nullptr) {
+  dmsCdsObject container;
+  if (args.containerId < 0 || !dmsCdsFindObject(handle, static_cast<uint32_t>(args.containerId), container)) {
     DMS_TRACE(OSAL_TRACE_ERR,
               "Container object for the Requested Container ID(%d) is not available\n",
               args.containerId);
     return DMS_ERR_NO_SUCH_OBJECT;
   }
-  if (container->type >= DMS_CLM_TYPE_ITEM) {
-    DMS_TRACE(OSAL_TRACE_ERR, "Invalid content entry type %d\n", static_cast<int>(container->type));
+  if (container.isItem()) {
+    DMS_TRACE(OSAL_TRACE_ERR, "Invalid content entry type %d\n", static_cast<int>(DMS_CLM_TYPE_ITEM));
     return DMS_ERR_INVALID_PARAM;
   }
   if (args.startingIndex < 0 || args.requestedCount < 0) {
     DMS_TRACE(OSAL_TRACE_ERR,
               "Invalid value: StartingIndex = %d: RequestedCount = %d: ChildCount = %d\n",
               args.startingIndex, args.requestedCount,
-              static_cast<int>(dmsClmChildren(container).size()));
+              static_cast<int>(dmsCdsChildren(handle, container, false).size()));
     return DMS_ERR_INVALID_PARAM;
   }
+  state->eachFileOnce = std::find(std::begin(dmsViews::kTop), std::end(dmsViews::kTop), container.view.id) !=
+                        std::end(dmsViews::kTop);
   int32_t status = dmsCdsPrepareObjectRequest(handle, args.filter, state->filterFlags, false,
                                               &state->objects);
   if (status != DMS_SUCCESS) return status;

@@ -3,11 +3,15 @@
 // requested container, and the recursive browse that reuses the walk.
 //
 // The walk meets every object below the container once, in stored order, a
-// folder before its contents.  It tests every item, and every folder too
-// when the criteria asks for folders by class (a upnp:class term that holds
-// for "object.container.storageFolder", such as derivedfrom
-// "object.container" or "object"); so '*' and criteria on titles or
-// artists find items only.  An item is tested on all its properties,
+// container before its contents: below a folder or the root the folder tree
+// only (so each file once, never again as a virtual item of the views),
+// below a container of the views that view's containers and virtual items
+// (below Music, Pictures or Video, whose lists show each file several times,
+// a file's items are those of its All list only).
+// It tests every item, and every container too when the criteria asks for
+// containers by class (a upnp:class term that holds for a folder's or a
+// view container's class, such as derivedfrom "object.container" or
+// "object"); so '*' and criteria on titles or artists find items only.  An item is tested on all its properties,
 // whatever the Filter, and written with those the Filter asks for.  Matches
 // are counted over the whole walk and StartingIndex/RequestedCount pick the
 // page that is written.  The walk reuses one item record, one folder record
@@ -24,6 +28,7 @@
 #include "content/dmsClmApi.h"
 #include "services/dmsCdsMgrApi.h"
 #include "services/dmsCdsMgrResponseHandler.h"
+#include "services/dmsCdsObjects.h"
 #include "services/dmsCdsSearchCriteria.h"
 #include "services/dmsCdsSort.h"
 #include "util/dlnaUtil_buffer.h"
@@ -35,9 +40,10 @@ struct dmsCdsSearchState {
   uint8_t filterFlags[DMS_CDS_FILTER_COUNT] = {0};
   dmsCdsCriteria criteria;          // no root: every item
   bool containersWanted = false;    // the criteria asks for folders by class
+  bool eachFileOnce = false;        // below Music, Pictures or Video: only the All lists' items
   dmsCdsSortCriteria sort;          // no keys: the walk's order
   // Set while a sorted Search walks: matches are put here, not written.
-  std::vector<dmsContentEntry *> *collected = nullptr;
+  std::vector<dmsCdsObject> *collected = nullptr;
   dmsCdsObjectRequest objects;      // the page's objects, as the Filter asks
   dmsCdsObjectRequest everything;   // every property, for the test
   // Reused from object to object by the walk.
@@ -75,7 +81,7 @@ int32_t dmsCdsCreateRespSearchItems(dmsCdsMgrHandle *handle, dmsCdsSearchState *
 // the page.  The walk keeps its own stack, so a deep folder tree costs heap,
 // not call depth.
 int32_t dmsCdsCreateRespSearchRecursive(dmsCdsMgrHandle *handle, dmsCdsSearchState *state,
-                                        dmsCdsRespArgs *respArgs, dmsContentEntry *container,
+                                        dmsCdsRespArgs *respArgs, const dmsCdsObject &container,
                                         dmsCdsSearchCounters *counters, dlnaUtilBuffer *buffer);
 
 // Browse flag 3: every item below the object, paged like Search.  Read lock

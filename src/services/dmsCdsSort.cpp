@@ -36,33 +36,7 @@ int compareNumbers(const SortValue &a, const SortValue &b) {
 
 int compareBytes(const SortValue &a, const SortValue &b) { return a.text.compare(b.text); }
 
-bool isDigit(char c) { return c >= '0' && c <= '9'; }
-
-// Folded texts, runs of digits compared as numbers: leading zeros skipped,
-// then the longer run is the larger, then the digits decide.
-int compareNatural(const SortValue &a, const SortValue &b) {
-  const std::string_view x(a.text), y(b.text);
-  size_t i = 0, j = 0;
-  while (i < x.size() && j < y.size()) {
-    if (isDigit(x[i]) && isDigit(y[j])) {
-      while (i < x.size() && x[i] == '0') ++i;
-      while (j < y.size() && y[j] == '0') ++j;
-      size_t endX = i, endY = j;
-      while (endX < x.size() && isDigit(x[endX])) ++endX;
-      while (endY < y.size() && isDigit(y[endY])) ++endY;
-      if (endX - i != endY - j) return endX - i < endY - j ? -1 : 1;
-      const int digits = x.substr(i, endX - i).compare(y.substr(j, endY - j));
-      if (digits != 0) return digits;
-      i = endX;
-      j = endY;
-      continue;
-    }
-    if (x[i] != y[j]) return static_cast<unsigned char>(x[i]) < static_cast<unsigned char>(y[j]) ? -1 : 1;
-    ++i;
-    ++j;
-  }
-  return (x.size() - i > 0) - (y.size() - j > 0);
-}
+int compareNatural(const SortValue &a, const SortValue &b) { return dlnaUtil_compareNatural(a.text, b.text); }
 
 struct SortKeyRow {
   const char *name;
@@ -131,7 +105,7 @@ void readValues(const Subject &subject, const dmsCdsSortCriteria &criteria, Sort
 // Every key's value of every object, `keys` values per object.  An item
 // that cannot be built counts as lacking every property.
 std::vector<SortValue> readAllValues(const dmsCdsMgrHandle *handle, const dmsCdsSortCriteria &criteria,
-                                     const std::vector<dmsContentEntry *> &objects) {
+                                     const std::vector<dmsCdsObject> &objects) {
   static constexpr uint8_t kEveryProperty[DMS_CDS_FILTER_COUNT] = {0};
   const dmsCdsObjectRequest request{handle, "*", kEveryProperty, false, false, true};
   const size_t keys = criteria.keys.size();
@@ -139,11 +113,11 @@ std::vector<SortValue> readAllValues(const dmsCdsMgrHandle *handle, const dmsCds
   dmsCdsItemRecord item;
   dmsCdsContainerRecord folder;
   for (size_t i = 0; i < objects.size(); ++i) {
-    dmsContentEntry *entry = objects[i];
+    const dmsCdsObject &object = objects[i];
     Subject subject;
-    if (entry->type >= DMS_CLM_TYPE_ITEM) {
-      if (dmsCdsBuildItem(&request, entry, &item) == DMS_SUCCESS) subject = dmsCdsItemSubject(item.item);
-    } else if (dmsCdsBuildContainer(&request, entry, &folder) == DMS_SUCCESS) {
+    if (object.isItem()) {
+      if (dmsCdsBuildValidItem(request, object, item) == DMS_SUCCESS) subject = dmsCdsItemSubject(item.item);
+    } else if (dmsCdsBuildValidContainer(request, object, folder) == DMS_SUCCESS) {
       subject = dmsCdsContainerSubject(folder.container);
     }
     readValues(subject, criteria, &values[i * keys]);
@@ -162,7 +136,7 @@ int compareObjects(const dmsCdsSortCriteria &criteria, const SortValue *a, const
 }
 
 std::vector<uint32_t> sortObjects(const dmsCdsMgrHandle *handle, const dmsCdsSortCriteria &criteria,
-                                  const std::vector<dmsContentEntry *> &objects) {
+                                  const std::vector<dmsCdsObject> &objects) {
   const std::vector<SortValue> values = readAllValues(handle, criteria, objects);
   const size_t keys = criteria.keys.size();
   std::vector<size_t> positions(objects.size());
@@ -172,7 +146,7 @@ std::vector<uint32_t> sortObjects(const dmsCdsMgrHandle *handle, const dmsCdsSor
   });
   std::vector<uint32_t> ids;
   ids.reserve(positions.size());
-  for (size_t position : positions) ids.push_back(objects[position]->id);
+  for (size_t position : positions) ids.push_back(objects[position].id());
   return ids;
 }
 
@@ -201,10 +175,12 @@ int32_t dmsCdsSortedOrder(dmsCdsMgrHandle *handle, const std::string &cacheKey,
                           const dmsCdsSortCriteria &criteria, const dmsCdsSortCollect &collect,
                           dmsCdsSortCache::Order *order) {
   const dmsContentListInfo &list = *handle->contentList;
-  const dmsCdsListStamp stamp{list.systemUpdateId, list.nextId, list.entryCount};
+  const dmsViews *views = handle->views.load(std::memory_order_acquire);
+  const dmsCdsListStamp stamp{list.systemUpdateId, list.nextId, list.entryCount,
+                              views != nullptr ? views->generation() : 0};
   *order = handle->sortCache.find(cacheKey, stamp);
   if (*order != nullptr) return DMS_SUCCESS;
-  std::vector<dmsContentEntry *> objects;
+  std::vector<dmsCdsObject> objects;
   const int32_t status = collect(objects);
   if (status != DMS_SUCCESS) return status;
   *order = std::make_shared<const std::vector<uint32_t>>(sortObjects(handle, criteria, objects));

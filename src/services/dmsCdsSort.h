@@ -32,6 +32,7 @@
 
 #include "content/dmsClmApi.h"
 #include "services/dmsCdsMgrApi.h"
+#include "services/dmsCdsObjects.h"
 #include "services/dmsCdsSortCache.h"
 
 inline constexpr size_t DMS_CDS_SORT_MAX_KEYS = 16;
@@ -57,7 +58,7 @@ int32_t dmsCdsParseSortCriteria(const char *text, dmsCdsSortCriteria &out);
 
 // Puts the objects the caller lists, in their order, into `objects`.  0 or
 // a failure code.
-using dmsCdsSortCollect = std::function<int32_t(std::vector<dmsContentEntry *> &objects)>;
+using dmsCdsSortCollect = std::function<int32_t(std::vector<dmsCdsObject> &objects)>;
 
 // The ids of the objects `collect` lists, sorted by `criteria`: from the
 // handle's cache when an order under `cacheKey` is there for the list as it

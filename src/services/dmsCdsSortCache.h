@@ -29,11 +29,14 @@
 // What changes whenever the content list does: the system update id (raised
 // by every change the monitor applies), the next id (raised by every entry
 // made) and the entry count (lowered by every entry freed), since a shared
-// folder added or removed by the host does not raise the system update id.
+// folder added or removed by the host does not raise the system update id;
+// and the views' generation, which they raise when they follow the change
+// (just after the list has changed).
 struct dmsCdsListStamp {
   uint32_t systemUpdateId = 0;
   uint32_t nextId = 0;
   int32_t entryCount = 0;
+  uint64_t viewsGeneration = 0;
   bool operator==(const dmsCdsListStamp &) const = default;
 };
 

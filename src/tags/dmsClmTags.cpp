@@ -168,6 +168,7 @@ dmsMediaTags dmsClmPoolTags(dmsTagPool &pool, const dmsTagText &text) {
   tags.genre = pool.intern(text.genre);
   tags.date = pool.intern(text.date);
   tags.track = static_cast<uint16_t>(text.track);  // at most 0xFFFF as read
+  tags.disc = static_cast<uint8_t>(text.disc > 0xFF ? 0 : text.disc);
   tags.flags = text.hasPicture ? DMS_TAGS_PICTURE : 0;
   return tags;
 }

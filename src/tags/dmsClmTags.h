@@ -28,8 +28,8 @@ struct dmsTagText {
 // none; `out` is then empty.
 bool dmsClmReadTags(const std::string &path, const mfdMediaInfo &info, dmsTagText &out);
 
-// The entry's tags with their texts pooled (album artist and disc are read
-// but kept by no entry: nothing publishes them).  May throw std::bad_alloc.
+// The entry's tags with their texts pooled (the album artist is read but
+// kept by no entry: nothing publishes it; a disc number over 255 is dropped).  May throw std::bad_alloc.
 dmsMediaTags dmsClmPoolTags(dmsTagPool &pool, const dmsTagText &text);
 
 #endif  // DMS_TAGS_DMSCLMTAGS_H

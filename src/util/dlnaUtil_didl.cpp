@@ -144,7 +144,7 @@ void writePictureResource(DidlWriter &out, const dlnaUtilDidlItem &item, std::st
   out.raw("<res protocolInfo=\"http-get:*:image/jpeg:"sv).text(features).raw("\" resolution=\""sv);
   out.text(resolution).raw("\">"sv);
   writeUrlStart(out, item.serverAddress, item.serverPort);
-  out.number(item.id).raw(suffix).raw("</res>"sv);
+  out.number(item.refID > 0 ? item.refID : item.id).raw(suffix).raw("</res>"sv);
 }
 
 void writeAlbumArt(DidlWriter &out, const char *address, int32_t port, int32_t id) {
@@ -219,8 +219,9 @@ int32_t dlnaUtil_DIDLAddItem(dlnaUtilBuffer *buffer, const dlnaUtilDidlItem *ite
   DidlWriter out(buffer);
   out.raw("<item"sv)
       .attribute("id"sv, int64_t{item->id})
-      .attribute("parentID"sv, int64_t{item->parentID})
-      .attribute("restricted"sv, int64_t{static_cast<int32_t>(item->restricted)})
+      .attribute("parentID"sv, int64_t{item->parentID});
+  if (item->refID > 0) out.attribute("refID"sv, int64_t{item->refID});
+  out.attribute("restricted"sv, int64_t{static_cast<int32_t>(item->restricted)})
       .raw(">"sv);
   writeItemMetadata(out, *item);
   if (item->protocolInfo != nullptr) {

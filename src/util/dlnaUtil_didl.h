@@ -32,6 +32,7 @@ inline constexpr char DLNA_UTIL_JPEG_SM_FEATURES[] =
 struct dlnaUtilDidlItem {
   int32_t id;                // object id
   int32_t parentID;          // parent's id, -1 when there is none
+  int32_t refID;             // > 0: the item this one stands for (refID); its pictures' URLs name it
   uint32_t restricted;       // 0 or 1
   const char *upnpClass;     // e.g. "object.item.audioItem.musicTrack"
   const char *title;
@@ -90,13 +91,14 @@ int32_t dlnaUtil_DIDLAddHeader(dlnaUtilBuffer *buffer);
 // Appends the closing DIDL-Lite tag.
 int32_t dlnaUtil_DIDLAddFooter(dlnaUtilBuffer *buffer);
 
-// Appends one `item`: attributes id, parentID, restricted; elements
+// Appends one `item`: attributes id, parentID, refID (if set), restricted; elements
 // upnp:album (if set), upnp:class, dc:title, upnp:genre, dc:creator,
 // upnp:artist, dc:date, upnp:originalTrackNumber and upnp:albumArtURI (each
 // if set); then, when protocolInfo is set, `res` with
 // protocolInfo, size, duration (H:MM:SS.mmm), resolution and bitrate (each
 // when present) around the URL "http://<address>:<port>/web/<resourceName>",
-// followed by the JPEG_TN and JPEG_SM `res` when their resolutions are set.
+// followed by the JPEG_TN and JPEG_SM `res` when their resolutions are set
+// (at /web/<refID or id>.tn.jpg and .sm.jpg).
 // The item is refused (DLNA_UTIL_ERR_INVALID_PARAM) only when every one of
 // id, parentID, restricted, upnpClass and title is bad; one good field lets it
 // through.  NULL item: DLNA_UTIL_ERR_INVALID_PARAM.

@@ -68,3 +68,32 @@ void dlnaUtil_foldCase(std::string_view text, std::string &out) {
     }
   }
 }
+
+namespace {
+
+bool isDigit(char c) { return c >= '0' && c <= '9'; }
+
+}  // namespace
+
+int dlnaUtil_compareNatural(std::string_view x, std::string_view y) {
+  size_t i = 0, j = 0;
+  while (i < x.size() && j < y.size()) {
+    if (isDigit(x[i]) && isDigit(y[j])) {
+      while (i < x.size() && x[i] == '0') ++i;
+      while (j < y.size() && y[j] == '0') ++j;
+      size_t endX = i, endY = j;
+      while (endX < x.size() && isDigit(x[endX])) ++endX;
+      while (endY < y.size() && isDigit(y[endY])) ++endY;
+      if (endX - i != endY - j) return endX - i < endY - j ? -1 : 1;
+      const int digits = x.substr(i, endX - i).compare(y.substr(j, endY - j));
+      if (digits != 0) return digits;
+      i = endX;
+      j = endY;
+      continue;
+    }
+    if (x[i] != y[j]) return static_cast<unsigned char>(x[i]) < static_cast<unsigned char>(y[j]) ? -1 : 1;
+    ++i;
+    ++j;
+  }
+  return (x.size() - i > 0) - (y.size() - j > 0);
+}

@@ -21,4 +21,10 @@
 // May throw std::bad_alloc.
 void dlnaUtil_foldCase(std::string_view text, std::string &out);
 
+// Compares two folded texts as people sort names: byte by byte, except that
+// runs of digits compare as numbers (leading zeros skipped, then the longer
+// run is the larger, then the digits decide), so "track 2" goes before
+// "track 10".  Negative, 0 or positive.
+int dlnaUtil_compareNatural(std::string_view a, std::string_view b);
+
 #endif  // DMS_UTIL_DLNAUTIL_FOLD_H

@@ -92,6 +92,7 @@ write_conf() {  # name folder...
   shift
   for f in "$@"; do echo "folder = $conf_dir/$f" >>"$conf"; done
   echo "art-cache-mb = 2" >>"$conf"
+  echo "views = no" >>"$conf"  # the root then lists the folders alone
 }
 served() {  # the titles of the shared folders, then the server's name
   echo $(browse $conf_port 0 | grep -o 'dc:title&gt;[^&]*' | sed 's/.*;//') \

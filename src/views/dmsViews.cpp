@@ -1,0 +1,264 @@
+// The views' writer half: placing files in the views and taking them out
+// again as the content list changes (see dmsViews.h for the contract).
+#include "views/dmsViews.h"
+
+#include <algorithm>
+#include <cstring>
+
+#include "mfd/mfd_class.h"
+#include "views/dmsViewsInternal.h"
+
+using namespace dmsViewsDetail;
+
+namespace {
+
+enum class FileKind { kNone, kMusic, kPicture, kVideo };
+
+FileKind kindOf(const dmsContentEntry &entry) {
+  const mfdMediaInfo info = dmsClmExpandMedia(entry.media);
+  const char *upnpClass = mfd_upnpClass(info);
+  if (upnpClass == nullptr) return FileKind::kNone;
+  const auto startsWith = [upnpClass](const char *prefix) {
+    return std::strncmp(upnpClass, prefix, std::strlen(prefix)) == 0;
+  };
+  if (startsWith("object.item.audioItem")) return FileKind::kMusic;
+  if (startsWith("object.item.imageItem")) return FileKind::kPicture;
+  if (startsWith("object.item.videoItem")) return FileKind::kVideo;
+  return FileKind::kNone;
+}
+
+}  // namespace
+
+dmsViews::dmsViews(dmsContentListInfo *list) : list_(list) {}
+
+dmsViews::~dmsViews() = default;
+
+dmsViews::Container *dmsViews::container(uint32_t id) {
+  auto found = containers_.find(id);
+  return found == containers_.end() ? nullptr : found->second.get();
+}
+
+const dmsViews::Container *dmsViews::container(uint32_t id) const {
+  auto found = containers_.find(id);
+  return found == containers_.end() ? nullptr : found->second.get();
+}
+
+void dmsViews::touch(uint32_t id) { touched_.push_back(id); }
+
+// Makes container `id` below `parentId` (which exists) when it is not there.
+dmsViews::Container &dmsViews::makeContainer(uint32_t id, uint32_t parentId, uint8_t kind, uint32_t titleTag) {
+  if (Container *existing = container(id)) return *existing;
+  auto made = std::make_unique<Container>();
+  made->id = id;
+  made->parentId = parentId;
+  made->kind = kind;
+  made->items = kKinds[kind].items;
+  made->titleTag = titleTag;
+  if (Container *parent = container(parentId)) {
+    made->positionInParent = static_cast<uint32_t>(parent->containers.size());
+    parent->containers.push_back(id);
+    touch(parentId);
+  }
+  Container &result = *made;
+  containers_.emplace(id, std::move(made));
+  return result;
+}
+
+// Takes an emptied container of artists, albums, genres or dates out, and
+// so on upward while its parent is emptied too.
+void dmsViews::dropIfEmpty(uint32_t id) {
+  for (Container *at = container(id); at != nullptr && at->kind != kFixed;) {
+    if (!at->containers.empty() || !at->members.empty()) return;
+    Container *parent = container(at->parentId);
+    if (parent != nullptr) {
+      const uint32_t moved = parent->containers.back();
+      parent->containers[at->positionInParent] = moved;
+      parent->containers.pop_back();
+      if (moved != at->id) container(moved)->positionInParent = at->positionInParent;
+      touch(parent->id);
+    }
+    if (at->kind == kArtistAlbum) {
+      artistAlbums_.erase((static_cast<uint64_t>(at->parentId - dmsViewIds::kArtistBase) << 32) | at->titleTag);
+    }
+    containers_.erase(at->id);
+    at = parent;
+  }
+}
+
+void dmsViews::addMember(uint32_t containerId, uint32_t fileId, uint8_t slot, FileRow &row) {
+  Container *into = container(containerId);
+  const size_t place = slot - row.first;
+  row.container[place] = containerId;
+  row.position[place] = static_cast<uint32_t>(into->members.size());
+  into->members.push_back(dmsViewIds::virtualId(fileId, slot));
+  touch(containerId);
+}
+
+// Takes the virtual item at `position` out of its container by moving the
+// last one there, whose file's row learns its new place.
+void dmsViews::removeMember(uint32_t containerId, uint32_t position) {
+  Container *from = container(containerId);
+  const uint32_t moved = from->members.back();
+  from->members[position] = moved;
+  from->members.pop_back();
+  if (position < from->members.size()) {
+    FileRow *movedRow = row(dmsViewIds::fileOf(moved));
+    movedRow->position[dmsViewIds::slotOf(moved) - movedRow->first] = position;
+  }
+  touch(containerId);
+}
+
+dmsViews::FileRow *dmsViews::row(uint32_t fileId) {
+  auto at = std::lower_bound(rows_.begin(), rows_.end(), fileId,
+                             [](const FileRow &r, uint32_t id) { return r.fileId < id; });
+  return at != rows_.end() && at->fileId == fileId ? &*at : nullptr;
+}
+
+// The container of one artist's album, numbered when first made.
+uint32_t dmsViews::artistAlbum(uint32_t artistTag, uint32_t albumTag) {
+  const uint64_t key = (static_cast<uint64_t>(artistTag) << 32) | albumTag;
+  auto found = artistAlbums_.find(key);
+  if (found != artistAlbums_.end()) return found->second;
+  if (nextArtistAlbum_ >= dmsViewIds::kArtistAlbumEnd) return 0;
+  const uint32_t id = nextArtistAlbum_++;
+  artistAlbums_.emplace(key, id);
+  makeContainer(id, dmsViewIds::kArtistBase + artistTag, kArtistAlbum, albumTag);
+  return id;
+}
+
+void dmsViews::place(const dmsContentEntry &entry, FileRow &into) {
+  using namespace dmsViewIds;
+  const dmsMediaTags &tags = entry.tags;
+  switch (kindOf(entry)) {
+    case FileKind::kMusic: {
+      into.first = kSlotAllTracks;
+      into.count = 4;
+      addMember(kAllTracks, entry.id, kSlotAllTracks, into);
+      const uint32_t artist = makeContainer(kArtistBase + tags.artist, kArtists, kArtist, tags.artist).id;
+      const uint32_t below = tags.album != 0 ? artistAlbum(tags.artist, tags.album) : 0;
+      addMember(below != 0 ? below : artist, entry.id, kSlotArtist, into);
+      if (tags.album != 0) {
+        addMember(makeContainer(kAlbumBase + tags.album, kAlbums, kAlbum, tags.album).id, entry.id, kSlotAlbum, into);
+      }
+      if (tags.genre != 0) {
+        addMember(makeContainer(kGenreBase + tags.genre, kGenres, kGenre, tags.genre).id, entry.id, kSlotGenre, into);
+      }
+      return;
+    }
+    case FileKind::kPicture: {
+      into.first = kSlotAllPictures;
+      into.count = 2;
+      addMember(kAllPictures, entry.id, kSlotAllPictures, into);
+      const int64_t date = dateKey(entry, list_->tagPool);
+      const uint32_t year = static_cast<uint32_t>(date / 10000000000);
+      const uint32_t month = static_cast<uint32_t>(date / 100000000 % 100);
+      if (year < 1 || year > 9999 || month < 1 || month > 12) return;
+      const uint32_t yearId = makeContainer(kDateBase + year * 100, kByDate, kYear, 0).id;
+      addMember(makeContainer(yearId + month, yearId, kMonth, 0).id, entry.id, kSlotMonth, into);
+      return;
+    }
+    case FileKind::kVideo:
+      into.first = kSlotAllVideos;
+      into.count = 1;
+      addMember(kAllVideos, entry.id, kSlotAllVideos, into);
+      return;
+    case FileKind::kNone:
+      return;
+  }
+}
+
+void dmsViews::unplace(FileRow &from) {
+  for (size_t place = 0; place < from.count; ++place) {
+    const uint32_t id = from.container[place];
+    if (id == 0) continue;
+    removeMember(id, from.position[place]);
+    from.container[place] = 0;
+    dropIfEmpty(id);
+  }
+  from.count = 0;
+}
+
+// Places the item `fileId` names anew (taking it out of its old places
+// first when it was listed).
+void dmsViews::addFile(uint32_t fileId) {
+  FileRow *listed = row(fileId);
+  if (listed != nullptr && listed->live) unplace(*listed);
+  const dmsContentEntry *entry = list_->entriesById.find(fileId);
+  if (entry == nullptr || entry->type != DMS_CLM_TYPE_ITEM || fileId < dmsViewIds::kFirstFileId ||
+      fileId > dmsViewIds::kMaxFileId) {
+    if (listed != nullptr && listed->live) removeFile(fileId);
+    return;
+  }
+  if (listed == nullptr) {
+    auto at = std::lower_bound(rows_.begin(), rows_.end(), fileId,
+                               [](const FileRow &r, uint32_t id) { return r.fileId < id; });
+    listed = &*rows_.insert(at, FileRow{fileId});
+  } else if (!listed->live) {
+    --holes_;
+  }
+  listed->live = true;
+  place(*entry, *listed);
+}
+
+void dmsViews::removeFile(uint32_t fileId) {
+  FileRow *listed = row(fileId);
+  if (listed == nullptr || !listed->live) return;
+  unplace(*listed);
+  listed->live = false;
+  // The holes are squeezed out once they are half the rows.
+  if (++holes_ > rows_.size() / 2) {
+    std::erase_if(rows_, [](const FileRow &r) { return !r.live; });
+    holes_ = 0;
+  }
+}
+
+void dmsViews::rebuild() {
+  std::unique_lock writing(mutex_);
+  containers_.clear();
+  rows_.clear();
+  holes_ = 0;
+  artistAlbums_.clear();
+  nextArtistAlbum_ = dmsViewIds::kArtistAlbumBase;
+  for (const FixedRow &fixed : kFixedRows) {
+    Container &made = makeContainer(fixed.id, fixed.parentId, kFixed, 0);
+    made.fixedTitle = fixed.title;
+    made.items = fixed.items;
+  }
+  std::vector<uint32_t> items;
+  std::vector<const dmsContentEntry *> pending{list_->root};
+  while (!pending.empty()) {
+    const dmsContentEntry *at = pending.back();
+    pending.pop_back();
+    if (at == nullptr) continue;
+    if (at->type == DMS_CLM_TYPE_ITEM) items.push_back(at->id);
+    for (const dmsContentEntry *child : dmsClmChildren(at)) pending.push_back(child);
+  }
+  std::sort(items.begin(), items.end());
+  rows_.reserve(items.size());
+  for (uint32_t id : items) addFile(id);
+  touched_.clear();
+  generation_.fetch_add(1, std::memory_order_acq_rel);
+}
+
+void dmsViews::apply(const dmsClmChangeSet &change, std::vector<uint32_t> &pairs) {
+  std::unique_lock writing(mutex_);
+  touched_.clear();
+  const auto each = [](const std::vector<uint32_t> *ids, auto &&step) {
+    if (ids != nullptr) for (uint32_t id : *ids) step(id);
+  };
+  each(change.freedItems, [this](uint32_t id) { removeFile(id); });
+  each(change.changedItems, [this](uint32_t id) { addFile(id); });
+  each(change.madeItems, [this](uint32_t id) { addFile(id); });
+  std::sort(touched_.begin(), touched_.end());
+  touched_.erase(std::unique(touched_.begin(), touched_.end()), touched_.end());
+  for (uint32_t id : touched_) {
+    Container *changed = container(id);
+    if (changed == nullptr) continue;  // made and dropped again in this change
+    pairs.push_back(id);
+    pairs.push_back(++changed->updateCount);
+    std::lock_guard ordering(orderMutex_);
+    changed->ordered.reset();
+  }
+  touched_.clear();
+  generation_.fetch_add(1, std::memory_order_acq_rel);
+}
