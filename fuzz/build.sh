@@ -10,6 +10,7 @@
 #                    ContentDirectory Search action; every answer must be
 #                    well-formed XML
 #   config_fuzz      the host program's configuration file
+#   playlist_fuzz    the playlist reader (M3U, M3U8 and PLS text)
 #   fuzz/build.sh [target...]   (default: all)
 # The library is compiled once into fuzz/out/library_objects/, one object per
 # source, again only where the source or a header it includes changed.
@@ -21,7 +22,7 @@ cxx=${CXX_FUZZ:-clang++}
 mkdir -p "$out"
 flags=(-g -O1 -fno-omit-frame-pointer -fsanitize=fuzzer,address,undefined -fno-sanitize-recover=undefined
        -std=c++20 -D_FILE_OFFSET_BITS=64 -D_LARGEFILE64_SOURCE -Wall -Wextra -I "$root/src" -I "$root/include")
-all=(detect_fuzz front_door_fuzz request_fuzz criteria_fuzz config_fuzz)
+all=(detect_fuzz front_door_fuzz request_fuzz criteria_fuzz config_fuzz playlist_fuzz)
 targets=("$@")
 [ ${#targets[@]} -gt 0 ] || targets=("${all[@]}")
 
@@ -96,6 +97,10 @@ for target in "${targets[@]}"; do
       # The host's option reading alone.
       "$cxx" "${flags[@]}" -I "$root/host" "$root/fuzz/config_fuzz.cpp" "$root/host/host_options.cpp" \
         -o "$out/config_fuzz" ;;
+    playlist_fuzz)
+      # The reader is text alone: its one source.
+      "$cxx" "${flags[@]}" "$root/fuzz/playlist_fuzz.cpp" "$root/src/playlist/dmsPlaylistRead.cpp" \
+        -o "$out/playlist_fuzz" ;;
     *) echo "unknown target $target (one of: ${all[*]})" >&2; exit 2 ;;
   esac
   echo "built $out/$target"

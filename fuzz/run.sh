@@ -7,6 +7,7 @@
 #   request_fuzz     fuzz/seeds/request/    (corpus: fuzz/corpus-request/)
 #   criteria_fuzz    fuzz/seeds/criteria/   (corpus: fuzz/corpus-criteria/)
 #   config_fuzz      fuzz/seeds/config/     (corpus: fuzz/corpus-config/)
+#   playlist_fuzz    fuzz/seeds/playlist/   (corpus: fuzz/corpus-playlist/)
 # Each corpus grows beside its committed seeds.  Every run has leak
 # checking on, 2 GiB of memory and 10 s per input; crashing inputs are
 # written to fuzz/crashes/.  The fuzzers run in a network namespace of
@@ -71,6 +72,7 @@ front_door_fuzz front_door corpus-front-door 70000
 request_fuzz    request    corpus-request    4096
 criteria_fuzz   criteria   corpus-criteria   4096
 config_fuzz     config     corpus-config     4096
+playlist_fuzz   playlist   corpus-playlist   65536
 EOF
 
 if [ ${#failed[@]} -gt 0 ]; then
