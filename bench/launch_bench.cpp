@@ -1,7 +1,10 @@
 // End to end, as a user meets it: from launching `dlna-dms` on a library of
 // tagged music and photos until Browse lists the last folder, and the peak
 // resident memory of the whole process, for 20,000 and 100,000 files (hard
-// links of real tagged fixtures, 100 to a folder, warm cache).
+// links of real fixtures, 100 to a folder, warm cache), with the views (the
+// default) and without (--views=no).  Four files in five are tracks, hard
+// links of 2,000 tagged copies (400 artists, 500 albums, 20 genres), so the
+// views hold as many artists and albums as a real collection of that size.
 //
 // It starts the real host program on 127.0.0.1: run it inside a private
 // network namespace, e.g.
@@ -19,6 +22,9 @@
 #include <thread>
 #include <vector>
 
+#include <taglib/fileref.h>
+#include <taglib/tpropertymap.h>
+
 #include "dms_test.h"
 
 namespace fs = std::filesystem;
@@ -29,17 +35,33 @@ namespace {
 constexpr int kPort = 49500;
 constexpr int kPerFolder = 100;
 
-const char *const kFixtures[] = {
-    "tagged/id3v24-utf8.mp3", "tagged/id3v23-utf16.mp3", "tagged/m4a-itunes.m4a",
-    "tagged/wma-attributes.wma", "image/jfif-640x480.jpg",
-};
+constexpr int kTemplates = 2000;
 
-void buildLibrary(const fs::path &root, int files) {
+// The tagged tracks the library links to.
+void makeTemplates(const fs::path &folder) {
+  fs::create_directories(folder);
+  for (int t = 0; t < kTemplates; ++t) {
+    const fs::path copy = folder / ("t" + std::to_string(t) + ".mp3");
+    fs::copy_file(dmstest::fixture("tagged/mp3-no-tags.mp3"), copy);
+    TagLib::FileRef file(copy.c_str());
+    TagLib::PropertyMap tags;
+    tags["TITLE"] = TagLib::String("Track " + std::to_string(t));
+    tags["ARTIST"] = TagLib::String("Artist " + std::to_string(t / 4 % 400));
+    tags["ALBUM"] = TagLib::String("Album " + std::to_string(t / 4));
+    tags["GENRE"] = TagLib::String("Genre " + std::to_string(t % 20));
+    tags["TRACKNUMBER"] = TagLib::String(std::to_string(t % 4 + 1));
+    file.file()->setProperties(tags);
+    file.save();
+  }
+}
+
+void buildLibrary(const fs::path &root, const fs::path &templates, int files) {
   for (int i = 0; i < files; ++i) {
     char folder[32], name[32];
     std::snprintf(folder, sizeof folder, "d%05d", i / kPerFolder);
-    const std::string source = dmstest::fixture(kFixtures[i % std::size(kFixtures)]);
-    std::snprintf(name, sizeof name, "f%06d%s", i, fs::path(source).extension().c_str());
+    const fs::path source = i % 5 == 4 ? fs::path(dmstest::fixture("image/jfif-640x480.jpg"))
+                                       : templates / ("t" + std::to_string(i / 5 % kTemplates) + ".mp3");
+    std::snprintf(name, sizeof name, "f%06d%s", i, source.extension().c_str());
     fs::create_directories(root / folder);
     fs::create_hard_link(source, root / folder / name);
   }
@@ -56,7 +78,7 @@ long peakKiB(pid_t pid) {
 
 // Seconds from launch until the last folder lists all its files; -1 when it
 // never does within two minutes.
-double launchToBrowsable(const std::string &program, const fs::path &library, int files, long *peak) {
+double launchToBrowsable(const std::string &program, const fs::path &library, int files, bool views, long *peak) {
   char lastFolder[32];
   std::snprintf(lastFolder, sizeof lastFolder, "d%05d", (files - 1) / kPerFolder);
   const int inLastFolder = files - (files - 1) / kPerFolder * kPerFolder;
@@ -66,7 +88,8 @@ double launchToBrowsable(const std::string &program, const fs::path &library, in
     const std::string port = std::to_string(kPort);
     // Room for every file and folder of the largest library.
     ::execl(program.c_str(), program.c_str(), "--address", "127.0.0.1", "--port", port.c_str(), "--www",
-            DMS_BENCH_WWW, "--max-content", "200000", library.c_str(), static_cast<char *>(nullptr));
+            DMS_BENCH_WWW, "--max-content", "200000", views ? "--views=yes" : "--views=no", library.c_str(),
+            static_cast<char *>(nullptr));
     std::_Exit(127);
   }
   double seconds = -1;
@@ -93,15 +116,18 @@ int main(int argc, char **argv) {
     return 2;
   }
   const fs::path base = fs::path(argc > 2 ? argv[2] : "/tmp") / ("dms_launch_bench_" + std::to_string(::getpid()));
-  std::printf("%-8s %14s %12s %10s %14s\n", "files", "to browsable", "files/s", "peak MB", "bytes/file");
+  makeTemplates(base / "templates");
+  std::printf("%-8s %-6s %14s %12s %10s %14s\n", "files", "views", "to browsable", "files/s", "peak MB", "bytes/file");
   for (int files : {20000, 100000}) {
     const fs::path library = base / ("lib" + std::to_string(files));
-    buildLibrary(library, files);
-    long peak = 0;
-    const double seconds = launchToBrowsable(argv[1], library, files, &peak);
-    std::printf("%-8d %12.2f s %12.0f %10.1f %14.0f\n", files, seconds, seconds > 0 ? files / seconds : 0.0,
-                peak / 1024.0, peak * 1024.0 / files);
-    std::fflush(stdout);
+    buildLibrary(library, base / "templates", files);
+    for (bool views : {false, true}) {
+      long peak = 0;
+      const double seconds = launchToBrowsable(argv[1], library, files, views, &peak);
+      std::printf("%-8d %-6s %12.2f s %12.0f %10.1f %14.0f\n", files, views ? "on" : "off", seconds,
+                  seconds > 0 ? files / seconds : 0.0, peak / 1024.0, peak * 1024.0 / files);
+      std::fflush(stdout);
+    }
     fs::remove_all(library);
   }
   fs::remove_all(base);

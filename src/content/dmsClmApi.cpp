@@ -9,6 +9,8 @@
 #include <cstdio>
 #include <cstring>
 #include <new>
+#include <optional>
+#include <string_view>
 #include <system_error>
 
 #include "content/dmsClmScan.h"
@@ -36,7 +38,7 @@ void releaseOne(dmsContentListInfo *list, dmsContentEntry *entry, FreeMode mode)
     entry->container->children.clear();
   }
   if (mode == FreeMode::Detach) {
-    if (entry->type == DMS_CLM_TYPE_ITEM) list->freedItems.push_back(entry->id);
+    (entry->type == DMS_CLM_TYPE_ITEM ? list->freedItems : list->freedFolders).push_back(entry->id);
     dmsContentEntry *removed = list->entriesById.remove(entry->id);
     if (removed != entry) DMS_TRACE(OSAL_TRACE_ERR, "Error in Deleting Node from the Tree\n");
     if (dmsContentEntry *parent = entry->parent) {
@@ -200,6 +202,7 @@ int32_t createList(dmsContentListInfo **out, char **sharedPaths, int32_t numShar
   }
   addSharedPaths(list.get(), paths);
   list->madeItems.clear();  // nobody listens yet
+  list->playlistFolders.clear();
   result = dmsFsmStartMonitor(list->monitor, list->root, clmFsmNotificationCallBack);
   if (result != 0) DMS_TRACE(OSAL_TRACE_ERR, "Error [%d] in %s()... Ignore this!\n", result, "dmsFsmStartMonitor");
   *out = list.release();
@@ -226,15 +229,17 @@ void dmsClmRemoveListener(dmsContentListInfo *list, uint64_t token) {
 int32_t dmsClmTellListeners(dmsContentListInfo *list, const std::vector<uint32_t> &pairs,
                             uint32_t systemUpdateId) {
   dmsClmChangeSet change{pairs.data(), static_cast<int32_t>(pairs.size() / 2), systemUpdateId,
-                         &list->madeItems, &list->changedItems, &list->freedItems};
+                         &list->madeItems, &list->changedItems, &list->freedItems,
+                         &list->playlistFolders, &list->freedFolders};
   int32_t first = DMS_SUCCESS;
   for (const auto &[token, listener] : list->listeners) {
     const int32_t result = listener(change);
     if (result != DMS_SUCCESS && first == DMS_SUCCESS) first = result;
   }
-  list->madeItems.clear();
-  list->changedItems.clear();
-  list->freedItems.clear();
+  for (auto *noted : {&list->madeItems, &list->changedItems, &list->freedItems, &list->playlistFolders,
+                      &list->freedFolders}) {
+    noted->clear();
+  }
   return first;
 }
 
@@ -440,4 +445,34 @@ int32_t dmsClmGetCounts(dmsContentListInfo *list, int32_t *containers, int32_t *
     }
   }
   return DMS_SUCCESS;
+}
+
+dmsContentEntry *dmsClmFindItemByPath(const dmsContentListInfo *list, const std::string &path) {
+  if (list == nullptr || list->root == nullptr) return nullptr;
+  // The part of `path` below `folder`, or nullopt when it is not below it.
+  const auto below = [&path](const std::string &folder) -> std::optional<std::string_view> {
+    std::string_view prefix(folder);
+    while (prefix.size() > 1 && prefix.back() == '/') prefix.remove_suffix(1);
+    if (path.size() <= prefix.size() + 1 || path.compare(0, prefix.size(), prefix) != 0 ||
+        path[prefix.size()] != '/') {
+      return std::nullopt;
+    }
+    return std::string_view(path).substr(prefix.size() + 1);
+  };
+  for (dmsContentEntry *shared : list->root->container->children) {
+    if (shared->type != DMS_CLM_TYPE_CONTAINER) continue;
+    std::optional<std::string_view> rest = below(shared->path);
+    for (const auto &[given, real] : list->shareRoots) {
+      if (!rest && given == shared->path) rest = below(real);
+    }
+    if (!rest) continue;
+    dmsContentEntry *at = shared;
+    while (at != nullptr && !rest->empty()) {
+      const size_t slash = rest->find('/');
+      at = dmsClmFindChild(at, std::string(rest->substr(0, slash)));
+      rest->remove_prefix(slash == std::string_view::npos ? rest->size() : slash + 1);
+    }
+    if (at != nullptr && at->type == DMS_CLM_TYPE_ITEM) return at;
+  }
+  return nullptr;
 }

@@ -62,6 +62,7 @@ struct dmsContainerState {
   uint32_t updateCount = 0;                 // changes, published in ContainerUpdateIDs
   int32_t watchDescriptor = -1;             // inotify watch, -1 none
   std::string coverName;                    // the folder's cover picture file; empty none
+  std::vector<std::string> playlists;       // its playlist files (.m3u, .m3u8, .pls), in name order
 };
 
 // One file or folder.  Owned by the list: created while attaching a scan,
@@ -96,6 +97,10 @@ struct dmsClmChangeSet {
   const std::vector<uint32_t> *madeItems = nullptr;
   const std::vector<uint32_t> *changedItems = nullptr;
   const std::vector<uint32_t> *freedItems = nullptr;
+  // Folders whose playlist files came, went or were written, and folders
+  // freed (with their playlists).
+  const std::vector<uint32_t> *playlistFolders = nullptr;
+  const std::vector<uint32_t> *freedFolders = nullptr;
 };
 
 // Called on the writer's thread after each change, under the change mutex:
@@ -125,7 +130,7 @@ struct dmsContentListInfo {
   uint64_t lastListener = 0;
   // Item ids of the change in progress, for its listeners (change mutex;
   // emptied when the change is published).
-  std::vector<uint32_t> madeItems, changedItems, freedItems;
+  std::vector<uint32_t> madeItems, changedItems, freedItems, playlistFolders, freedFolders;
 
   // Update record handed to the ContentDirectory on every change.
   std::vector<uint32_t> containerUpdatePairs;  // (container id, update count) pairs
@@ -192,6 +197,11 @@ std::string dmsClmEntryPath(const dmsContentEntry *entry);
 // The children of `entry` in their order; empty for an item.  The caller
 // holds the list's lock (either way) or is its writer.
 const std::vector<dmsContentEntry *> &dmsClmChildren(const dmsContentEntry *entry);
+// The item listed for the file at `path` (absolute, normalised), looked up
+// by name below the shared folder the path lies in (as shared, or as its
+// real path); NULL when no item is listed there.  The caller holds the
+// list's lock (either way) or is its writer.
+dmsContentEntry *dmsClmFindItemByPath(const dmsContentListInfo *list, const std::string &path);
 int32_t dmsClmGetContentEntryByFsmWd(dmsContentListInfo *list, dmsContentEntry **out, int32_t wd);
 
 // Getters of one entry; result pointers may be NULL (skipped).  -100 for a

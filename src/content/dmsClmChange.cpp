@@ -11,6 +11,7 @@
 #include "content/dmsClmScan.h"
 #include "content/dmsClmShares.h"
 #include "content/dmsFsmApi.h"
+#include "playlist/dmsPlaylistRead.h"
 #include "util/osal_trace.h"
 
 static constexpr char kTraceFile[] = "dmsClmApi";
@@ -67,6 +68,30 @@ void noteCover(dmsContentListInfo *list, dmsContentEntry *container, const std::
   if (!present && state->coverName == name) state->coverName.clear();
 }
 
+// Keeps the folder's playlist names up to date as playlist files come, go
+// and are written: the folder changes (its listing with the views does) and
+// is noted for the listeners, which read its playlists again.  false when
+// `name` is no playlist.
+bool notePlaylist(dmsContentListInfo *list, dmsContentEntry *container, const std::string &name, bool present,
+                  ChangedContainers &changes) {
+  dmsPlaylistFormat format;
+  dmsContainerState *state = container->container.get();
+  if (state == nullptr || !dmsPlaylistFormatOf(name, format)) return false;
+  auto &names = state->playlists;
+  auto at = std::lower_bound(names.begin(), names.end(), name);
+  const bool listed = at != names.end() && *at == name;
+  if (present != listed) {
+    std::unique_lock writing(list->rwLock);
+    if (present) names.insert(at, name);
+    else names.erase(at);
+  }
+  if (present || listed) {
+    list->playlistFolders.push_back(container->id);
+    changes.push_back(container->id);
+  }
+  return true;
+}
+
 void folderCreated(dmsContentListInfo *list, dmsContentEntry *container, const std::string &name,
                    ChangedContainers &changes);
 
@@ -89,6 +114,7 @@ void fileWritten(dmsContentListInfo *list, dmsContentEntry *container, const std
     return;
   }
   noteCover(list, container, name, true);
+  if (notePlaylist(list, container, name, true, changes)) return;
   if (listed != nullptr && listed->type != DMS_CLM_TYPE_ITEM) return;
   // A refresh takes nothing from the budget; a new file is checked against it.
   dmsScanBudget budget{listed != nullptr ? 0 : list->entryCount, list->maxContent};
@@ -211,6 +237,10 @@ void reconcileOne(dmsContentListInfo *list, dmsContentEntry *folder, ChangedCont
     if (!present) gone.push_back(child);
   }
   for (dmsContentEntry *child : gone) detach(list, child, changes);
+  for (const std::string &name : std::vector<std::string>(folder->container->playlists)) {
+    auto found = std::lower_bound(disk.begin(), disk.end(), DiskName{name, false, 0});
+    if (found == disk.end() || found->name != name || found->isDirectory) notePlaylist(list, folder, name, false, changes);
+  }
   const size_t first = below.size();
   for (const DiskName &entry : disk) {
     if (entry.isDirectory) {
@@ -297,6 +327,7 @@ int32_t clmFsmNotificationCallBack(dmsContentListInfo *list, dmsContentEntry *co
         folderGone(list, entry, changes);  // a watched folder itself: a shared one takes only itself
       } else if (container != nullptr && !child.empty()) {
         noteCover(list, container, child, false);
+        notePlaylist(list, container, child, false, changes);
         detach(list, dmsClmFindChild(container, child), changes);
       }
       break;

@@ -1,5 +1,7 @@
 #include "content/dmsClmScan.h"
 
+#include "playlist/dmsPlaylistRead.h"
+
 #include "content/dmsClmShares.h"
 
 #include <dirent.h>
@@ -218,9 +220,14 @@ int32_t openFrame(dmsContentListInfo *list, dmsPendingEntry &folder, const dmsSc
   int coverRank = 0;
   for (const DirectoryName &name : names) {
     const int rank = name.isDirectory ? 0 : dmsClmCoverRank(name.name);
+    dmsPlaylistFormat format;
+    const bool playlist = !name.isDirectory && dmsPlaylistFormatOf(name.name, format);
+    if (rank > coverRank || playlist) {
+      if (folder.container == nullptr) folder.container = std::make_unique<dmsContainerState>();
+    }
+    if (playlist) folder.container->playlists.push_back(name.name);
     if (rank > coverRank) {
       coverRank = rank;
-      if (folder.container == nullptr) folder.container = std::make_unique<dmsContainerState>();
       folder.container->coverName = name.name;
     }
   }
@@ -357,6 +364,7 @@ dmsContentEntry *createEntryAndAddToList(dmsContentListInfo *list, dmsPendingEnt
   ++list->entryCount;
   dmsContentEntry *made = entry.release();  // owned by the list from here on
   if (made->type == DMS_CLM_TYPE_ITEM) list->madeItems.push_back(made->id);
+  if (made->container != nullptr && !made->container->playlists.empty()) list->playlistFolders.push_back(made->id);
   if (made->type != DMS_CLM_TYPE_CONTAINER) return made;
   if (filterOn()) ++list->maxContent;
   if (list->monitor != nullptr) dmsFsmAddToMointor(list->monitor, made);

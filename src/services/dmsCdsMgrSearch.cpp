@@ -215,7 +215,7 @@ int32_t dmsCdsCreateRespSearchRecursive(dmsCdsMgrHandle *handle, dmsCdsSearchSta
       const int32_t status = isItem ? visitItem(*state, child, *counters, buffer)
                                     : visitContainer(*state, child, *counters, buffer);
       if (status != DMS_SUCCESS) return status;
-      if (!isItem) stack.push_back({dmsCdsChildren(handle, child, false), 0});  // `frame` is not used past here
+      if (!isItem && !child.isPlaylist()) stack.push_back({dmsCdsChildren(handle, child, false), 0});  // `frame` not used past here
     }
     return DMS_SUCCESS;
   });

@@ -2,6 +2,7 @@
 // the views, and the one place an object becomes an item or a container.
 #include "services/dmsCdsObjects.h"
 
+#include <cstring>
 #include <limits>
 
 #include "dlna_dms.h"
@@ -40,20 +41,31 @@ dmsCdsChildren::dmsCdsChildren(const dmsCdsMgrHandle *handle, const dmsCdsObject
     return;
   }
   folder_ = container.entry;
-  if (withViews && views != nullptr && folder_->type == DMS_CLM_TYPE_ROOT) leading_ = std::size(dmsViews::kTop);
+  if (!withViews || views == nullptr) return;
+  if (folder_->type == DMS_CLM_TYPE_ROOT) leading_ = std::size(dmsViews::kTop);
+  playlists_ = views->playlistsIn(folder_->id);
 }
 
 size_t dmsCdsChildren::size() const {
-  if (folder_ != nullptr) return leading_ + dmsClmChildren(folder_).size();
+  if (folder_ != nullptr) return leading_ + dmsClmChildren(folder_).size() + (playlists_ != nullptr ? playlists_->size() : 0);
   return views_ != nullptr ? views_->size() : 0;
 }
 
 bool dmsCdsChildren::at(size_t index, dmsCdsObject &out) const {
   if (folder_ == nullptr) return dmsCdsFindObject(handle_, (*views_)[index], out);
   if (index < leading_) return dmsCdsFindObject(handle_, dmsViews::kTop[index], out);
+  const auto &children = dmsClmChildren(folder_);
+  if (index - leading_ >= children.size()) {
+    return dmsCdsFindObject(handle_, (*playlists_)[index - leading_ - children.size()], out);
+  }
   out = dmsCdsObject{};
-  out.entry = dmsClmChildren(folder_)[index - leading_];
+  out.entry = children[index - leading_];
   return out.entry != nullptr;
+}
+
+bool dmsCdsObject::isPlaylist() const {
+  return view.id != 0 && view.fileId == 0 && view.upnpClass != nullptr &&
+         std::strcmp(view.upnpClass, "object.container.playlistContainer") == 0;
 }
 
 int32_t dmsCdsBuildValidItem(const dmsCdsObjectRequest &request, const dmsCdsObject &object,
@@ -94,9 +106,10 @@ int32_t dmsCdsBuildValidContainer(const dmsCdsObjectRequest &request, const dmsC
   const int32_t status = object.view.id != 0 ? buildViewContainer(request, object.view, record)
                                              : dmsCdsBuildContainer(&request, object.entry, &record);
   if (status != DMS_SUCCESS) return status;
-  if (object.view.id == 0 && object.entry->type == DMS_CLM_TYPE_ROOT && request.containerChildCount &&
-      request.handle != nullptr && request.handle->views.load(std::memory_order_acquire) != nullptr) {
-    record.container.childCount = clampCount(dmsClmChildren(object.entry).size() + std::size(dmsViews::kTop));
+  // With the views a folder also lists its playlists, and the root the views.
+  if (object.view.id == 0 && request.containerChildCount && request.handle != nullptr &&
+      request.handle->views.load(std::memory_order_acquire) != nullptr) {
+    record.container.childCount = clampCount(dmsCdsChildren(request.handle, object, true).size());
   }
   if (dmsCdsContainerIsValid(record.container)) return DMS_SUCCESS;
   DMS_TRACE(OSAL_TRACE_ERR, "Container detail information is not valid\n");

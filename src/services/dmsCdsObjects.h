@@ -26,6 +26,8 @@ struct dmsCdsObject {
 
   uint32_t id() const { return view.id != 0 ? view.id : entry->id; }
   bool isItem() const { return view.id != 0 ? view.fileId != 0 : entry->type >= DMS_CLM_TYPE_ITEM; }
+  // A playlist: Search does not descend into one.
+  bool isPlaylist() const;
 };
 
 // The object `id` names; false when there is none (a virtual item whose
@@ -33,8 +35,9 @@ struct dmsCdsObject {
 bool dmsCdsFindObject(const dmsCdsMgrHandle *handle, uint32_t id, dmsCdsObject &out);
 
 // The children of one container in their default order: a folder's in its
-// order, with the views' containers first at the root when `withViews`; a
-// container of the views in the order the views keep.
+// order, with, when `withViews`, the views' containers first at the root and
+// the folder's playlists last; a container of the views in the order the
+// views keep.
 class dmsCdsChildren {
  public:
   // May throw std::bad_alloc.
@@ -48,6 +51,7 @@ class dmsCdsChildren {
   const dmsContentEntry *folder_ = nullptr;  // a content container
   size_t leading_ = 0;                       // the views' containers before a folder's children
   dmsViews::Order views_;                    // a container of the views: its children
+  dmsViews::Order playlists_;                // a folder's playlists, after its children
 };
 
 // Builds the item or container of `object` (a virtual item is its file's

@@ -9,6 +9,10 @@
 //   0x11000000 + tag       an album, 0x12000000 + tag a genre;
 //   0x13000000 + date      a year (year * 100) or a month (year * 100 + month);
 //   0x14000000 + n         an album of one artist, numbered as made;
+//   0x20000000 + p * 2 + w a playlist, numbered as read (p), in its folder
+//                          (w 0) or below Playlists (w 1);
+//   0x24000000 + p << 15 + w << 14 + n
+//                          the n-th entry of playlist p there;
 //   0x40000000 + file * 8 + slot
 //                          a virtual item: the file's entry id (from 1001)
 //                          and which of its places in the views it is.
@@ -41,6 +45,10 @@ inline constexpr uint32_t kGenreBase = 0x12000000;
 inline constexpr uint32_t kDateBase = 0x13000000;
 inline constexpr uint32_t kArtistAlbumBase = 0x14000000;
 inline constexpr uint32_t kArtistAlbumEnd = 0x20000000;
+inline constexpr uint32_t kPlaylistBase = 0x20000000;
+inline constexpr uint32_t kPlaylistItemBase = 0x24000000;
+inline constexpr uint32_t kMaxPlaylists = (0x40000000 - kPlaylistItemBase) >> 15;
+inline constexpr uint32_t kMaxPlaylistEntries = 1u << 14;
 inline constexpr uint32_t kVirtualBase = 0x40000000;
 
 inline constexpr uint32_t kFirstFileId = 1001;
@@ -59,8 +67,13 @@ enum Slot : uint8_t {
 };
 
 // Whether `id` lies in a range of the views.
-constexpr bool isViewId(uint32_t id) {
-  return (id >= kMusic && id <= kLastFixed) || (id >= kArtistBase && id < kArtistAlbumEnd) || id >= kVirtualBase;
+constexpr bool isViewId(uint32_t id) { return (id >= kMusic && id <= kLastFixed) || id >= kArtistBase; }
+
+constexpr uint32_t playlistId(uint32_t serial, uint32_t belowPlaylists) {
+  return kPlaylistBase + serial * 2 + belowPlaylists;
+}
+constexpr uint32_t playlistItemId(uint32_t serial, uint32_t belowPlaylists, uint32_t position) {
+  return kPlaylistItemBase + (serial << 15) + (belowPlaylists << 14) + position;
 }
 
 constexpr uint32_t virtualId(uint32_t fileId, uint32_t slot) {

@@ -12,8 +12,6 @@ using namespace dmsViewsDetail;
 
 namespace {
 
-enum class FileKind { kNone, kMusic, kPicture, kVideo };
-
 FileKind kindOf(const dmsContentEntry &entry) {
   const mfdMediaInfo info = dmsClmExpandMedia(entry.media);
   const char *upnpClass = mfd_upnpClass(info);
@@ -43,7 +41,11 @@ const dmsViews::Container *dmsViews::container(uint32_t id) const {
   return found == containers_.end() ? nullptr : found->second.get();
 }
 
-void dmsViews::touch(uint32_t id) { touched_.push_back(id); }
+// Notes a changed container for the apply in progress (a rebuild tells
+// nobody, and would grow the list by one per place of every file).
+void dmsViews::touch(uint32_t id) {
+  if (!rebuilding_) touched_.push_back(id);
+}
 
 // Makes container `id` below `parentId` (which exists) when it is not there.
 dmsViews::Container &dmsViews::makeContainer(uint32_t id, uint32_t parentId, uint8_t kind, uint32_t titleTag) {
@@ -129,44 +131,35 @@ uint32_t dmsViews::artistAlbum(uint32_t artistTag, uint32_t albumTag) {
 void dmsViews::place(const dmsContentEntry &entry, FileRow &into) {
   using namespace dmsViewIds;
   const dmsMediaTags &tags = entry.tags;
-  switch (kindOf(entry)) {
-    case FileKind::kMusic: {
-      into.first = kSlotAllTracks;
-      into.count = 4;
-      addMember(kAllTracks, entry.id, kSlotAllTracks, into);
-      const uint32_t artist = makeContainer(kArtistBase + tags.artist, kArtists, kArtist, tags.artist).id;
-      const uint32_t below = tags.album != 0 ? artistAlbum(tags.artist, tags.album) : 0;
-      addMember(below != 0 ? below : artist, entry.id, kSlotArtist, into);
-      if (tags.album != 0) {
-        addMember(makeContainer(kAlbumBase + tags.album, kAlbums, kAlbum, tags.album).id, entry.id, kSlotAlbum, into);
-      }
-      if (tags.genre != 0) {
-        addMember(makeContainer(kGenreBase + tags.genre, kGenres, kGenre, tags.genre).id, entry.id, kSlotGenre, into);
-      }
-      return;
+  const FileKindRow &kind = kFileKinds[static_cast<size_t>(into.kind)];
+  into.first = kind.firstPlace;
+  into.count = 0;
+  ++kindCount_[static_cast<size_t>(into.kind)];
+  touch(kind.allList);
+  if (into.kind == FileKind::kMusic) {
+    into.count = 3;
+    const uint32_t artist = makeContainer(kArtistBase + tags.artist, kArtists, kArtist, tags.artist).id;
+    const uint32_t below = tags.album != 0 ? artistAlbum(tags.artist, tags.album) : 0;
+    addMember(below != 0 ? below : artist, entry.id, kSlotArtist, into);
+    if (tags.album != 0) {
+      addMember(makeContainer(kAlbumBase + tags.album, kAlbums, kAlbum, tags.album).id, entry.id, kSlotAlbum, into);
     }
-    case FileKind::kPicture: {
-      into.first = kSlotAllPictures;
-      into.count = 2;
-      addMember(kAllPictures, entry.id, kSlotAllPictures, into);
-      const int64_t date = dateKey(entry, list_->tagPool);
-      const uint32_t year = static_cast<uint32_t>(date / 10000000000);
-      const uint32_t month = static_cast<uint32_t>(date / 100000000 % 100);
-      if (year < 1 || year > 9999 || month < 1 || month > 12) return;
-      const uint32_t yearId = makeContainer(kDateBase + year * 100, kByDate, kYear, 0).id;
-      addMember(makeContainer(yearId + month, yearId, kMonth, 0).id, entry.id, kSlotMonth, into);
-      return;
+    if (tags.genre != 0) {
+      addMember(makeContainer(kGenreBase + tags.genre, kGenres, kGenre, tags.genre).id, entry.id, kSlotGenre, into);
     }
-    case FileKind::kVideo:
-      into.first = kSlotAllVideos;
-      into.count = 1;
-      addMember(kAllVideos, entry.id, kSlotAllVideos, into);
-      return;
-    case FileKind::kNone:
-      return;
+  } else if (into.kind == FileKind::kPicture) {
+    into.count = 1;
+    const int64_t date = dateKey(entry, list_->tagPool);
+    const uint32_t year = static_cast<uint32_t>(date / 10000000000);
+    const uint32_t month = static_cast<uint32_t>(date / 100000000 % 100);
+    if (year < 1 || year > 9999 || month < 1 || month > 12) return;
+    const uint32_t yearId = makeContainer(kDateBase + year * 100, kByDate, kYear, 0).id;
+    addMember(makeContainer(yearId + month, yearId, kMonth, 0).id, entry.id, kSlotMonth, into);
   }
 }
 
+// Takes the file out of every list; its row stays (kind kNone) for the
+// caller to place again or leave as a hole.
 void dmsViews::unplace(FileRow &from) {
   for (size_t place = 0; place < from.count; ++place) {
     const uint32_t id = from.container[place];
@@ -176,71 +169,98 @@ void dmsViews::unplace(FileRow &from) {
     dropIfEmpty(id);
   }
   from.count = 0;
+  --kindCount_[static_cast<size_t>(from.kind)];
+  touch(kFileKinds[static_cast<size_t>(from.kind)].allList);
+  from.kind = FileKind::kNone;
 }
 
 // Places the item `fileId` names anew (taking it out of its old places
-// first when it was listed).
+// first when it was listed); a file the views do not show leaves a hole.
 void dmsViews::addFile(uint32_t fileId) {
   FileRow *listed = row(fileId);
-  if (listed != nullptr && listed->live) unplace(*listed);
+  const bool wasLive = listed != nullptr && listed->kind != FileKind::kNone;
+  if (wasLive) unplace(*listed);
   const dmsContentEntry *entry = list_->entriesById.find(fileId);
-  if (entry == nullptr || entry->type != DMS_CLM_TYPE_ITEM || fileId < dmsViewIds::kFirstFileId ||
-      fileId > dmsViewIds::kMaxFileId) {
-    if (listed != nullptr && listed->live) removeFile(fileId);
+  const FileKind kind = entry != nullptr && entry->type == DMS_CLM_TYPE_ITEM && fileId >= dmsViewIds::kFirstFileId &&
+                                fileId <= dmsViewIds::kMaxFileId
+                            ? kindOf(*entry)
+                            : FileKind::kNone;
+  if (kind == FileKind::kNone) {
+    if (wasLive) noteHole();
     return;
   }
   if (listed == nullptr) {
     auto at = std::lower_bound(rows_.begin(), rows_.end(), fileId,
                                [](const FileRow &r, uint32_t id) { return r.fileId < id; });
     listed = &*rows_.insert(at, FileRow{fileId});
-  } else if (!listed->live) {
+  } else if (!wasLive) {
     --holes_;
   }
-  listed->live = true;
+  listed->kind = kind;
   place(*entry, *listed);
 }
 
 void dmsViews::removeFile(uint32_t fileId) {
   FileRow *listed = row(fileId);
-  if (listed == nullptr || !listed->live) return;
+  if (listed == nullptr || listed->kind == FileKind::kNone) return;
   unplace(*listed);
-  listed->live = false;
-  // The holes are squeezed out once they are half the rows.
+  noteHole();
+}
+
+// One more hole; they are squeezed out once they are half the rows.
+void dmsViews::noteHole() {
   if (++holes_ > rows_.size() / 2) {
-    std::erase_if(rows_, [](const FileRow &r) { return !r.live; });
+    std::erase_if(rows_, [](const FileRow &r) { return r.kind == FileKind::kNone; });
     holes_ = 0;
   }
 }
 
 void dmsViews::rebuild() {
-  std::unique_lock writing(mutex_);
-  containers_.clear();
-  rows_.clear();
-  holes_ = 0;
-  artistAlbums_.clear();
-  nextArtistAlbum_ = dmsViewIds::kArtistAlbumBase;
-  for (const FixedRow &fixed : kFixedRows) {
-    Container &made = makeContainer(fixed.id, fixed.parentId, kFixed, 0);
-    made.fixedTitle = fixed.title;
-    made.items = fixed.items;
-  }
+  // The items and the playlists are found and read before the lock.
   std::vector<uint32_t> items;
+  std::vector<uint32_t> playlistFolders;
   std::vector<const dmsContentEntry *> pending{list_->root};
   while (!pending.empty()) {
     const dmsContentEntry *at = pending.back();
     pending.pop_back();
     if (at == nullptr) continue;
     if (at->type == DMS_CLM_TYPE_ITEM) items.push_back(at->id);
+    if (at->container != nullptr && !at->container->playlists.empty()) playlistFolders.push_back(at->id);
     for (const dmsContentEntry *child : dmsClmChildren(at)) pending.push_back(child);
   }
   std::sort(items.begin(), items.end());
+  std::vector<PlaylistRead> read = readPlaylists(playlistFolders);
+  std::unique_lock writing(mutex_);
+  containers_.clear();
+  rows_.clear();
+  holes_ = 0;
+  std::fill(std::begin(kindCount_), std::end(kindCount_), 0);
+  artistAlbums_.clear();
+  nextArtistAlbum_ = dmsViewIds::kArtistAlbumBase;
+  playlists_.clear();
+  folderPlaylists_.clear();
+  for (const FixedRow &fixed : kFixedRows) {
+    Container &made = makeContainer(fixed.id, fixed.parentId, kFixed, 0);
+    made.fixedTitle = fixed.title;
+    made.items = fixed.items;
+    made.allOf = fixed.allOf;
+  }
   rows_.reserve(items.size());
+  rebuilding_ = true;
   for (uint32_t id : items) addFile(id);
+  takePlaylists(playlistFolders, read);
+  rebuilding_ = false;
+  for (auto &[id, made] : containers_) made->members.shrink_to_fit();  // grown by doubling
   touched_.clear();
   generation_.fetch_add(1, std::memory_order_acq_rel);
 }
 
 void dmsViews::apply(const dmsClmChangeSet &change, std::vector<uint32_t> &pairs) {
+  std::vector<uint32_t> folders;
+  if (change.playlistFolders != nullptr) folders = *change.playlistFolders;
+  std::sort(folders.begin(), folders.end());
+  folders.erase(std::unique(folders.begin(), folders.end()), folders.end());
+  std::vector<PlaylistRead> read = readPlaylists(folders);  // file I/O before the lock
   std::unique_lock writing(mutex_);
   touched_.clear();
   const auto each = [](const std::vector<uint32_t> *ids, auto &&step) {
@@ -249,9 +269,12 @@ void dmsViews::apply(const dmsClmChangeSet &change, std::vector<uint32_t> &pairs
   each(change.freedItems, [this](uint32_t id) { removeFile(id); });
   each(change.changedItems, [this](uint32_t id) { addFile(id); });
   each(change.madeItems, [this](uint32_t id) { addFile(id); });
+  each(change.freedFolders, [this](uint32_t id) { dropPlaylists(id); });
+  takePlaylists(folders, read);
   std::sort(touched_.begin(), touched_.end());
   touched_.erase(std::unique(touched_.begin(), touched_.end()), touched_.end());
   for (uint32_t id : touched_) {
+    if (bumpPlaylist(id, pairs)) continue;
     Container *changed = container(id);
     if (changed == nullptr) continue;  // made and dropped again in this change
     pairs.push_back(id);

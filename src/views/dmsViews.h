@@ -4,7 +4,8 @@
 //   Music     All Tracks; Artists -> artist -> album -> tracks (tracks
 //             without an album right below their artist; tracks without an
 //             artist below "Unknown Artist"); Albums -> album -> tracks;
-//             Genres -> genre -> tracks; Playlists
+//             Genres -> genre -> tracks; Playlists -> playlist -> its
+//             entries (each playlist also listed in its folder)
 //   Pictures  All Pictures; By Date -> year -> month -> pictures (the date
 //             taken from Exif, else the file's time)
 //   Video     All Videos
@@ -77,11 +78,16 @@ class dmsViews {
   // The ids of the children of container `id` in their default order; NULL
   // when `id` is no container of the views.  May throw std::bad_alloc.
   Order children(uint32_t id) const;
+  // The playlists of folder `folderId` as its listing shows them (after its
+  // files and folders), in name order; NULL when it has none.
+  Order playlistsIn(uint32_t folderId) const;
   // Raised by every apply and rebuild.
   uint64_t generation() const { return generation_.load(std::memory_order_acquire); }
 
   struct Container;
   struct FileRow;
+  struct Playlist;
+  struct PlaylistRead;
 
  private:
   Container *container(uint32_t id);
@@ -94,12 +100,20 @@ class dmsViews {
   FileRow *row(uint32_t fileId);
   void addFile(uint32_t fileId);
   void removeFile(uint32_t fileId);
+  void noteHole();
   void place(const dmsContentEntry &entry, FileRow &row);
   void unplace(FileRow &row);
   uint32_t artistAlbum(uint32_t artistTag, uint32_t albumTag);
   void fillObject(uint32_t id, const Container &container, dmsViewObject &out) const;
   bool findItem(uint32_t id, dmsViewObject &out) const;
   std::vector<uint32_t> defaultOrder(const Container &container) const;
+  // Playlists (dmsViewsPlaylists.cpp).
+  std::vector<PlaylistRead> readPlaylists(const std::vector<uint32_t> &folders) const;
+  void takePlaylists(const std::vector<uint32_t> &folders, std::vector<PlaylistRead> &read);
+  void dropPlaylists(uint32_t folderId);
+  bool bumpPlaylist(uint32_t id, std::vector<uint32_t> &pairs);
+  bool findPlaylistObject(uint32_t id, dmsViewObject &out) const;
+  Order playlistChildren(uint32_t id) const;
 
   dmsContentListInfo *list_;
   mutable std::shared_mutex mutex_;
@@ -107,9 +121,14 @@ class dmsViews {
   std::unordered_map<uint32_t, std::unique_ptr<Container>> containers_;
   std::vector<FileRow> rows_;  // by file id; rows of files gone are holes
   size_t holes_ = 0;
+  uint32_t kindCount_[4] = {0, 0, 0, 0};  // live rows of each kind
   std::unordered_map<uint64_t, uint32_t> artistAlbums_;  // (artist tag, album tag) -> container id
   uint32_t nextArtistAlbum_ = dmsViewIds::kArtistAlbumBase;
+  std::unordered_map<uint32_t, std::unique_ptr<Playlist>> playlists_;  // by number
+  std::unordered_map<uint32_t, std::vector<uint32_t>> folderPlaylists_;  // folder id -> numbers, by name
+  uint32_t nextPlaylist_ = 0;
   std::vector<uint32_t> touched_;  // containers changed by the apply in progress
+  bool rebuilding_ = false;
   std::atomic<uint64_t> generation_{0};
 };
 

@@ -5,6 +5,7 @@
 #define DMS_VIEWS_DMSVIEWSINTERNAL_H
 
 #include <cstdint>
+#include <string>
 #include <string_view>
 #include <vector>
 
@@ -12,6 +13,25 @@
 #include "views/dmsViews.h"
 
 namespace dmsViewsDetail {
+
+// What a file is to the views; kNone marks a row of a file gone.
+enum class FileKind : uint8_t { kNone, kMusic, kPicture, kVideo };
+
+// Per kind of file: the All list every such file is in (its members are
+// the rows of that kind, not stored again), the slot of its item there, and
+// the slot of its first place in the other lists.
+struct FileKindRow {
+  uint32_t allList;
+  uint8_t allSlot;
+  uint8_t firstPlace;
+};
+inline constexpr FileKindRow kFileKinds[] = {
+    // All list                  its slot                        first other place
+    {0,                          0,                              0},                           // kNone
+    {dmsViewIds::kAllTracks,     dmsViewIds::kSlotAllTracks,     dmsViewIds::kSlotArtist},     // kMusic
+    {dmsViewIds::kAllPictures,   dmsViewIds::kSlotAllPictures,   dmsViewIds::kSlotMonth},      // kPicture
+    {dmsViewIds::kAllVideos,     dmsViewIds::kSlotAllVideos,     dmsViewIds::kSlotAllVideos},  // kVideo
+};
 
 // How a container's items go by default.
 enum class ItemOrder : uint8_t { kByTitle, kByDiscTrack, kByDate };
@@ -40,20 +60,21 @@ struct FixedRow {
   uint32_t parentId;
   const char *title;
   ItemOrder items;
+  FileKind allOf;  // an All list: every file of this kind
 };
 inline constexpr FixedRow kFixedRows[] = {
-    // id                         parent                   title           items
-    {dmsViewIds::kMusic,          0,                       "Music",        ItemOrder::kByTitle},
-    {dmsViewIds::kPictures,       0,                       "Pictures",     ItemOrder::kByTitle},
-    {dmsViewIds::kVideo,          0,                       "Video",        ItemOrder::kByTitle},
-    {dmsViewIds::kAllTracks,      dmsViewIds::kMusic,      "All Tracks",   ItemOrder::kByTitle},
-    {dmsViewIds::kArtists,        dmsViewIds::kMusic,      "Artists",      ItemOrder::kByTitle},
-    {dmsViewIds::kAlbums,         dmsViewIds::kMusic,      "Albums",       ItemOrder::kByTitle},
-    {dmsViewIds::kGenres,         dmsViewIds::kMusic,      "Genres",       ItemOrder::kByTitle},
-    {dmsViewIds::kPlaylists,      dmsViewIds::kMusic,      "Playlists",    ItemOrder::kByTitle},
-    {dmsViewIds::kAllPictures,    dmsViewIds::kPictures,   "All Pictures", ItemOrder::kByDate},
-    {dmsViewIds::kByDate,         dmsViewIds::kPictures,   "By Date",      ItemOrder::kByDate},
-    {dmsViewIds::kAllVideos,      dmsViewIds::kVideo,      "All Videos",   ItemOrder::kByTitle},
+    // id                         parent                   title           items                 All list of
+    {dmsViewIds::kMusic,          0,                       "Music",        ItemOrder::kByTitle,  FileKind::kNone},
+    {dmsViewIds::kPictures,       0,                       "Pictures",     ItemOrder::kByTitle,  FileKind::kNone},
+    {dmsViewIds::kVideo,          0,                       "Video",        ItemOrder::kByTitle,  FileKind::kNone},
+    {dmsViewIds::kAllTracks,      dmsViewIds::kMusic,      "All Tracks",   ItemOrder::kByTitle,  FileKind::kMusic},
+    {dmsViewIds::kArtists,        dmsViewIds::kMusic,      "Artists",      ItemOrder::kByTitle,  FileKind::kNone},
+    {dmsViewIds::kAlbums,         dmsViewIds::kMusic,      "Albums",       ItemOrder::kByTitle,  FileKind::kNone},
+    {dmsViewIds::kGenres,         dmsViewIds::kMusic,      "Genres",       ItemOrder::kByTitle,  FileKind::kNone},
+    {dmsViewIds::kPlaylists,      dmsViewIds::kMusic,      "Playlists",    ItemOrder::kByTitle,  FileKind::kNone},
+    {dmsViewIds::kAllPictures,    dmsViewIds::kPictures,   "All Pictures", ItemOrder::kByDate,   FileKind::kPicture},
+    {dmsViewIds::kByDate,         dmsViewIds::kPictures,   "By Date",      ItemOrder::kByDate,   FileKind::kNone},
+    {dmsViewIds::kAllVideos,      dmsViewIds::kVideo,      "All Videos",   ItemOrder::kByTitle,  FileKind::kVideo},
 };
 
 // The name of the artist container of tracks that name none.
@@ -74,6 +95,7 @@ struct dmsViews::Container {
   uint8_t kind = dmsViewsDetail::kFixed;
   dmsViewsDetail::ItemOrder items = dmsViewsDetail::ItemOrder::kByTitle;
   const char *fixedTitle = nullptr;  // fixed containers
+  dmsViewsDetail::FileKind allOf = dmsViewsDetail::FileKind::kNone;  // an All list
   uint32_t titleTag = 0;             // artists, albums and genres: the pooled name (0: unknown artist)
   uint32_t positionInParent = 0;     // index in the parent's `containers`
   uint32_t updateCount = 0;
@@ -82,16 +104,33 @@ struct dmsViews::Container {
   mutable Order ordered;             // the default order, once worked out (orderMutex_)
 };
 
-// Where one file is: its places `first` .. `first + count - 1` (slots), each
-// a container (0: not there, such as an album for a track without one) and
-// the index of its virtual item in that container's members.
+// Where one file is: its All list (by its kind), and its other places,
+// slots `first` .. `first + count - 1`, each a container (0: not there, such
+// as an album for a track without one) and the index of its virtual item in
+// that container's members.  32 bytes a file.
 struct dmsViews::FileRow {
   uint32_t fileId = 0;
-  bool live = false;  // false: a hole left by a file gone
+  dmsViewsDetail::FileKind kind = dmsViewsDetail::FileKind::kNone;  // kNone: a hole left by a file gone
   uint8_t first = 0;
   uint8_t count = 0;
-  uint32_t container[4] = {0, 0, 0, 0};
-  uint32_t position[4] = {0, 0, 0, 0};
+  uint32_t container[3] = {0, 0, 0};
+  uint32_t position[3] = {0, 0, 0};
+};
+
+// One playlist file of a folder.
+struct dmsViews::Playlist {
+  uint32_t folderId = 0;
+  std::string name;              // the file's name in its folder
+  uint32_t titleTag = 0;         // its name without the extension, pooled (stable for readers)
+  std::vector<uint32_t> files;   // the items its entries name, in the file's order
+  uint32_t updateCount[2] = {0, 0};  // in its folder, below Playlists
+};
+
+// A playlist as read from its file, before it is taken in.
+struct dmsViews::PlaylistRead {
+  uint32_t folderId = 0;
+  std::string name;
+  std::vector<uint32_t> files;
 };
 
 #endif  // DMS_VIEWS_DMSVIEWSINTERNAL_H

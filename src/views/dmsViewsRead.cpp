@@ -78,7 +78,9 @@ void dmsViews::fillObject(uint32_t id, const Container &from, dmsViewObject &out
   out.id = id;
   out.parentId = from.parentId;
   out.upnpClass = kKinds[from.kind].upnpClass;
-  out.childCount = static_cast<uint32_t>(from.containers.size() + from.members.size());
+  out.childCount = static_cast<uint32_t>(from.containers.size() + from.members.size()) +
+                   kindCount_[static_cast<size_t>(from.allOf)];
+  if (id == dmsViewIds::kPlaylists) out.childCount = static_cast<uint32_t>(playlists_.size());
   switch (from.kind) {
     case kFixed:
       out.title = from.fixedTitle;
@@ -105,10 +107,14 @@ bool dmsViews::findItem(uint32_t id, dmsViewObject &out) const {
   const uint32_t slot = dmsViewIds::slotOf(id);
   auto at = std::lower_bound(rows_.begin(), rows_.end(), fileId,
                              [](const FileRow &r, uint32_t file) { return r.fileId < file; });
-  if (at == rows_.end() || at->fileId != fileId || !at->live || slot < at->first || slot >= at->first + at->count) {
-    return false;
+  if (at == rows_.end() || at->fileId != fileId || at->kind == FileKind::kNone) return false;
+  const FileKindRow &kind = kFileKinds[static_cast<size_t>(at->kind)];
+  uint32_t parentId = 0;
+  if (slot == kind.allSlot) {
+    parentId = kind.allList;
+  } else if (slot >= at->first && slot < at->first + at->count) {
+    parentId = at->container[slot - at->first];
   }
-  const uint32_t parentId = at->container[slot - at->first];
   if (parentId == 0) return false;
   out = dmsViewObject{};
   out.id = id;
@@ -121,6 +127,7 @@ bool dmsViews::find(uint32_t id, dmsViewObject &out) const {
   if (!dmsViewIds::isViewId(id)) return false;
   std::shared_lock reading(mutex_);
   if (id >= dmsViewIds::kVirtualBase) return findItem(id, out);
+  if (id >= dmsViewIds::kPlaylistBase) return findPlaylistObject(id, out);
   const Container *found = container(id);
   if (found == nullptr) return false;
   fillObject(id, *found, out);
@@ -130,6 +137,9 @@ bool dmsViews::find(uint32_t id, dmsViewObject &out) const {
 dmsViews::Order dmsViews::children(uint32_t id) const {
   if (!dmsViewIds::isViewId(id) || id >= dmsViewIds::kVirtualBase) return nullptr;
   std::shared_lock reading(mutex_);
+  if (id == dmsViewIds::kPlaylists || (id >= dmsViewIds::kPlaylistBase && id < dmsViewIds::kPlaylistItemBase)) {
+    return playlistChildren(id);
+  }
   const Container *found = container(id);
   if (found == nullptr) return nullptr;
   {
@@ -148,7 +158,7 @@ dmsViews::Order dmsViews::children(uint32_t id) const {
 std::vector<uint32_t> dmsViews::defaultOrder(const Container &from) const {
   const dmsTagPool &pool = list_->tagPool;
   std::vector<OrderKey> keys;
-  keys.reserve(from.containers.size() + from.members.size());
+  keys.reserve(from.containers.size() + from.members.size() + kindCount_[static_cast<size_t>(from.allOf)]);
   dmsViewObject object;
   for (uint32_t id : from.containers) {
     OrderKey key;
@@ -161,7 +171,7 @@ std::vector<uint32_t> dmsViews::defaultOrder(const Container &from) const {
     }
     keys.push_back(std::move(key));
   }
-  for (uint32_t id : from.members) {
+  const auto addItem = [&](uint32_t id) {
     OrderKey key;
     key.id = id;
     const dmsContentEntry *entry = list_->entriesById.find(dmsViewIds::fileOf(id));
@@ -176,6 +186,13 @@ std::vector<uint32_t> dmsViews::defaultOrder(const Container &from) const {
       dlnaUtil_foldCase(key.raw, key.title);
     }
     keys.push_back(std::move(key));
+  };
+  for (uint32_t id : from.members) addItem(id);
+  if (from.allOf != FileKind::kNone) {
+    const uint8_t slot = kFileKinds[static_cast<size_t>(from.allOf)].allSlot;
+    for (const FileRow &listed : rows_) {
+      if (listed.kind == from.allOf) addItem(dmsViewIds::virtualId(listed.fileId, slot));
+    }
   }
   std::sort(keys.begin(), keys.end(), before);
   std::vector<uint32_t> ids;

@@ -218,3 +218,45 @@ TEST(ViewsFollow, FilesCopiedRetaggedAndDeletedMoveInTheViewsWithEvents) {
 }
 
 }  // namespace
+
+namespace {
+
+TEST(ViewsPlaylists, ListedInTheirFolderAndBelowPlaylistsWithEntriesInShares) {
+  TempDir disk;
+  disk.copy("tagged/id3v24-utf8.mp3", "share/m/a.mp3");
+  disk.copy("tagged/flac-no-tags.flac", "share/m/b.flac");
+  disk.copy("tagged/flac-no-tags.flac", "outside/c.flac");
+  disk.write("share/lists/mix.m3u", "#EXTM3U\n#EXTINF:1,B\r\n../m/b.flac\r\n" + (disk / "share/m/a.mp3") +
+                                        "\n" + (disk / "outside/c.flac") + "\nmissing.mp3\nfile://" +
+                                        (disk / "share/m/b.flac") + "\nhttp://host/x.mp3\n../m\n");
+  disk.write("share/top.pls", "[playlist]\nFile2=m/a.mp3\nfile1=m/b.flac\nNumberOfEntries=2\n");
+  RunningServer server;
+  ASSERT_TRUE(server.create({disk / "share"}));
+  ASSERT_EQ(dlna_dmsSetViews(server.handle(), 1), DMS_SUCCESS);
+  ASSERT_TRUE(server.startCreated());
+  const int port = server.port();
+  EXPECT_EQ(titles(children(port, "8")), (std::vector<std::string>{"mix", "top"}));
+  const DidlObject inFolder = lookup(port, "share/lists/mix");
+  ASSERT_FALSE(inFolder.id().empty());
+  EXPECT_EQ(inFolder.prop("upnp:class"), "object.container.playlistContainer");
+  const std::string a = lookup(port, "share/m/Café & Crème — Ünïcode").id(), b = lookup(port, "share/m/b").id();
+  std::vector<std::string> refs;
+  for (const DidlObject &entry : children(port, inFolder.id())) refs.push_back(entry.attr("refID"));
+  EXPECT_EQ(refs, (std::vector<std::string>{b, a, b}));  // outside the shares, missing, URLs and folders skipped
+  refs.clear();
+  for (const DidlObject &entry : children(port, lookup(port, "Music/Playlists/top").id())) refs.push_back(entry.attr("refID"));
+  EXPECT_EQ(refs, (std::vector<std::string>{b, a}));  // PLS by entry number
+  // Search does not descend into playlists: each file once.
+  EXPECT_EQ(search(port, "0", "*").totalMatches, 2);
+  EXPECT_EQ(search(port, "8", "*").totalMatches, 0);
+  // Rewritten: read again, same id; deleted: gone from both places.
+  const std::string staged = disk.write("top.pls", "[playlist]\nFile1=m/a.mp3\n");
+  fs::rename(staged, disk / "share/top.pls");
+  ASSERT_TRUE(eventually([&] { return children(port, lookup(port, "share/top").id()).size() == 1; }));
+  EXPECT_EQ(lookup(port, "Music/Playlists/top").attr("childCount"), "1");
+  fs::remove(disk / "share/lists/mix.m3u");
+  ASSERT_TRUE(eventually([&] { return titles(children(port, "8")) == std::vector<std::string>{"top"}; }));
+  EXPECT_TRUE(lookup(port, "share/lists/mix").id().empty());
+}
+
+}  // namespace
