@@ -1,6 +1,7 @@
 // Serving figures: Browse of a 100-child folder and BrowseMetadata of one item
 // (requests per second, p50 and p99 latency and server CPU per request, with
-// 1 and 8 clients) and streaming of a 1 GiB file (MB/s and server CPU per
+// 1 and 8 clients), the folder and the views' All Tracks list of its 100
+// songs with the views on, and streaming of a 1 GiB file (MB/s and server CPU per
 // GiB with 1 and 4 streams), alone and with 16 paused players attached,
 // beside reading the same file with `cat`.
 //
@@ -225,6 +226,14 @@ int main(int argc, char **argv) {
   benchBrowse(config.port, "browse 100 children", "1003", "BrowseDirectChildren", 8, 250);
   benchBrowse(config.port, "browse metadata", "1004", "BrowseMetadata", 1, 2000);
   benchBrowse(config.port, "browse metadata", "1004", "BrowseMetadata", 8, 250);
+  // The same folder with the views on, and the All Tracks list that holds
+  // its 100 songs as virtual items.
+  dlna_dmsSetViews(server, 1);
+  benchBrowse(config.port, "views: browse 100 children", "1003", "BrowseDirectChildren", 1, 2000);
+  benchBrowse(config.port, "views: browse 100 children", "1003", "BrowseDirectChildren", 8, 250);
+  benchBrowse(config.port, "views: All Tracks (100)", "4", "BrowseDirectChildren", 1, 2000);
+  benchBrowse(config.port, "views: All Tracks (100)", "4", "BrowseDirectChildren", 8, 250);
+  dlna_dmsSetViews(server, 0);
   // "serve_bench WWW browse" stops here, for profiling the Browse path.
   if (argc <= 2 || std::string(argv[2]) != "browse") benchStreaming(server, big, bigSize);
   dlna_dmsStop(server);

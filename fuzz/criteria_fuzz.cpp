@@ -1,6 +1,6 @@
 // libFuzzer target for ContentDirectory Search: an arbitrary SearchCriteria,
 // Filter and SortCriteria go, escaped, into a well-formed Search request and
-// through SOAP control over a small library of fixtures: an MP3 whose tags
+// through SOAP control over a small library of fixtures (views on): an MP3 whose tags
 // hold "&" and text past ASCII, LPCM, a JPEG, a GIF, an MPEG-1 program
 // stream, and a folder and file whose names hold markup, control bytes and
 // bytes that are not UTF-8.  The answer (200 or a fault) must be
@@ -89,8 +89,9 @@ bool wellFormed(const std::string &xml, std::map<std::string, std::string> &text
 
 // The root, ids around the library's first ones, and ids that are no
 // objects or no numbers.
-constexpr const char *kContainerIds[] = {"0",    "999",  "1000", "1001", "1002", "1003", "1004", "1005",
-                                         "1006", "1007", "1008", "1009", "1010", "-1",   "abc",  "2147483648"};
+// Folders, files and the views' containers (1 Music, 4 All Tracks, 5 Artists).
+constexpr const char *kContainerIds[] = {"0",    "1",    "1000", "1001", "1002", "1003", "1004", "1005",
+                                         "1006", "1007", "4",    "5",    "1010", "-1",   "abc",  "2147483648"};
 constexpr int kCounts[] = {0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 100, 2147483647, -1};
 
 }  // namespace

@@ -1,12 +1,14 @@
 // What the fuzzers over the whole library share: the symbol the library
 // expects of its host, a quiet trace, and the three services over a small
-// library made once of copies of the media fixtures.
+// library made once of copies of the media fixtures, with the views on.
 #ifndef DMS_FUZZ_FUZZ_SUPPORT_H
 #define DMS_FUZZ_FUZZ_SUPPORT_H
 
 #include <cstdlib>
 #include <filesystem>
 #include <initializer_list>
+#include <memory>
+#include <mutex>
 #include <string>
 #include <utility>
 
@@ -16,6 +18,7 @@
 #include "services/dmsDeviceEventMgr.h"
 #include "services/dmsMsMrsApi.h"
 #include "util/osal_trace.h"
+#include "views/dmsViews.h"
 
 extern "C" int KVSUPPORT_XR_VAL = 0;
 
@@ -25,6 +28,7 @@ struct FuzzServices {
   dmsCdsMgrHandle *cds = nullptr;
   dmsCmsInstance *cms = nullptr;
   dmsMsMrsInstance *mrs = nullptr;
+  dmsViews *views = nullptr;
 };
 
 // The services' event manager, over a folder "Library" in a scratch folder
@@ -49,6 +53,12 @@ inline dmsDevEventMgr *fuzzServices(std::initializer_list<std::pair<const char *
     dmsClmCreateContentList(&s.list, paths, 1, 100);
     dmsDevEventMgrInit(&s.mgr, -1, "00000000-0000-0000-0000-000000000000");
     dmsCdsMgrInit(&s.cds, s.mgr, s.list, "127.0.0.1", 49152);
+    s.views = std::make_unique<dmsViews>(s.list).release();  // lives as long as the process
+    {
+      std::lock_guard changing(s.list->changeMutex);
+      s.views->rebuild();
+    }
+    s.cds->views.store(s.views);
     dmsCmsInit(&s.cms, s.mgr);
     dmsMsMrsInit(&s.mrs, s.mgr);
     return s;

@@ -239,6 +239,7 @@ void dmsViews::rebuild() {
   nextArtistAlbum_ = dmsViewIds::kArtistAlbumBase;
   playlists_.clear();
   folderPlaylists_.clear();
+  playlistEntries_ = 0;
   for (const FixedRow &fixed : kFixedRows) {
     Container &made = makeContainer(fixed.id, fixed.parentId, kFixed, 0);
     made.fixedTitle = fixed.title;

@@ -111,6 +111,7 @@ class dmsViews {
   std::vector<PlaylistRead> readPlaylists(const std::vector<uint32_t> &folders) const;
   void takePlaylists(const std::vector<uint32_t> &folders, std::vector<PlaylistRead> &read);
   void dropPlaylists(uint32_t folderId);
+  void forgetPlaylist(uint32_t serial);
   bool bumpPlaylist(uint32_t id, std::vector<uint32_t> &pairs);
   bool findPlaylistObject(uint32_t id, dmsViewObject &out) const;
   Order playlistChildren(uint32_t id) const;
@@ -127,6 +128,7 @@ class dmsViews {
   std::unordered_map<uint32_t, std::unique_ptr<Playlist>> playlists_;  // by number
   std::unordered_map<uint32_t, std::vector<uint32_t>> folderPlaylists_;  // folder id -> numbers, by name
   uint32_t nextPlaylist_ = 0;
+  size_t playlistEntries_ = 0;  // entries of all playlists together
   std::vector<uint32_t> touched_;  // containers changed by the apply in progress
   bool rebuilding_ = false;
   std::atomic<uint64_t> generation_{0};

@@ -13,6 +13,10 @@ namespace {
 
 constexpr char kPlaylistClass[] = "object.container.playlistContainer";
 
+// The most entries all playlists together keep (4 bytes each), whatever a
+// share holds: the rest of a playlist past it is left out.
+constexpr size_t kMaxEntriesHeld = 1000000;
+
 std::string_view withoutExtension(std::string_view name) {
   const size_t dot = name.rfind('.');
   return dot == std::string_view::npos || dot == 0 ? name : name.substr(0, dot);
@@ -50,10 +54,17 @@ std::vector<dmsViews::PlaylistRead> dmsViews::readPlaylists(const std::vector<ui
   return read;
 }
 
+void dmsViews::forgetPlaylist(uint32_t serial) {
+  auto found = playlists_.find(serial);
+  if (found == playlists_.end()) return;
+  playlistEntries_ -= found->second->files.size();
+  playlists_.erase(found);
+}
+
 void dmsViews::dropPlaylists(uint32_t folderId) {
   auto found = folderPlaylists_.find(folderId);
   if (found == folderPlaylists_.end()) return;
-  for (uint32_t serial : found->second) playlists_.erase(serial);
+  for (uint32_t serial : found->second) forgetPlaylist(serial);
   folderPlaylists_.erase(found);
   touch(dmsViewIds::kPlaylists);
 }
@@ -86,12 +97,17 @@ void dmsViews::takePlaylists(const std::vector<uint32_t> &folders, std::vector<P
         playlists_.emplace(serial, std::move(made));
         touch(dmsViewIds::kPlaylists);
       }
-      playlists_.at(serial)->files = std::move(fresh.files);
+      // All playlists together keep at most kMaxEntriesHeld entries.
+      std::vector<uint32_t> &files = playlists_.at(serial)->files;
+      playlistEntries_ -= files.size();
+      files = std::move(fresh.files);
+      files.resize(std::min(files.size(), kMaxEntriesHeld - playlistEntries_));
+      playlistEntries_ += files.size();
       touch(dmsViewIds::playlistId(serial, 0));
       touch(dmsViewIds::playlistId(serial, 1));
       kept.push_back(serial);
     }
-    for (uint32_t serial : old) playlists_.erase(serial);
+    for (uint32_t serial : old) forgetPlaylist(serial);
     if (!old.empty()) touch(dmsViewIds::kPlaylists);
     if (kept.empty()) {
       folderPlaylists_.erase(folderId);
