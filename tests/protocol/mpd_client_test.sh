@@ -44,6 +44,11 @@ check "a word inside the title, in another case" test "$(titles title "CRÈME V1
 check "a title taken from the file name" test "$(titles title "no-TAGS")" = "mp3-no-tags|"
 check "by artist" test "$(mpc search artist "ångström" | wc -l)" -eq 3
 check "by album" test "$(mpc search album "fixtures" | wc -l)" -eq 3
+# The views, as mpd's tree shows them: artists by name, an album's tracks.
+check "Music, Pictures and Video come first" test "$(mpc ls "$server" | head -3 | tr '\n' '|')" = \
+  "$server/Music|$server/Pictures|$server/Video|"
+check "the artists view" test "$(mpc ls "$server/Music/Artists" | sed 's:.*/::' | tr '\n' '|')" = "Unknown Artist|Zoë Ångström|"
+check "an album's tracks" test "$(mpc ls "$server/Music/Albums/Tëst Fixtures" | wc -l)" -eq 3
 track=$(mpc search title "crème v1")
 mpc -q add "$track"
 mpc -q play
