@@ -268,6 +268,7 @@ void dmsViews::apply(const dmsClmChangeSet &change, std::vector<uint32_t> &pairs
     if (ids != nullptr) for (uint32_t id : *ids) step(id);
   };
   each(change.freedItems, [this](uint32_t id) { removeFile(id); });
+  if (change.freedItems != nullptr) prunePlaylists(*change.freedItems);
   each(change.changedItems, [this](uint32_t id) { addFile(id); });
   each(change.madeItems, [this](uint32_t id) { addFile(id); });
   each(change.freedFolders, [this](uint32_t id) { dropPlaylists(id); });

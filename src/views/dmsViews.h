@@ -112,6 +112,7 @@ class dmsViews {
   void takePlaylists(const std::vector<uint32_t> &folders, std::vector<PlaylistRead> &read);
   void dropPlaylists(uint32_t folderId);
   void forgetPlaylist(uint32_t serial);
+  void prunePlaylists(const std::vector<uint32_t> &freed);
   bool bumpPlaylist(uint32_t id, std::vector<uint32_t> &pairs);
   bool findPlaylistObject(uint32_t id, dmsViewObject &out) const;
   Order playlistChildren(uint32_t id) const;

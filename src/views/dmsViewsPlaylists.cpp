@@ -117,6 +117,23 @@ void dmsViews::takePlaylists(const std::vector<uint32_t> &folders, std::vector<P
   }
 }
 
+// Takes the files a change freed out of every playlist, so that a playlist
+// lists and counts only entries that play.  O(e log f) for e entries held
+// and f files freed, and only when both are there.
+void dmsViews::prunePlaylists(const std::vector<uint32_t> &freed) {
+  if (freed.empty() || playlists_.empty()) return;
+  std::vector<uint32_t> gone(freed);
+  std::sort(gone.begin(), gone.end());
+  for (auto &[serial, playlist] : playlists_) {
+    const size_t before = playlist->files.size();
+    std::erase_if(playlist->files, [&gone](uint32_t file) { return std::binary_search(gone.begin(), gone.end(), file); });
+    if (playlist->files.size() == before) continue;
+    playlistEntries_ -= before - playlist->files.size();
+    touch(dmsViewIds::playlistId(serial, 0));
+    touch(dmsViewIds::playlistId(serial, 1));
+  }
+}
+
 // Raises the update count of a playlist container; false when `id` is none.
 bool dmsViews::bumpPlaylist(uint32_t id, std::vector<uint32_t> &pairs) {
   if (id < dmsViewIds::kPlaylistBase || id >= dmsViewIds::kPlaylistItemBase) return false;
