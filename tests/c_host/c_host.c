@@ -49,6 +49,7 @@ int main(int argc, char **argv) {
   CHECK(dlna_dmsInit());
   if (dlna_dmsCreate(NULL, &config, &info) != DMS_ERR_INVALID_PARAM) return 1;
   CHECK(dlna_dmsCreate(&server, &config, &info));
+  CHECK(dlna_dmsSetViews(server, 1));
   CHECK(dlna_dmsStart(server));
   if (dlna_dmsGetMediaPort(server) != (int)config.port) {
     fprintf(stderr, "the media server is not listening on the one port\n");
