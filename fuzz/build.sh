@@ -26,7 +26,7 @@ all=(detect_fuzz front_door_fuzz request_fuzz criteria_fuzz config_fuzz playlist
 targets=("$@")
 [ ${#targets[@]} -gt 0 ] || targets=("${all[@]}")
 
-libs=(libupnp libmicrohttpd taglib libturbojpeg libpng libcurl expat)
+libs=(libupnp libmicrohttpd taglib libturbojpeg libpng libcurl expat sqlite3)
 library_built=no
 
 # Whether `object` must be compiled again: it or its dependency list is
