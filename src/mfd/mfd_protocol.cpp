@@ -8,6 +8,9 @@
 #include "mfd/mfd_api.h"
 #include "mfd/mfd_formats.h"
 #include "mfd/mfd_protocol.h"
+
+#include <utility>
+#include <vector>
 #include "util/osal_trace.h"
 
 static constexpr char kTraceFile[] = "mfd_protocol.c";
@@ -235,6 +238,25 @@ const ProtocolStrings &asfStrings(const mfdMediaInfo &info) {
   return kAsf;
 }
 
+// Every strings constant above, each visited once (by the rows that hold
+// it), for finding one again by its key.
+template <typename Visit>
+void eachStrings(Visit &&visit) {
+  for (const ProtocolStrings *one :
+       {&kNoMapping, &kAtrac, &kAc3, &kMpegAudio, &kMp3, &kAac, &kMpegVideo, &kMpeg4Video, &kWmv, &kTiff,
+        &kGifLarge, &kGif, &kWavOther, &kPcmOther, &kJpeg, &kPng, &kMpegPsNtsc, &kMpegPsPal, &kMp4AudioIso,
+        &kMp4Audio3gpp, &kMp4Audio, &kMp4VideoCif, &kMp4Video, &kAsfWmv, &kAsfWma, &kAsf, &kFlac, &kOgg,
+        &kMatroskaVideo, &kMatroskaAudio, &kWebmVideo, &kWebmAudio, &kAvi, &kQuickTime}) {
+    visit(*one);
+  }
+  for (const ProtocolStrings &row : kPcmRows) visit(row);
+  for (const WavRow &row : kWavRows) visit(row.strings);
+  for (const ImageRow &row : kJpegRows) visit(row.strings);
+  for (const ImageRow &row : kPngRows) visit(row.strings);
+  for (const ProtocolStrings &row : kAsfWmvRows) visit(row);
+  for (const ProtocolStrings &row : kAsfWmaRows) visit(row);
+}
+
 }  // namespace
 
 // The mappings the format table names, one per format family.
@@ -316,4 +338,28 @@ int32_t mfd_getMediaProtocolDetails(const mfdMediaInfo *info, const char **mimeT
   *profileName = strings.profileName;
   *protocolInfo = strings.protocolInfo;
   return 0;
+}
+
+uint32_t mfd_protocolStringsKey(const mfdProtocolStrings &strings) {
+  uint32_t hash = 2166136261u;  // FNV-1a over the three texts, each ended by a NUL
+  for (const char *text : {strings.mimeType, strings.profileName, strings.protocolInfo}) {
+    for (const char *at = text;; ++at) {
+      hash = (hash ^ static_cast<uint8_t>(*at)) * 16777619u;
+      if (*at == '\0') break;
+    }
+  }
+  return hash;
+}
+
+const mfdProtocolStrings *mfd_protocolStringsByKey(uint32_t key) {
+  // Keyed once, on first use (a thread-safe static).
+  static const std::vector<std::pair<uint32_t, const ProtocolStrings *>> keyed = [] {
+    std::vector<std::pair<uint32_t, const ProtocolStrings *>> all;
+    eachStrings([&all](const ProtocolStrings &strings) { all.emplace_back(mfd_protocolStringsKey(strings), &strings); });
+    return all;
+  }();
+  for (const auto &[candidate, strings] : keyed) {
+    if (candidate == key) return strings;
+  }
+  return nullptr;
 }

@@ -5,6 +5,8 @@
 #ifndef DMS_MFD_MFD_PROTOCOL_H
 #define DMS_MFD_MFD_PROTOCOL_H
 
+#include <cstdint>
+
 #include "mfd/mfd_api.h"
 
 struct mfdProtocolStrings {
@@ -16,6 +18,12 @@ struct mfdProtocolStrings {
 // The strings of `info` by its format's mapping; "", "", "" for a format
 // without one.  What mfd_getMediaProtocolDetails hands out.
 const mfdProtocolStrings &mfd_protocolStringsFor(const mfdMediaInfo &info);
+
+// A name of `strings` that stays the same from build to build while its
+// texts do (a hash of them), and the constant of that name, or NULL: what a
+// stored record keeps in place of the pointer.
+uint32_t mfd_protocolStringsKey(const mfdProtocolStrings &strings);
+const mfdProtocolStrings *mfd_protocolStringsByKey(uint32_t key);
 
 using mfdProtocolMapping = const mfdProtocolStrings &(*)(const mfdMediaInfo &info);
 
