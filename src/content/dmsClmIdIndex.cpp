@@ -12,7 +12,9 @@ std::vector<dmsClmIdIndex::Row>::const_iterator dmsClmIdIndex::locate(uint32_t i
 
 void dmsClmIdIndex::insert(dmsContentEntry *entry) {
   const uint32_t id = entry->id;
-  if (rows_.empty() || rows_.back().id < id) {
+  const bool inOrder = rows_.empty() || rows_.back().id < id;
+  if (batching_ && !inOrder && sorted_ == 0) sorted_ = rows_.size();  // the batch's first add out of order
+  if (inOrder || batching_) {
     rows_.push_back({id, entry});
     return;
   }
@@ -47,7 +49,31 @@ void dmsClmIdIndex::squeeze() {
   holes_ = 0;
 }
 
+// Sorts what the batch added out of order into the table: the added rows
+// are sorted (keeping their order among equal ids) and merged after the
+// rows already there, then of each run of equal ids the last added stays.
+void dmsClmIdIndex::endBatch() noexcept {
+  batching_ = false;
+  if (sorted_ == 0) return;
+  const auto byId = [](const Row &a, const Row &b) { return a.id < b.id; };
+  const auto middle = rows_.begin() + static_cast<std::ptrdiff_t>(sorted_);
+  std::stable_sort(middle, rows_.end(), byId);
+  std::inplace_merge(rows_.begin(), middle, rows_.end(), byId);
+  size_t kept = 0;
+  for (size_t at = 0; at < rows_.size(); ++at) {
+    if (kept > 0 && rows_[kept - 1].id == rows_[at].id) {
+      rows_[kept - 1] = rows_[at];
+    } else {
+      rows_[kept++] = rows_[at];
+    }
+  }
+  rows_.resize(kept);
+  holes_ = static_cast<size_t>(std::count_if(rows_.begin(), rows_.end(), [](const Row &r) { return r.entry == nullptr; }));
+  sorted_ = 0;
+}
+
 void dmsClmIdIndex::clear() {
   std::vector<Row>().swap(rows_);
   holes_ = 0;
+  sorted_ = 0;
 }

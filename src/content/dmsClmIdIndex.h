@@ -1,10 +1,13 @@
 // Entries by id: a table of (id, entry) rows sorted by id.
 //
 // Ids are handed out in increasing order, so adding an entry is an append.
-// Removing one leaves a hole that lookups step over; the holes are squeezed
-// out once they are half the table.  Lookup is a binary search, adding and
-// removing are O(1) amortised after it, and a row costs 16 bytes, against a
-// 48-byte node per entry for a search tree.
+// Entries that come in any order of ids (ids kept from an earlier run) are
+// added in a batch: appended as they come, and the table sorted once when
+// the batch ends, in O(n + k log k) for k added to n.  Removing one leaves a
+// hole that lookups step over; the holes are squeezed out once they are half
+// the table.  Lookup is a binary search, adding and removing are O(1)
+// amortised after it, and a row costs 16 bytes, against a 48-byte node per
+// entry for a search tree.
 //
 // Not thread-safe: the content list's lock discipline covers it (readers
 // under the shared hold, changes under the exclusive one).
@@ -32,6 +35,22 @@ class dmsClmIdIndex {
   dmsContentEntry *remove(uint32_t id);
   // Entries listed.
   size_t size() const { return rows_.size() - holes_; }
+
+  // Adds made while one lives may come in any order of ids; no lookup or
+  // removal may run until it ends (the writer holds the list's exclusive
+  // lock across it).  Its end sorts the table; of two entries under one id
+  // the one added last stays.  The sort needs no memory it cannot do
+  // without (it works in place when no buffer can be had).
+  class Batch {
+   public:
+    explicit Batch(dmsClmIdIndex &index) : index_(index) { index_.batching_ = true; }
+    ~Batch() { index_.endBatch(); }
+    Batch(const Batch &) = delete;
+    Batch &operator=(const Batch &) = delete;
+
+   private:
+    dmsClmIdIndex &index_;
+  };
   void clear();
 
  private:
@@ -41,9 +60,12 @@ class dmsClmIdIndex {
   };
   std::vector<Row>::const_iterator locate(uint32_t id) const;
   void squeeze();
+  void endBatch() noexcept;
 
   std::vector<Row> rows_;
   size_t holes_ = 0;
+  bool batching_ = false;
+  size_t sorted_ = 0;  // in a batch: rows_[0, sorted_) are in order, the rest as added
 };
 
 #endif  // DMS_CONTENT_DMSCLMIDINDEX_H

@@ -56,6 +56,38 @@ TEST(ListStorage, IdTableAgreesWithAMapThroughAddsAndRemoves) {
   EXPECT_EQ(index.find(model.begin()->first), model.begin()->second);
 }
 
+TEST(ListStorage, IdTableTakesBatchesInAnyOrderOfIds) {
+  dmsClmIdIndex index;
+  std::map<uint32_t, dmsContentEntry *> model;
+  std::vector<std::unique_ptr<dmsContentEntry>> entries;
+  std::mt19937 random(11);
+  const auto add = [&](uint32_t id) {
+    entries.push_back(std::make_unique<dmsContentEntry>());
+    entries.back()->id = id;
+    index.insert(entries.back().get());
+    model[id] = entries.back().get();  // the last added under an id stays
+  };
+  for (int round = 0; round < 40; ++round) {
+    {
+      dmsClmIdIndex::Batch batch(index);
+      // Ids kept from an earlier run come in the order of the walk; some
+      // again (a refresh), some above every one listed (new files).
+      for (int i = 0; i < 500; ++i) add(random() % 2 == 0 ? 1001 + random() % 20000 : 30000 + round * 500 + i);
+    }
+    for (int i = 0; i < 200; ++i) {
+      const uint32_t id = 1001 + random() % 20000;
+      const auto found = model.find(id);
+      EXPECT_EQ(index.remove(id), found == model.end() ? nullptr : found->second) << id;
+      if (found != model.end()) model.erase(found);
+    }
+    ASSERT_EQ(index.size(), model.size()) << round;
+  }
+  for (uint32_t id = 1000; id < 52000; ++id) {
+    const auto found = model.find(id);
+    ASSERT_EQ(index.find(id), found == model.end() ? nullptr : found->second) << id;
+  }
+}
+
 TEST(ListStorage, TagPoolKeepsEachTextOnceUnderAStableId) {
   dmsTagPool pool;
   EXPECT_EQ(pool.intern(""), 0u);
