@@ -1,8 +1,10 @@
 // End to end, as a user meets it: from launching `dlna-dms` on a library of
 // tagged music and photos until Browse lists the last folder, and the peak
 // resident memory of the whole process, for 20,000 and 100,000 files (hard
-// links of real fixtures, 100 to a folder, warm cache), with the views (the
-// default) and without (--views=no).  Four files in five are tracks, hard
+// links of real fixtures, 100 to a folder, warm cache): without a state
+// folder, with the views and without; then with a state folder: the first
+// start (a new index), a restart of the unchanged library, and a restart
+// after 1,000 files were copied anew; with the index's size on disk.  Four files in five are tracks, hard
 // links of 2,000 tagged copies (400 artists, 500 albums, 20 genres), so the
 // views hold as many artists and albums as a real collection of that size.
 //
@@ -78,7 +80,8 @@ long peakKiB(pid_t pid) {
 
 // Seconds from launch until the last folder lists all its files; -1 when it
 // never does within two minutes.
-double launchToBrowsable(const std::string &program, const fs::path &library, int files, bool views, long *peak) {
+double launchToBrowsable(const std::string &program, const fs::path &library, int files,
+                         const std::vector<std::string> &options, long *peak) {
   char lastFolder[32];
   std::snprintf(lastFolder, sizeof lastFolder, "d%05d", (files - 1) / kPerFolder);
   const int inLastFolder = files - (files - 1) / kPerFolder * kPerFolder;
@@ -87,9 +90,14 @@ double launchToBrowsable(const std::string &program, const fs::path &library, in
   if (pid == 0) {
     const std::string port = std::to_string(kPort);
     // Room for every file and folder of the largest library.
-    ::execl(program.c_str(), program.c_str(), "--address", "127.0.0.1", "--port", port.c_str(), "--www",
-            DMS_BENCH_WWW, "--max-content", "200000", views ? "--views=yes" : "--views=no", library.c_str(),
-            static_cast<char *>(nullptr));
+    std::vector<std::string> words{program, "--address", "127.0.0.1", "--port", port, "--www", DMS_BENCH_WWW,
+                                   "--max-content", "200000"};
+    words.insert(words.end(), options.begin(), options.end());
+    words.push_back(library.string());
+    std::vector<char *> argv;
+    for (std::string &word : words) argv.push_back(word.data());
+    argv.push_back(nullptr);
+    ::execv(program.c_str(), argv.data());
     std::_Exit(127);
   }
   double seconds = -1;
@@ -117,15 +125,43 @@ int main(int argc, char **argv) {
   }
   const fs::path base = fs::path(argc > 2 ? argv[2] : "/tmp") / ("dms_launch_bench_" + std::to_string(::getpid()));
   makeTemplates(base / "templates");
-  std::printf("%-8s %-6s %14s %12s %10s %14s\n", "files", "views", "to browsable", "files/s", "peak MB", "bytes/file");
+  std::printf("%-8s %-24s %14s %10s %14s %12s\n", "files", "run", "to browsable", "peak MB", "bytes/file",
+              "index bytes");
   for (int files : {20000, 100000}) {
     const fs::path library = base / ("lib" + std::to_string(files));
+    const fs::path state = base / ("state" + std::to_string(files));
     buildLibrary(library, base / "templates", files);
-    for (bool views : {false, true}) {
+    const std::string stateOption = "--state-dir=" + state.string();
+    struct Run {
+      const char *label;
+      std::vector<std::string> options;
+      bool changeFirst = false;  // 1,000 files copied anew (new inode and time) before it
+    } runs[] = {
+        {"no state, views off", {"--state-dir=none", "--views=no"}},
+        {"no state, views on", {"--state-dir=none"}},
+        {"first start (new index)", {stateOption}},
+        {"restart, unchanged", {stateOption}},
+        {"restart, 1,000 changed", {stateOption}, true},
+    };
+    for (const Run &run : runs) {
+      if (run.changeFirst) {
+        for (int i = 0; i < 1000; ++i) {
+          char name[48];
+          std::snprintf(name, sizeof name, "d%05d/f%06d", i / kPerFolder, i);
+          for (const char *extension : {".mp3", ".jpg"}) {
+            const fs::path file = library / (std::string(name) + extension);
+            if (!fs::exists(file)) continue;
+            fs::copy_file(file, file.string() + ".new");
+            fs::rename(file.string() + ".new", file);
+          }
+        }
+      }
       long peak = 0;
-      const double seconds = launchToBrowsable(argv[1], library, files, views, &peak);
-      std::printf("%-8d %-6s %12.2f s %12.0f %10.1f %14.0f\n", files, views ? "on" : "off", seconds,
-                  seconds > 0 ? files / seconds : 0.0, peak / 1024.0, peak * 1024.0 / files);
+      const double seconds = launchToBrowsable(argv[1], library, files, run.options, &peak);
+      std::error_code none;
+      const auto indexBytes = fs::file_size(state / "index.db", none) + fs::file_size(state / "index.db-wal", none);
+      std::printf("%-8d %-24s %12.2f s %10.1f %14.0f %12llu\n", files, run.label, seconds, peak / 1024.0,
+                  peak * 1024.0 / files, static_cast<unsigned long long>(fs::exists(state) ? indexBytes : 0));
       std::fflush(stdout);
     }
     fs::remove_all(library);

@@ -57,6 +57,7 @@ const OptionRow kOptions[] = {
     {"filter", false, [](HostOptions &o, const std::string &v) { return parseSwitch(v, o.filter); }},
     {"wide-links", false, [](HostOptions &o, const std::string &v) { return parseSwitch(v, o.wideLinks); }},
     {"views", false, [](HostOptions &o, const std::string &v) { return parseSwitch(v, o.views); }},
+    {"state-dir", true, [](HostOptions &o, const std::string &v) { return !v.empty() && (o.stateDir = v, true); }},
     {"trace", true, [](HostOptions &o, const std::string &v) { return parseMask(v) && (o.trace = v, true); }},
     {"www", true, [](HostOptions &o, const std::string &v) { return !v.empty() && (o.www = v, true); }},
 };
@@ -144,6 +145,10 @@ void printHostUsage(FILE *out) {
                "  --wide-links        follow symbolic links that lead out of the folders\n"
                "  --views=no          show only the folders, without the Music, Pictures\n"
                "                      and Video views (default: views shown)\n"
+               "  --state-dir DIR     keep object ids and what was found in files here, so\n"
+               "                      that ids last and a restart is quick (default:\n"
+               "                      $STATE_DIRECTORY, else $XDG_STATE_HOME/dlna-dms, else\n"
+               "                      ~/.local/state/dlna-dms; none: keep nothing)\n"
                "  --trace MASK        trace level mask, hexadecimal (default 0x0003)\n"
                "  --www DIR           folder with the description files and icons\n"
                "  --help              show this text\n"
@@ -207,4 +212,20 @@ bool resolveHostOptions(const HostCommandLine &line, HostOptions &options, std::
   }
   options = std::move(resolved);
   return true;
+}
+
+std::string hostStateFolder(const HostOptions &options) {
+  if (options.stateDir == "none") return {};
+  if (!options.stateDir.empty()) return options.stateDir;
+  if (const char *systemd = std::getenv("STATE_DIRECTORY"); systemd != nullptr && *systemd != '\0') {
+    const std::string folders = systemd;
+    return folders.substr(0, folders.find(':'));
+  }
+  if (const char *xdg = std::getenv("XDG_STATE_HOME"); xdg != nullptr && *xdg == '/') {
+    return std::string(xdg) + "/dlna-dms";
+  }
+  if (const char *home = std::getenv("HOME"); home != nullptr && *home == '/') {
+    return std::string(home) + "/.local/state/dlna-dms";
+  }
+  return {};
 }

@@ -25,6 +25,7 @@ struct HostOptions {
   bool filter = false;
   bool wideLinks = false;  // links may lead out of the shared folders
   bool views = true;       // Music, Pictures and Video beside the folders
+  std::string stateDir;    // "none": no state folder; empty: the default (see hostStateFolder)
   std::string trace;  // trace level mask; empty: errors and warnings
   std::string www;    // empty: the installed or source-tree www directory
   std::vector<std::string> folders;
@@ -48,5 +49,10 @@ HostCommand parseHostCommandLine(int argc, char **argv, HostCommandLine &line, s
 bool resolveHostOptions(const HostCommandLine &line, HostOptions &options, std::string &error);
 
 void printHostUsage(FILE *out);
+
+// The state folder the options name: --state-dir ("none": none, ""), else
+// the first folder of $STATE_DIRECTORY (systemd's StateDirectory=), else
+// $XDG_STATE_HOME/dlna-dms, else ~/.local/state/dlna-dms.
+std::string hostStateFolder(const HostOptions &options);
 
 #endif  // DMS_HOST_HOST_OPTIONS_H

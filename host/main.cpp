@@ -11,6 +11,7 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
+#include <filesystem>
 #include <cstdlib>
 #include <cstring>
 #include <string>
@@ -136,8 +137,11 @@ void reload(dmsHandle *server, const HostCommandLine &line, HostOptions &running
   const bool later = fresh.address != running.address || fresh.interface != running.interface ||
                      fresh.port != running.port || fresh.mediaPort != running.mediaPort ||
                      fresh.maxContent != running.maxContent || fresh.filter != running.filter ||
-                     fresh.trace != running.trace || (!fresh.www.empty() && fresh.www != running.www);
-  if (later) fail("reload: address, interface, ports, max-content, filter, trace and www change at the next start", 0);
+                     fresh.trace != running.trace || (!fresh.www.empty() && fresh.www != running.www) ||
+                     fresh.stateDir != running.stateDir;
+  if (later) {
+    fail("reload: address, interface, ports, max-content, filter, trace, www and state-dir change at the next start", 0);
+  }
   printSharing(server, running, "Reloaded: sharing");
 }
 
@@ -187,6 +191,15 @@ int serve(const HostCommandLine &line, HostOptions &options) {
   // Without a level the library prints a banner; ask for errors and warnings.
   ::setenv("DMS_TRACE_LEVEL", options.trace.empty() ? "0x0003" : options.trace.c_str(), !options.trace.empty());
   dlna_dmsInit();
+  // The state folder's parents are made here (the library makes the last
+  // level); one that cannot be made leaves the server without, as the
+  // library reports.
+  const std::string stateFolder = hostStateFolder(options);
+  if (!stateFolder.empty()) {
+    std::error_code ignored;
+    std::filesystem::create_directories(std::filesystem::path(stateFolder).parent_path(), ignored);
+  }
+  dlna_dmsSetStateDir(nullptr, stateFolder.c_str());
   dmsHandle *server = nullptr;
   int32_t result = dlna_dmsCreate(&server, &config, &info);
   if (result != DMS_SUCCESS) {

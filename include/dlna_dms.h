@@ -129,6 +129,18 @@ DMS_EXPORT int32_t dlna_dmsSetWideLinks(dmsHandle *handle, int32_t enabled);
  * not created handle. */
 DMS_EXPORT int32_t dlna_dmsSetFollowAddress(dmsHandle *handle, int32_t enabled);
 
+/* Names the state folder of the servers created from now on (NULL or "":
+ * none, the default).  Call with a NULL handle before dlna_dmsCreate:
+ * create scans the folders, and the folder's index is what makes that scan
+ * quick.  With a state folder every folder and file keeps its object id
+ * across runs for as long as it stays at the same path, new ones get ids
+ * never used before, and a file whose size and time are unchanged is not
+ * read again.  The index (one SQLite file, index.db) is made when missing;
+ * one that cannot be used is made anew, and a folder that cannot hold one
+ * makes the server run without (both traced).  Nothing is written in a
+ * shared folder.  0, or DMS_ERR_INVALID_PARAM for a non-NULL handle. */
+DMS_EXPORT int32_t dlna_dmsSetStateDir(dmsHandle *handle, const char *path);
+
 /* Whether the ContentDirectory shows the views beside the folders (0: no,
  * the default; 1: yes).  With views the root lists "Music", "Pictures" and
  * "Video" before the shared folders: Music holds All Tracks, Artists

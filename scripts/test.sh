@@ -23,6 +23,13 @@ configure_and_build() {  # dir, cmake options...
 # port the next one listens on.
 isolated_ctest() {  # dir, ctest options...
   local dir=$1; shift
+  # dlna-dms keeps its index in a state folder; the tests' runs keep theirs
+  # in a scratch one, never in the user's.
+  local state
+  state=$(mktemp -d)
+  trap 'rm -rf "$state"' RETURN
+  export XDG_STATE_HOME=$state
+  unset STATE_DIRECTORY
   local ns=(unshare -n)
   [ "$(id -u)" -eq 0 ] || ns=(unshare -rn)
   "${ns[@]}" sh -c 'ip link set lo up &&

@@ -94,6 +94,7 @@ int32_t tearDownServer(dmsHandle *handle) {
     handle->eventMgr = nullptr;
   }
   dmsViewsRelease(handle);  // nothing reads them any more
+  dmsStateRelease(handle);
   int32_t listResult = DMS_SUCCESS;
   if (handle->contentList != nullptr) {
     listResult = dmsClmFreeContentList(handle->contentList);
@@ -273,9 +274,11 @@ int32_t createServer(dmsHandle **out, dmsConfig *config, const dmsDeviceInfo *de
     DMS_TRACE(OSAL_TRACE_ERR, "Error in Memory Allocation");
     return result;
   }
-  result = dmsClmCreateContentList(&handle->contentList, config->sharedPaths,
-                                   config->numSharedPaths, config->maxContent);
+  dmsStateOpen(handle);
+  result = dmsClmCreateContentListRecalling(&handle->contentList, config->sharedPaths, config->numSharedPaths,
+                                            config->maxContent, dmsStateRecall(handle));
   if (result != DMS_SUCCESS) return traceSdkFailure(result, "dmsClmCreateContentList", result);
+  dmsStateFollow(handle);
   handle->artCache = std::make_unique<dmsArtCache>(kDefaultArtCacheBytes).release();  // owned by the handle
   if ((result = createServices(handle)) != DMS_SUCCESS) return result;
   // The front door first: the SDK takes a port of its own (never ours) and

@@ -18,6 +18,8 @@ class dmsAddressWatch;
 class dmsArtCache;
 class dmsGena;
 class dmsViews;
+class dmsIndexKeeper;
+class dmsClmRecall;
 
 struct dmsDevEventMgr;
 struct dmsCdsMgrHandle;
@@ -98,6 +100,10 @@ struct dmsHandle {
   // change mutex, read by the list's writer under it.
   dmsViews *views;
   int32_t viewsOn;
+  // The persistent index of the state folder named before create
+  // (dlna_dmsState.cpp): owned, NULL without one; its listener on the list.
+  dmsIndexKeeper *index;
+  uint64_t indexListener;
 };
 
 // Holds a pthread mutex of the handle for a scope.
@@ -153,6 +159,16 @@ void dmsFollowPending(dmsHandle *handle);
 int32_t dmsFollowContentChange(dmsHandle *handle, const dmsClmChangeSet &change);
 // Frees the views (destroy, after the services).
 void dmsViewsRelease(dmsHandle *handle);
+
+// The state folder (dlna_dmsState.cpp).  dmsStateOpen, at create before the
+// scan: opens the index of the folder named by dlna_dmsSetStateDir, if any
+// (a folder that cannot hold one is traced and the server runs without).
+// dmsStateFollow, once the list is made: writes it and follows its changes.
+// dmsStateRelease, at destroy: stops following and writes what is queued.
+void dmsStateOpen(dmsHandle *handle);
+dmsClmRecall *dmsStateRecall(dmsHandle *handle);  // the index as the scan's recall; NULL without one
+void dmsStateFollow(dmsHandle *handle);
+void dmsStateRelease(dmsHandle *handle);
 
 // Advertiser thread body; `arg` is the dmsHandle, which outlives the thread
 // (dlna_dmsStop joins it).

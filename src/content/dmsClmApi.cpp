@@ -12,7 +12,9 @@
 #include <optional>
 #include <string_view>
 #include <system_error>
+#include <unordered_map>
 
+#include "content/dmsClmRecall.h"
 #include "content/dmsClmScan.h"
 #include "content/dmsClmChange.h"
 #include "content/dmsFsmApi.h"
@@ -93,9 +95,15 @@ void addSharedPaths(dmsContentListInfo *list, const std::vector<SharedPath> &pat
     if (shared.type == DMS_CLM_TYPE_CONTAINER) dmsClmSharesAdd(list, shared.path);
   }
   dmsPendingEntry top;  // stands for the root
+  std::unordered_map<std::string, dmsClmRecall::Known> known;  // shared paths an earlier run knew
+  if (list->recall != nullptr) list->recall->folder(0, list->tagPool, known);
   for (const SharedPath &shared : paths) {
     dmsPendingEntry pending;
     if (dmsClmPrepareTopEntry(list, shared.path, shared.type, shared.size, budget, pending)) {
+      auto found = known.find(shared.path);
+      if (found != known.end() && found->second.folder == (shared.type == DMS_CLM_TYPE_CONTAINER)) {
+        pending.presetId = found->second.id;
+      }
       top.children.push_back(std::move(pending));
     }
   }
@@ -103,6 +111,7 @@ void addSharedPaths(dmsContentListInfo *list, const std::vector<SharedPath> &pat
     if (pending.type == DMS_CLM_TYPE_CONTAINER) scanDirAndAddToList(list, pending, budget);
   }
   std::unique_lock writing(list->rwLock);
+  dmsClmIdIndex::Batch batch(list->entriesById);  // ids of an earlier run come in the walk's order
   std::vector<dmsContentEntry *> made;
   for (dmsPendingEntry &pending : top.children) {
     dmsContentEntry *entry = createEntryAndAddToList(list, pending, list->root);
@@ -157,6 +166,8 @@ int32_t prepareList(dmsContentListInfo *list, int32_t maxContent) {
   list->entriesById.insert(root.get());
   list->root = root.release();  // owned by the list; freed with it
   list->nextId = DMS_CLM_FIRST_ID;
+  // Above every id an earlier run handed out: none is given out twice.
+  if (list->recall != nullptr) list->nextId = std::max(list->nextId, list->recall->lastId() + 1);
   return DMS_SUCCESS;
 }
 
@@ -181,8 +192,9 @@ int32_t releaseList(dmsContentListInfo *list) {
 }
 
 int32_t createList(dmsContentListInfo **out, char **sharedPaths, int32_t numSharedPaths,
-                   int32_t maxContent) {
+                   int32_t maxContent, dmsClmRecall *recall) {
   auto list = std::make_unique<dmsContentListInfo>();
+  list->recall = recall;
   int32_t result = prepareList(list.get(), maxContent);
   if (result != DMS_SUCCESS) {
     releaseList(list.release());
@@ -202,7 +214,9 @@ int32_t createList(dmsContentListInfo **out, char **sharedPaths, int32_t numShar
   }
   addSharedPaths(list.get(), paths);
   list->madeItems.clear();  // nobody listens yet
+  list->madeFolders.clear();
   list->playlistFolders.clear();
+  list->recall = nullptr;  // only the first scan recalls
   result = dmsFsmStartMonitor(list->monitor, list->root, clmFsmNotificationCallBack);
   if (result != 0) DMS_TRACE(OSAL_TRACE_ERR, "Error [%d] in %s()... Ignore this!\n", result, "dmsFsmStartMonitor");
   *out = list.release();
@@ -230,14 +244,14 @@ int32_t dmsClmTellListeners(dmsContentListInfo *list, const std::vector<uint32_t
                             uint32_t systemUpdateId) {
   dmsClmChangeSet change{pairs.data(), static_cast<int32_t>(pairs.size() / 2), systemUpdateId,
                          &list->madeItems, &list->changedItems, &list->freedItems,
-                         &list->playlistFolders, &list->freedFolders};
+                         &list->playlistFolders, &list->freedFolders, &list->madeFolders};
   int32_t first = DMS_SUCCESS;
   for (const auto &[token, listener] : list->listeners) {
     const int32_t result = listener(change);
     if (result != DMS_SUCCESS && first == DMS_SUCCESS) first = result;
   }
   for (auto *noted : {&list->madeItems, &list->changedItems, &list->freedItems, &list->playlistFolders,
-                      &list->freedFolders}) {
+                      &list->freedFolders, &list->madeFolders}) {
     noted->clear();
   }
   return first;
@@ -265,6 +279,11 @@ std::shared_lock<dmsRwLock> dmsClmReadLock(const dmsContentListInfo *list) {
 
 int32_t dmsClmCreateContentList(dmsContentListInfo **out, char **sharedPaths,
                                 int32_t numSharedPaths, int32_t maxContent) {
+  return dmsClmCreateContentListRecalling(out, sharedPaths, numSharedPaths, maxContent, nullptr);
+}
+
+int32_t dmsClmCreateContentListRecalling(dmsContentListInfo **out, char **sharedPaths, int32_t numSharedPaths,
+                                         int32_t maxContent, dmsClmRecall *recall) {
   if (out == nullptr || sharedPaths == nullptr || numSharedPaths < 1 || maxContent < 1) {
     DMS_TRACE(OSAL_TRACE_ERR, "Invalid input parameter\n");
     DMS_TRACE(OSAL_TRACE_ERR,
@@ -276,7 +295,7 @@ int32_t dmsClmCreateContentList(dmsContentListInfo **out, char **sharedPaths,
   }
   *out = nullptr;
   return dmsGuard("dmsClmCreateContentList", DMS_ERR_NO_MEMORY, [&] {
-    return createList(out, sharedPaths, numSharedPaths, maxContent);
+    return createList(out, sharedPaths, numSharedPaths, maxContent, recall);
   });
 }
 

@@ -47,6 +47,7 @@
 #include "mfd/mfd_api.h"
 
 struct dmsFsmMonitor;
+class dmsClmRecall;
 
 // Entry types.
 inline constexpr uint32_t DMS_CLM_TYPE_ROOT = 0;
@@ -98,9 +99,10 @@ struct dmsClmChangeSet {
   const std::vector<uint32_t> *changedItems = nullptr;
   const std::vector<uint32_t> *freedItems = nullptr;
   // Folders whose playlist files came, went or were written, and folders
-  // freed (with their playlists).
+  // freed (with their playlists), and folders made.
   const std::vector<uint32_t> *playlistFolders = nullptr;
   const std::vector<uint32_t> *freedFolders = nullptr;
+  const std::vector<uint32_t> *madeFolders = nullptr;
 };
 
 // Called on the writer's thread after each change, under the change mutex:
@@ -124,13 +126,16 @@ struct dmsContentListInfo {
   dmsFsmMonitor *monitor = nullptr;
   uint32_t nextId = DMS_CLM_FIRST_ID;
   mfdInstance *detector = nullptr;
+  // The memory of an earlier run the scan consults (borrowed; NULL: none):
+  // see content/dmsClmRecall.h.  Set at create only.
+  dmsClmRecall *recall = nullptr;
   dmsTagPool tagPool;  // the entries' tag texts (see its own discipline)
   // Told of every change, in the order added (change mutex).
   std::vector<std::pair<uint64_t, dmsClmListener>> listeners;
   uint64_t lastListener = 0;
   // Item ids of the change in progress, for its listeners (change mutex;
   // emptied when the change is published).
-  std::vector<uint32_t> madeItems, changedItems, freedItems, playlistFolders, freedFolders;
+  std::vector<uint32_t> madeItems, changedItems, freedItems, playlistFolders, freedFolders, madeFolders;
 
   // Update record handed to the ContentDirectory on every change.
   std::vector<uint32_t> containerUpdatePairs;  // (container id, update count) pairs
@@ -152,6 +157,11 @@ struct dmsContentListInfo {
 // *out NULL.  The strings are read during the call only.
 int32_t dmsClmCreateContentList(dmsContentListInfo **out, char **sharedPaths,
                                 int32_t numSharedPaths, int32_t maxContent);
+// The same, with `recall` (borrowed; it outlives the list's creation) giving
+// the ids and unchanged files of an earlier run, and ids handed out above
+// the highest it ever gave.
+int32_t dmsClmCreateContentListRecalling(dmsContentListInfo **out, char **sharedPaths, int32_t numSharedPaths,
+                                         int32_t maxContent, dmsClmRecall *recall);
 // Stops the monitor and releases every entry and the list.  0 or the last
 // error met (the list is released in any case).
 int32_t dmsClmFreeContentList(dmsContentListInfo *list);

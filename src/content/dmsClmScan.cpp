@@ -1,5 +1,6 @@
 #include "content/dmsClmScan.h"
 
+#include "content/dmsClmRecall.h"
 #include "playlist/dmsPlaylistRead.h"
 
 #include "content/dmsClmShares.h"
@@ -10,6 +11,7 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
+#include <unordered_map>
 #include <cctype>
 #include <cerrno>
 #include <cstdio>
@@ -131,9 +133,11 @@ struct FolderChild {
   std::string path;
   uint32_t type;
   int64_t fileSize;
+  int64_t modified = 0;   // seconds since the epoch
   bool detected = false;  // `media` is set
   bool media = false;
   dmsPendingEntry entry;
+  uint32_t presetId = 0;  // its id in an earlier run
 };
 
 // Detects the folder's files on several threads at once when the budget
@@ -144,7 +148,7 @@ void detectAhead(dmsContentListInfo *list, std::vector<FolderChild> &children, c
   constexpr size_t kMinimumFiles = 8;
   std::vector<FolderChild *> files;
   for (FolderChild &child : children) {
-    if (child.type == DMS_CLM_TYPE_ITEM) files.push_back(&child);
+    if (child.type == DMS_CLM_TYPE_ITEM && !child.detected) files.push_back(&child);
   }
   if (files.size() < kMinimumFiles || budget.count + static_cast<int64_t>(children.size()) > budget.max) return;
   const unsigned threads = std::min({std::max(1u, std::thread::hardware_concurrency()), 4u,
@@ -156,6 +160,7 @@ void detectAhead(dmsContentListInfo *list, std::vector<FolderChild> &children, c
       file.entry.path = file.path;
       file.entry.type = file.type;
       file.entry.fileSize = file.fileSize;
+      file.entry.presetId = file.presetId;
       file.media = detectMedia(list, file.entry);
       keepNameOnly(file.entry.path);
       file.detected = true;
@@ -173,6 +178,32 @@ void detectAhead(dmsContentListInfo *list, std::vector<FolderChild> &children, c
   for (std::thread &helper : helpers) helper.join();
 }
 
+// Gives the children of a folder that an earlier run knew (the list's
+// recall, under the folder's id then) their ids, and a file of the same
+// size and time its detection and tags, so that it is not opened again.
+void recallChildren(dmsContentListInfo *list, uint32_t folderId, std::vector<FolderChild> &children) {
+  if (list->recall == nullptr || folderId == 0) return;
+  std::unordered_map<std::string, dmsClmRecall::Known> known;
+  list->recall->folder(folderId, list->tagPool, known);
+  for (FolderChild &child : children) {
+    const size_t slash = child.path.rfind('/');
+    auto found = known.find(child.path.substr(slash == std::string::npos ? 0 : slash + 1));
+    if (found == known.end() || found->second.folder != (child.type == DMS_CLM_TYPE_CONTAINER)) continue;
+    const dmsClmRecall::Known &was = found->second;
+    child.presetId = was.id;
+    if (was.folder || !was.media || was.size != child.fileSize || was.modified != child.modified) continue;
+    child.entry.path = child.path;
+    keepNameOnly(child.entry.path);
+    child.entry.type = child.type;
+    child.entry.fileSize = child.fileSize;
+    child.entry.presetId = was.id;
+    child.entry.media = was.record;
+    child.entry.tags = was.tags;
+    child.detected = true;
+    child.media = true;
+  }
+}
+
 // Prepares one file of a folder: takes it from the budget (before
 // detection, so nothing is read for a file that could not be listed; a file
 // that is not media gives it back) and detects it unless that ran ahead.
@@ -186,6 +217,7 @@ bool prepareFile(dmsContentListInfo *list, FolderChild &child, dmsScanBudget &bu
   out.path = child.path;
   out.type = child.type;
   out.fileSize = child.fileSize;
+  out.presetId = child.presetId;
   if (!detectMedia(list, out)) {
     --budget.count;
     return false;
@@ -252,8 +284,9 @@ int32_t openFrame(dmsContentListInfo *list, dmsPendingEntry &folder, const dmsSc
       DMS_TRACE(OSAL_TRACE_INFO, "Folder [%s] links back to a folder above it: not listed\n", path.c_str());
       continue;
     }
-    frame.children.push_back({std::move(path), type, status.st_size, false, false, {}});
+    frame.children.push_back({std::move(path), type, status.st_size, static_cast<int64_t>(status.st_mtime)});
   }
+  recallChildren(list, folder.presetId, frame.children);
   detectAhead(list, frame.children, budget);
   // No reallocation while the walk holds a child folder's address.
   folder.children.reserve(frame.children.size());
@@ -291,6 +324,7 @@ int32_t walkFolder(dmsContentListInfo *list, dmsPendingEntry &top, dmsScanBudget
     pending.path = std::move(child.path);
     pending.type = child.type;
     pending.fileSize = child.fileSize;
+    pending.presetId = child.presetId;
     dmsPendingEntry &folder = frame.folder->children.emplace_back(std::move(pending));
     WalkFrame next;
     const bool opened = openFrame(list, folder, budget, ancestors, next) == 0;
@@ -343,7 +377,7 @@ dmsContentEntry *createEntryAndAddToList(dmsContentListInfo *list, dmsPendingEnt
     return nullptr;
   }
   auto entry = std::make_unique<dmsContentEntry>();
-  entry->id = list->nextId++;
+  entry->id = pending.presetId != 0 ? pending.presetId : list->nextId++;
   // A shared folder keeps the path it was shared by; the rest their names.
   if (parent != nullptr && parent->type != DMS_CLM_TYPE_ROOT) {
     const size_t slash = pending.path.rfind('/');
@@ -363,7 +397,7 @@ dmsContentEntry *createEntryAndAddToList(dmsContentListInfo *list, dmsPendingEnt
   list->entriesById.insert(entry.get());
   ++list->entryCount;
   dmsContentEntry *made = entry.release();  // owned by the list from here on
-  if (made->type == DMS_CLM_TYPE_ITEM) list->madeItems.push_back(made->id);
+  (made->type == DMS_CLM_TYPE_ITEM ? list->madeItems : list->madeFolders).push_back(made->id);
   if (made->container != nullptr && !made->container->playlists.empty()) list->playlistFolders.push_back(made->id);
   if (made->type != DMS_CLM_TYPE_CONTAINER) return made;
   if (filterOn()) ++list->maxContent;

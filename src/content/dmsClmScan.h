@@ -30,6 +30,7 @@ struct dmsPendingEntry {
   // shared folder only the name from then on, as the entry will keep it.
   std::string path;
   uint32_t type = DMS_CLM_TYPE_ITEM;
+  uint32_t presetId = 0;  // the id it had in an earlier run; 0: a new one
   int64_t fileSize = 0;
   dmsMediaRecord media;                   // items
   dmsMediaTags tags;                      // items (texts pooled)

@@ -6,9 +6,11 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <ctime>
 #include <utility>
 
 #include "util/dmsGuard.h"
@@ -110,7 +112,8 @@ void removeIndexFiles(const std::string &path) {
 
 // One queued write.
 struct dmsIndexStore::Op {
-  enum Kind { kPut, kRemove, kLastId, kFact } kind = kPut;
+  enum Kind { kPut, kRemove, kLastId, kFact, kProduce, kSweep } kind = kPut;
+  Producer producer;          // kProduce
   Row row;                    // kPut
   std::vector<uint32_t> ids;  // kRemove
   uint32_t id = 0;            // kLastId, kFact
@@ -146,7 +149,13 @@ std::unique_ptr<dmsIndexStore> dmsIndexStore::open(const std::string &folder) {
   });
 }
 
-dmsIndexStore::dmsIndexStore(Key, sqlite3 *db) : db_(db), writer_([this] { run(); }) {}
+dmsIndexStore::dmsIndexStore(Key, sqlite3 *db) : db_(db) {
+  previousStart_ = std::max<int64_t>(integerOf(db_, "SELECT value FROM meta WHERE key = 'started'"), 0);
+  const std::string note =
+      "INSERT OR REPLACE INTO meta(key, value) VALUES('started', " + std::to_string(std::time(nullptr)) + ")";
+  sqlite3_exec(db_, note.c_str(), nullptr, nullptr, nullptr);
+  writer_ = std::thread([this] { run(); });
+}
 
 dmsIndexStore::~dmsIndexStore() {
   {
@@ -237,6 +246,19 @@ void dmsIndexStore::setFact(uint32_t id, uint32_t key, int64_t value) {
   enqueue(std::move(op));
 }
 
+void dmsIndexStore::produce(Producer next) {
+  Op op;
+  op.kind = Op::kProduce;
+  op.producer = std::move(next);
+  enqueue(std::move(op));
+}
+
+void dmsIndexStore::sweepOrphans() {
+  Op op;
+  op.kind = Op::kSweep;
+  enqueue(std::move(op));
+}
+
 void dmsIndexStore::flush() {
   std::unique_lock queueing(queueMutex_);
   const uint64_t target = queued_;
@@ -261,13 +283,42 @@ void dmsIndexStore::run() {
     const bool last = stopping_;
     if (!batch.empty() && !failed_) {
       queueing.unlock();
-      dmsGuardVoid("dmsIndexStore writer", [&] { applyBatch(batch); });
+      dmsGuardVoid("dmsIndexStore writer", [&] { applyQueue(batch); });
       queueing.lock();
     }
     written_ = taken;
     done_.notify_all();
     if (last && queue_.empty()) return;
   }
+}
+
+// Applies what was queued in order: the plain writes in one transaction; a
+// producer's rows chunk by chunk, a transaction each, so that the
+// connection is let go between chunks.
+void dmsIndexStore::applyQueue(std::vector<Op> &ops) {
+  std::vector<Op> plain;
+  const auto stopped = [this] {
+    std::lock_guard queueing(queueMutex_);
+    return failed_;
+  };
+  for (Op &op : ops) {
+    if (op.kind != Op::kProduce) {
+      plain.push_back(std::move(op));
+      continue;
+    }
+    if (!plain.empty()) applyBatch(plain);
+    plain.clear();
+    std::vector<Row> chunk;
+    while (!stopped()) {
+      chunk.clear();
+      op.producer(chunk);
+      if (chunk.empty()) break;
+      std::vector<Op> puts(chunk.size());
+      for (size_t i = 0; i < chunk.size(); ++i) puts[i].row = std::move(chunk[i]);
+      applyBatch(puts);
+    }
+  }
+  if (!plain.empty() && !stopped()) applyBatch(plain);
 }
 
 // Applies one batch in one transaction.  A failure (a full disk, a folder
@@ -314,6 +365,19 @@ void dmsIndexStore::applyBatch(std::vector<Op> &batch) {
         sqlite3_bind_int64(lastId.get(), 1, op.id);
         step(lastId.get());
         break;
+      case Op::kSweep:
+        // One level of orphans a round, until none is left: a folder gone
+        // with a whole tree below it takes as many rounds as it was deep.
+        while (ok) {
+          ok = sqlite3_exec(db_, "DELETE FROM entries WHERE parent != 0 AND parent NOT IN (SELECT id FROM entries)",
+                            nullptr, nullptr, nullptr) == SQLITE_OK;
+          if (sqlite3_changes(db_) == 0) break;
+        }
+        ok = ok && sqlite3_exec(db_, "DELETE FROM facts WHERE id NOT IN (SELECT id FROM entries)", nullptr, nullptr,
+                                nullptr) == SQLITE_OK;
+        break;
+      case Op::kProduce:
+        break;  // taken apart by applyBatch's caller
       case Op::kFact:
         sqlite3_bind_int64(fact.get(), 1, op.id);
         sqlite3_bind_int64(fact.get(), 2, op.key);

@@ -22,6 +22,7 @@
 #define DMS_INDEX_DMSINDEXSTORE_H
 
 #include <condition_variable>
+#include <functional>
 #include <cstdint>
 #include <memory>
 #include <mutex>
@@ -66,6 +67,10 @@ class dmsIndexStore {
   std::vector<Row> children(uint32_t parent);
   // The highest id ever handed out (0 for a new index).
   uint32_t lastId();
+  // When the run before this one opened the index (seconds since the epoch;
+  // 0 for a new index): a file whose time is not before it may have changed
+  // again within the second its row was written.
+  int64_t previousStart() const { return previousStart_; }
 
   // Queued writes.  put adds or replaces the row of its id (a row of the
   // same parent and name goes); remove takes the rows of `ids` out, with
@@ -73,6 +78,13 @@ class dmsIndexStore {
   void put(Row row);
   void remove(std::vector<uint32_t> ids);
   void setLastId(uint32_t id);
+  // Rows made by `next` on the writer's thread, chunk by chunk, each chunk
+  // in a transaction of its own, until it gives none: a whole list is
+  // written without ever being queued whole.
+  using Producer = std::function<void(std::vector<Row> &chunk)>;
+  void produce(Producer next);
+  // Takes out the rows whose folder is no longer there, and their facts.
+  void sweepOrphans();
   // One fact of an object (a resume position, a play count): read from
   // what is written; queued like the rest.
   bool fact(uint32_t id, uint32_t key, int64_t &value);
@@ -86,10 +98,12 @@ class dmsIndexStore {
  private:
   struct Op;
   void run();
+  void applyQueue(std::vector<Op> &ops);
   void applyBatch(std::vector<Op> &batch);
   void enqueue(Op op);
 
   sqlite3 *db_;
+  int64_t previousStart_ = 0;
   mutable std::mutex dbMutex_;  // the connection
   mutable std::mutex queueMutex_;  // the fields below
   std::condition_variable wake_;

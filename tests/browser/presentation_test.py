@@ -174,8 +174,10 @@ def main():
     try:
         try:
             make_library(library, media)
+            # The server's index goes into the scratch folder, not the user's.
             server = subprocess.Popen([binary, "--address", "127.0.0.1", "--port", str(PORT), "--www", www,
-                                       "--name", NAME, library], stdout=log, stderr=subprocess.STDOUT)
+                                       "--name", NAME, "--state-dir", os.path.join(workspace, "state"), library],
+                                      stdout=log, stderr=subprocess.STDOUT)
             wait_until_up(server, log)
             driver = start_browser()
             run(driver, library, screenshots, lambda name: current.__setitem__(0, name))

@@ -45,6 +45,8 @@ done
 [ "$(readlink -f "$libdir/libdlnadms.so")" = "$(readlink -f "$libdir/libdlnadms.so.0")" ] ||
   fail "libdlnadms.so does not lead to libdlnadms.so.0"
 [ -x "$prefix/bin/dlna-dms" ] || fail "dlna-dms is not executable"
+grep -qx 'StateDirectory=dlna-dms' "$prefix/lib/systemd/system/dlna-dms.service" ||
+  fail "the unit gives no state folder"
 
 pc() { PKG_CONFIG_PATH=$pcdir pkg-config "$@" dlnadms; }
 version=$(sed -n 's/^CMAKE_PROJECT_VERSION:STATIC=//p' "$build/CMakeCache.txt")

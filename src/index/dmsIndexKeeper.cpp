@@ -1,0 +1,113 @@
+#include "index/dmsIndexKeeper.h"
+
+#include <algorithm>
+#include <memory>
+
+#include <vector>
+
+#include "index/dmsIndexPack.h"
+
+namespace {
+
+constexpr uint8_t kFolderRow = 1;
+constexpr uint8_t kFileRow = 2;
+
+}  // namespace
+
+void dmsIndexKeeper::folder(uint32_t parentId, dmsTagPool &pool, std::unordered_map<std::string, Known> &out) {
+  for (const dmsIndexStore::Row &row : store_->children(parentId)) {
+    Known known;
+    known.id = row.id;
+    known.folder = row.kind == kFolderRow;
+    known.size = row.size;
+    known.modified = row.modified;
+    // A row whose bytes this build cannot read, or whose file's time is not
+    // before the last run began (it may have changed again within that
+    // second), is known by its id only: the file is detected again.
+    known.media = !known.folder && row.modified < store_->previousStart() &&
+                  dmsIndexUnpackMedia(row.media, known.record) && dmsIndexUnpackTags(row.tags, pool, known.tags);
+    out.emplace(row.name, known);
+    recalled_.push_back({row.id, known.folder ? -1 : row.size, known.folder ? -1 : row.modified});
+  }
+}
+
+dmsIndexStore::Row dmsIndexKeeper::rowOf(const dmsContentListInfo &list, const dmsContentEntry &entry) {
+  dmsIndexStore::Row row;
+  row.id = entry.id;
+  row.parent = entry.parent != nullptr ? entry.parent->id : 0;
+  row.name = entry.path;  // a shared folder's path as shared, else its name
+  if (entry.type == DMS_CLM_TYPE_ITEM) {
+    row.kind = kFileRow;
+    row.size = entry.fileSize;
+    row.modified = entry.media.modificationTime;
+    row.media = dmsIndexPackMedia(entry.media);
+    row.tags = dmsIndexPackTags(entry.tags, list.tagPool);
+  } else {
+    row.kind = kFolderRow;
+  }
+  return row;
+}
+
+void dmsIndexKeeper::put(const dmsContentListInfo &list, const dmsContentEntry &entry) {
+  if (entry.type != DMS_CLM_TYPE_ROOT) store_->put(rowOf(list, entry));
+}
+
+void dmsIndexKeeper::writeAll(const dmsContentListInfo &list) {
+  std::sort(recalled_.begin(), recalled_.end(), [](const Recalled &a, const Recalled &b) { return a.id < b.id; });
+  const auto recalledAs = [this](const dmsContentEntry &entry) -> const Recalled * {
+    auto at = std::lower_bound(recalled_.begin(), recalled_.end(), entry.id,
+                               [](const Recalled &r, uint32_t id) { return r.id < id; });
+    return at != recalled_.end() && at->id == entry.id ? &*at : nullptr;
+  };
+  // New entries and files that were read again (another size or time).
+  std::vector<uint32_t> fresh;
+  std::vector<const dmsContentEntry *> pending(dmsClmChildren(list.root).begin(), dmsClmChildren(list.root).end());
+  while (!pending.empty()) {
+    const dmsContentEntry *at = pending.back();
+    pending.pop_back();
+    const Recalled *was = recalledAs(*at);
+    const bool file = at->type == DMS_CLM_TYPE_ITEM;
+    if (was == nullptr || (file && (was->size != at->fileSize || was->modified != at->media.modificationTime))) {
+      fresh.push_back(at->id);
+    }
+    for (const dmsContentEntry *child : dmsClmChildren(at)) pending.push_back(child);
+  }
+  // Rows the index held that the list no longer has; rows below a folder
+  // that is gone were never recalled, and go with the sweep.
+  std::vector<uint32_t> gone;
+  for (const Recalled &was : recalled_) {
+    if (list.entriesById.find(was.id) == nullptr) gone.push_back(was.id);
+  }
+  std::vector<Recalled>().swap(recalled_);
+  if (!gone.empty()) store_->remove(std::move(gone));
+  // Written on the store's thread, 2,000 rows at a time, each looked up
+  // again under the read lock (one gone meanwhile is skipped).
+  auto ids = std::make_shared<std::vector<uint32_t>>(std::move(fresh));
+  auto next = std::make_shared<size_t>(0);
+  const dmsContentListInfo *source = &list;
+  store_->produce([ids, next, source](std::vector<dmsIndexStore::Row> &chunk) {
+    auto reading = dmsClmReadLock(source);
+    for (; *next < ids->size() && chunk.size() < 2000; ++*next) {
+      if (const dmsContentEntry *entry = source->entriesById.find((*ids)[*next])) {
+        chunk.push_back(rowOf(*source, *entry));
+      }
+    }
+  });
+  store_->sweepOrphans();
+  store_->setLastId(list.nextId - 1);
+}
+
+void dmsIndexKeeper::follow(const dmsContentListInfo &list, const dmsClmChangeSet &change) {
+  std::vector<uint32_t> gone;
+  for (const std::vector<uint32_t> *ids : {change.freedItems, change.freedFolders}) {
+    if (ids != nullptr) gone.insert(gone.end(), ids->begin(), ids->end());
+  }
+  if (!gone.empty()) store_->remove(std::move(gone));
+  for (const std::vector<uint32_t> *ids : {change.madeFolders, change.madeItems, change.changedItems}) {
+    if (ids == nullptr) continue;
+    for (uint32_t id : *ids) {
+      if (const dmsContentEntry *entry = list.entriesById.find(id)) put(list, *entry);
+    }
+  }
+  store_->setLastId(list.nextId - 1);
+}
