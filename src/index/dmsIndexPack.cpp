@@ -7,13 +7,24 @@
 
 namespace {
 
-constexpr uint8_t kMediaVersion = 1;
-constexpr uint8_t kTagsVersion = 1;
-constexpr size_t kMediaBytes = 61;
+constexpr uint8_t kMediaVersion = 2;
+constexpr uint8_t kTagsVersion = 2;
+constexpr size_t kMediaBytes = 32;  // what a typical record takes
 
 void putNumber(std::string &out, uint64_t value, int bytes) {
   for (int i = 0; i < bytes; ++i) out.push_back(static_cast<char>(value >> (8 * i) & 0xFF));
 }
+
+// Seven bits a byte, low first, the top bit saying more follow: most of a
+// record's numbers are small, and take one or two bytes.
+void putVarint(std::string &out, uint64_t value) {
+  for (; value >= 0x80; value >>= 7) out.push_back(static_cast<char>((value & 0x7F) | 0x80));
+  out.push_back(static_cast<char>(value));
+}
+
+// Signed numbers folded so that small negative ones stay small too.
+uint64_t zigzag(int64_t value) { return (static_cast<uint64_t>(value) << 1) ^ static_cast<uint64_t>(value >> 63); }
+int64_t unzigzag(uint64_t value) { return static_cast<int64_t>(value >> 1) ^ -static_cast<int64_t>(value & 1); }
 
 // Reads little-endian numbers and length-prefixed texts from a byte range;
 // any read past its end leaves it failed.
@@ -27,8 +38,19 @@ class Reader {
     at_ += static_cast<size_t>(bytes);
     return value;
   }
+  uint64_t varint() {
+    uint64_t value = 0;
+    for (int shift = 0; shift < 64; shift += 7) {
+      if (failed_ || at_ >= bytes_.size()) break;
+      const auto byte = static_cast<uint8_t>(bytes_[at_++]);
+      value |= static_cast<uint64_t>(byte & 0x7F) << shift;
+      if ((byte & 0x80) == 0) return value;
+    }
+    failed_ = true;
+    return 0;
+  }
   std::string_view text() {
-    const size_t length = static_cast<size_t>(number(2));
+    const size_t length = static_cast<size_t>(varint());
     if (failed_ || bytes_.size() - at_ < length) return failed_ = true, std::string_view();
     const std::string_view text = bytes_.substr(at_, length);
     at_ += length;
@@ -50,14 +72,13 @@ std::string dmsIndexPackMedia(const dmsMediaRecord &media) {
   for (uint8_t byte : {kMediaVersion, media.formatId, media.mediaClass, media.audioCodec, media.videoCodec}) {
     out.push_back(static_cast<char>(byte));
   }
-  for (int64_t value : {media.fileSize, media.dataOffset, media.modificationTime}) {
-    putNumber(out, static_cast<uint64_t>(value), 8);
+  for (int64_t value : {media.fileSize, media.dataOffset, media.modificationTime, int64_t{media.bitrate},
+                        int64_t{media.sampleRate}, int64_t{media.channels}, int64_t{media.videoWidth},
+                        int64_t{media.videoHeight}}) {
+    putVarint(out, zigzag(value));
   }
-  for (int32_t value : {media.bitrate, media.sampleRate, media.channels, media.videoWidth, media.videoHeight}) {
-    putNumber(out, static_cast<uint32_t>(value), 4);
-  }
-  putNumber(out, media.duration, 4);
-  putNumber(out, media.profileCode, 4);
+  putVarint(out, media.duration);
+  putVarint(out, media.profileCode);
   putNumber(out, media.strings != nullptr ? mfd_protocolStringsKey(*media.strings) : 0, 4);
   return out;
 }
@@ -70,14 +91,14 @@ bool dmsIndexUnpackMedia(std::string_view bytes, dmsMediaRecord &media) {
   read.mediaClass = static_cast<uint8_t>(in.number(1));
   read.audioCodec = static_cast<uint8_t>(in.number(1));
   read.videoCodec = static_cast<uint8_t>(in.number(1));
-  read.fileSize = static_cast<int64_t>(in.number(8));
-  read.dataOffset = static_cast<int64_t>(in.number(8));
-  read.modificationTime = static_cast<int64_t>(in.number(8));
+  read.fileSize = unzigzag(in.varint());
+  read.dataOffset = unzigzag(in.varint());
+  read.modificationTime = unzigzag(in.varint());
   for (int32_t *value : {&read.bitrate, &read.sampleRate, &read.channels, &read.videoWidth, &read.videoHeight}) {
-    *value = static_cast<int32_t>(static_cast<uint32_t>(in.number(4)));
+    *value = static_cast<int32_t>(unzigzag(in.varint()));
   }
-  read.duration = static_cast<uint32_t>(in.number(4));
-  read.profileCode = static_cast<uint32_t>(in.number(4));
+  read.duration = static_cast<uint32_t>(in.varint());
+  read.profileCode = static_cast<uint32_t>(in.varint());
   read.strings = mfd_protocolStringsByKey(static_cast<uint32_t>(in.number(4)));
   if (!in.whole() || read.strings == nullptr || read.formatId >= MFD_FORMAT_COUNT || read.fileSize < 0 || read.dataOffset < 0 ||
       read.dataOffset > read.fileSize) {
@@ -90,13 +111,13 @@ bool dmsIndexUnpackMedia(std::string_view bytes, dmsMediaRecord &media) {
 std::string dmsIndexPackTags(const dmsMediaTags &tags, const dmsTagPool &pool) {
   std::string out;
   out.push_back(static_cast<char>(kTagsVersion));
-  putNumber(out, tags.track, 2);
+  putVarint(out, tags.track);
   putNumber(out, tags.disc, 1);
   putNumber(out, tags.flags, 1);
   for (uint32_t id : {tags.title, tags.artist, tags.album, tags.genre, tags.date}) {
     const char *text = pool.text(id);
     const size_t length = text != nullptr ? std::strlen(text) : 0;  // at most the pool's 1,024 bytes
-    putNumber(out, length, 2);
+    putVarint(out, length);
     out.append(text != nullptr ? text : "", length);
   }
   return out;
@@ -106,12 +127,13 @@ bool dmsIndexUnpackTags(std::string_view bytes, dmsTagPool &pool, dmsMediaTags &
   Reader in(bytes);
   if (in.number(1) != kTagsVersion) return false;
   dmsMediaTags read;
-  read.track = static_cast<uint16_t>(in.number(2));
+  const uint64_t track = in.varint();
+  read.track = static_cast<uint16_t>(track);
   read.disc = static_cast<uint8_t>(in.number(1));
   read.flags = static_cast<uint8_t>(in.number(1));
   std::string_view texts[5];
   for (std::string_view &text : texts) text = in.text();
-  if (!in.whole()) return false;
+  if (!in.whole() || track > 0xFFFF) return false;
   uint32_t *ids[] = {&read.title, &read.artist, &read.album, &read.genre, &read.date};
   for (size_t i = 0; i < 5; ++i) *ids[i] = pool.intern(texts[i]);
   tags = read;

@@ -1,6 +1,8 @@
 // What the index keeps of a listed file's detection and tags, as bytes: a
-// fixed little-endian layout with a version byte in front, the same on
-// every machine, so that an index written on one device reads on another.
+// version byte, then each number in as few bytes as it needs (seven bits a
+// byte, low first; signed ones folded so that small negative ones stay
+// small), the same on every machine, so that an index written on one
+// device reads on another.
 // The protocol strings are stored by their key (mfd_protocolStringsKey):
 // they depend on detector words the record does not keep.  Tag texts are stored as
 // texts (pool ids do not outlive the run) and pooled again when read.
@@ -13,7 +15,7 @@
 #include "content/dmsClmRecord.h"
 #include "content/dmsClmTagPool.h"
 
-// The bytes of `media` (61 bytes).  May throw std::bad_alloc.
+// The bytes of `media` (about 30).  May throw std::bad_alloc.
 std::string dmsIndexPackMedia(const dmsMediaRecord &media);
 // `bytes` read back into *media; false (and *media untouched) when they are
 // not bytes this version wrote.

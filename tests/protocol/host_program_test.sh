@@ -82,6 +82,33 @@ for options in "--max-content 4:3" "--filter:5" ":6"; do
 done
 rm -rf "$limited"
 
+# A crash in the middle of a burst of 5,000 new files leaves an index that
+# loads (or is made anew): after a restart the list equals the disk.
+total_of() { browse "$1" "$2" | sed -n 's:.*<TotalMatches>\([0-9]*\)</TotalMatches>.*:\1:p'; }
+burst=$(mktemp -d)
+mkdir "$burst/share" "$burst/state"
+cp "$media/audio/mp3/mpeg1-44k-cbr128.mp3" "$burst/song.mp3"
+burst_port=$((other_port + 2))
+serve_burst() {
+  "$program" --address 127.0.0.1 --port $burst_port --www "$www" --state-dir "$burst/state" --views=no \
+    "$burst/share" >/dev/null 2>&1 &
+  burst_pid=$!
+  for _ in $(seq 100); do [ -n "$(total_of $burst_port 1001)" ] && break; sleep 0.1; done
+}
+serve_burst
+(for n in $(seq 5000); do ln "$burst/song.mp3" "$burst/share/$n.mp3"; done) &
+copier=$!
+sleep 1
+kill -KILL $burst_pid
+wait $burst_pid 2>/dev/null
+wait $copier
+serve_burst
+for _ in $(seq 300); do [ "$(total_of $burst_port 1001)" = 5000 ] && break; sleep 0.1; done
+check "after a crash in a burst of new files a restart lists the disk" test "$(total_of $burst_port 1001)" = 5000
+kill -TERM $burst_pid
+wait $burst_pid
+rm -rf "$burst"
+
 # A configuration file: its folders and name are served, SIGHUP applies the
 # edited file, a broken one at reload changes nothing, and a broken one at
 # start is one line that names the file and line, with exit code 2.

@@ -58,24 +58,31 @@ TEST(IndexPack, BytesThisVersionDidNotWriteAreRefused) {
   dmsMediaRecord media;
   media.formatId = MFD_FORMAT_MP3;
   media.fileSize = 5000;
-  media.strings = &mfd_protocolStringsFor(dmsClmExpandMedia(media));
   media.dataOffset = 10;
+  media.modificationTime = -5;  // before 1970: a signed number
+  media.strings = &mfd_protocolStringsFor(dmsClmExpandMedia(media));
   const std::string good = dmsIndexPackMedia(media);
+  dmsMediaRecord back;
+  ASSERT_TRUE(dmsIndexUnpackMedia(good, back));
+  EXPECT_EQ(back.modificationTime, -5);
+  dmsMediaRecord badFormat = media, badOffset = media, noStrings = media;
+  badFormat.formatId = MFD_FORMAT_COUNT;
+  badOffset.dataOffset = 6000;  // past the file's size
+  noStrings.strings = nullptr;
+  std::string newer = good;
+  newer[0] = 1;  // the fixed layout of the first version
+  dmsMediaRecord untouched;
+  for (const std::string &bad : {std::string(), good.substr(0, good.size() - 5), good + "x",
+                                 dmsIndexPackMedia(badFormat), dmsIndexPackMedia(badOffset),
+                                 dmsIndexPackMedia(noStrings), newer, std::string("\x02") + std::string(20, '\xff')}) {
+    EXPECT_FALSE(dmsIndexUnpackMedia(bad, untouched));
+  }
+  EXPECT_EQ(untouched.fileSize, 0);
   dmsTagPool pool;
   dmsMediaTags tags;
   tags.title = pool.intern("Title");
   const std::string goodTags = dmsIndexPackTags(tags, pool);
-  std::string badFormat = good, badOffset = good, newer = good;
-  badFormat[1] = static_cast<char>(MFD_FORMAT_COUNT);
-  badOffset[20] = 0x7F;  // the data offset past the file's size
-  newer[0] = 2;
-  dmsMediaRecord untouched;
-  for (const std::string &bad : {std::string(), good.substr(0, 30), good + "x", badFormat, badOffset, newer}) {
-    EXPECT_FALSE(dmsIndexUnpackMedia(bad, untouched));
-  }
-  EXPECT_EQ(untouched.fileSize, 0);
-  std::string longText = goodTags;
-  longText[5] = 0x7F;  // the title's length past the end
+  const std::string longText = std::string("\x02\x00\x00\x00\x7f", 5) + "Title";  // a length past the end
   dmsMediaTags none;
   for (const std::string &bad : {std::string(), goodTags.substr(0, 6), goodTags + "x", longText}) {
     EXPECT_FALSE(dmsIndexUnpackTags(bad, pool, none));
