@@ -141,6 +141,7 @@ int main(int argc, char **argv) {
         {"no state, views on", {"--state-dir=none"}},
         {"first start (new index)", {stateOption}},
         {"restart, unchanged", {stateOption}},
+        {"restart, views off", {stateOption, "--views=no"}},
         {"restart, 1,000 changed", {stateOption}, true},
     };
     for (const Run &run : runs) {

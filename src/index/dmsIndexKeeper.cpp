@@ -12,6 +12,16 @@ namespace {
 constexpr uint8_t kFolderRow = 1;
 constexpr uint8_t kFileRow = 2;
 
+// A check of a file's size and time: equal ones give equal checks; a
+// changed file gives another but for one chance in four billion (it is then
+// not written again until it changes once more).
+uint32_t checkOf(int64_t size, int64_t modified) {
+  uint64_t mixed = static_cast<uint64_t>(size) * 0x9E3779B97F4A7C15ull ^ static_cast<uint64_t>(modified);
+  mixed ^= mixed >> 31;
+  mixed *= 0xBF58476D1CE4E5B9ull;
+  return static_cast<uint32_t>(mixed ^ (mixed >> 32));
+}
+
 }  // namespace
 
 void dmsIndexKeeper::folder(uint32_t parentId, dmsTagPool &pool, std::unordered_map<std::string, Known> &out) {
@@ -27,7 +37,7 @@ void dmsIndexKeeper::folder(uint32_t parentId, dmsTagPool &pool, std::unordered_
     known.media = !known.folder && row.modified < store_->previousStart() &&
                   dmsIndexUnpackMedia(row.media, known.record) && dmsIndexUnpackTags(row.tags, pool, known.tags);
     out.emplace(row.name, known);
-    recalled_.push_back({row.id, known.folder ? -1 : row.size, known.folder ? -1 : row.modified});
+    recalled_.push_back({row.id, known.folder ? 0 : checkOf(row.size, row.modified)});
   }
 }
 
@@ -67,7 +77,7 @@ void dmsIndexKeeper::writeAll(const dmsContentListInfo &list) {
     pending.pop_back();
     const Recalled *was = recalledAs(*at);
     const bool file = at->type == DMS_CLM_TYPE_ITEM;
-    if (was == nullptr || (file && (was->size != at->fileSize || was->modified != at->media.modificationTime))) {
+    if (was == nullptr || (file && was->check != checkOf(at->fileSize, at->media.modificationTime))) {
       fresh.push_back(at->id);
     }
     for (const dmsContentEntry *child : dmsClmChildren(at)) pending.push_back(child);

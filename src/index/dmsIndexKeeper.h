@@ -40,11 +40,11 @@ class dmsIndexKeeper : public dmsClmRecall {
   static dmsIndexStore::Row rowOf(const dmsContentListInfo &list, const dmsContentEntry &entry);
   void put(const dmsContentListInfo &list, const dmsContentEntry &entry);
 
-  // What the first scan recalled: id, size and time of each row handed out.
+  // What the first scan recalled: the id of each row handed out and a
+  // check of its file's size and time (8 bytes a file while the scan runs).
   struct Recalled {
     uint32_t id;
-    int64_t size;
-    int64_t modified;
+    uint32_t check;
   };
   std::vector<Recalled> recalled_;
   std::unique_ptr<dmsIndexStore> store_;
