@@ -56,6 +56,10 @@ void dmsStateRelease(dmsHandle *handle) {
     dmsClmRemoveListener(handle->contentList, handle->indexListener);
   }
   handle->indexListener = 0;
+  if (handle->contentList != nullptr && handle->index != nullptr) {
+    std::lock_guard changing(handle->contentList->changeMutex);
+    handle->contentList->recall = nullptr;
+  }
   std::unique_ptr<dmsIndexKeeper> keeper(handle->index);  // its store writes what is queued
   handle->index = nullptr;
 }

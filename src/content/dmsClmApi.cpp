@@ -216,7 +216,6 @@ int32_t createList(dmsContentListInfo **out, char **sharedPaths, int32_t numShar
   list->madeItems.clear();  // nobody listens yet
   list->madeFolders.clear();
   list->playlistFolders.clear();
-  list->recall = nullptr;  // only the first scan recalls
   result = dmsFsmStartMonitor(list->monitor, list->root, clmFsmNotificationCallBack);
   if (result != 0) DMS_TRACE(OSAL_TRACE_ERR, "Error [%d] in %s()... Ignore this!\n", result, "dmsFsmStartMonitor");
   *out = list.release();

@@ -126,8 +126,9 @@ struct dmsContentListInfo {
   dmsFsmMonitor *monitor = nullptr;
   uint32_t nextId = DMS_CLM_FIRST_ID;
   mfdInstance *detector = nullptr;
-  // The memory of an earlier run the scan consults (borrowed; NULL: none):
-  // see content/dmsClmRecall.h.  Set at create only.
+  // The memory of an earlier run the scans consult (borrowed; NULL: none):
+  // see content/dmsClmRecall.h.  Set at create; its owner clears it under
+  // the change mutex before it goes.
   dmsClmRecall *recall = nullptr;
   dmsTagPool tagPool;  // the entries' tag texts (see its own discipline)
   // Told of every change, in the order added (change mutex).

@@ -131,8 +131,8 @@ void keepNameOnly(std::string &path) {
 // it when that ran ahead (see detectAhead).
 struct FolderChild {
   std::string path;
-  uint32_t type;
-  int64_t fileSize;
+  uint32_t type = DMS_CLM_TYPE_ITEM;
+  int64_t fileSize = 0;
   int64_t modified = 0;   // seconds since the epoch
   bool detected = false;  // `media` is set
   bool media = false;
@@ -284,7 +284,11 @@ int32_t openFrame(dmsContentListInfo *list, dmsPendingEntry &folder, const dmsSc
       DMS_TRACE(OSAL_TRACE_INFO, "Folder [%s] links back to a folder above it: not listed\n", path.c_str());
       continue;
     }
-    frame.children.push_back({std::move(path), type, status.st_size, static_cast<int64_t>(status.st_mtime)});
+    FolderChild &child = frame.children.emplace_back();
+    child.path = std::move(path);
+    child.type = type;
+    child.fileSize = status.st_size;
+    child.modified = static_cast<int64_t>(status.st_mtime);
   }
   recallChildren(list, folder.presetId, frame.children);
   detectAhead(list, frame.children, budget);

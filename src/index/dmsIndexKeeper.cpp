@@ -37,7 +37,9 @@ void dmsIndexKeeper::folder(uint32_t parentId, dmsTagPool &pool, std::unordered_
     known.media = !known.folder && row.modified < store_->previousStart() &&
                   dmsIndexUnpackMedia(row.media, known.record) && dmsIndexUnpackTags(row.tags, pool, known.tags);
     out.emplace(row.name, known);
-    recalled_.push_back({row.id, known.folder ? 0 : checkOf(row.size, row.modified)});
+    // A shared folder that is not shared now is not taken for gone: its rows
+    // stay, so that its ids come back when the host shares it again.
+    if (firstScan_ && parentId != 0) recalled_.push_back({row.id, known.folder ? 0 : checkOf(row.size, row.modified)});
   }
 }
 
@@ -89,6 +91,7 @@ void dmsIndexKeeper::writeAll(const dmsContentListInfo &list) {
     if (list.entriesById.find(was.id) == nullptr) gone.push_back(was.id);
   }
   std::vector<Recalled>().swap(recalled_);
+  firstScan_ = false;  // later scans (a folder the host shares) are written as changes
   if (!gone.empty()) store_->remove(std::move(gone));
   // Written on the store's thread, 2,000 rows at a time, each looked up
   // again under the read lock (one gone meanwhile is skipped).

@@ -1,6 +1,7 @@
 // Keeps the persistent index (dmsIndexStore) in step with the content list:
-// it is the list's recall at the first scan (ids and unchanged files of the
-// earlier run); once that scan is done it writes what is new or changed and
+// it is the list's recall at every scan (ids and unchanged files of the
+// earlier run: a folder the host shares again at run time keeps its ids,
+// and the rows of a folder not shared now stay for when it is again); once that scan is done it writes what is new or changed and
 // takes out what is gone, and then follows every change the list tells its
 // listeners.  Rows are written by the store's thread, after the change is
 // listed; the first write is produced there chunk by chunk (under the
@@ -47,6 +48,7 @@ class dmsIndexKeeper : public dmsClmRecall {
     uint32_t check;
   };
   std::vector<Recalled> recalled_;
+  bool firstScan_ = true;
   std::unique_ptr<dmsIndexStore> store_;
 };
 

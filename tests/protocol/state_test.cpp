@@ -124,6 +124,22 @@ TEST_F(StateTest, WhatTheMonitorListedIsKept) {
   EXPECT_EQ(run().at("b/while-running").first, madeId);
 }
 
+TEST_F(StateTest, AFolderTheHostSharesAtRunTimeKeepsItsIds) {
+  StateFolder named(state_ / "dms");
+  const auto runAdding = [this] {
+    RunningServer server;
+    EXPECT_TRUE(server.start({disk_ / "a"}));
+    std::string b = disk_ / "b";
+    EXPECT_EQ(dlna_dmsAddSharedPath(server.handle(), b.data()), 0);
+    Listing listed;
+    walk(server.port(), "0", "", listed);
+    return listed;
+  };
+  const Listing first = runAdding();
+  ASSERT_EQ(first.size(), 7u);
+  EXPECT_EQ(runAdding(), first);
+}
+
 TEST_F(StateTest, AnIndexThatCannotBeUsedNeverStopsTheServer) {
   {
     StateFolder named(state_ / "dms");
