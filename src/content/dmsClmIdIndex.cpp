@@ -29,6 +29,12 @@ void dmsClmIdIndex::insert(dmsContentEntry *entry) {
   rows_.insert(at, {id, entry});
 }
 
+bool dmsClmIdIndex::holds(uint32_t id) const {
+  const auto end = sorted_ != 0 ? rows_.begin() + static_cast<std::ptrdiff_t>(sorted_) : rows_.end();
+  auto at = std::lower_bound(rows_.begin(), end, id, [](const Row &row, uint32_t key) { return row.id < key; });
+  return at != end && at->id == id && at->entry != nullptr;
+}
+
 dmsContentEntry *dmsClmIdIndex::find(uint32_t id) const {
   auto at = locate(id);
   return at == rows_.end() ? nullptr : at->entry;

@@ -31,6 +31,9 @@ class dmsClmIdIndex {
   void insert(dmsContentEntry *entry);
   // The entry listed under `id`, or NULL.
   dmsContentEntry *find(uint32_t id) const;
+  // Whether an entry is listed under `id`; inside a batch, among those
+  // listed before it (what the batch added is not yet in order).
+  bool holds(uint32_t id) const;
   // Takes the entry listed under `id` out and returns it, or NULL.
   dmsContentEntry *remove(uint32_t id);
   // Entries listed.

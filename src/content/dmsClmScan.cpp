@@ -381,7 +381,10 @@ dmsContentEntry *createEntryAndAddToList(dmsContentListInfo *list, dmsPendingEnt
     return nullptr;
   }
   auto entry = std::make_unique<dmsContentEntry>();
-  entry->id = pending.presetId != 0 ? pending.presetId : list->nextId++;
+  // An earlier run's id, unless an entry holds it already (a folder shared
+  // twice); else a new one.
+  const bool recalled = pending.presetId != 0 && !list->entriesById.holds(pending.presetId);
+  entry->id = recalled ? pending.presetId : list->nextId++;
   // A shared folder keeps the path it was shared by; the rest their names.
   if (parent != nullptr && parent->type != DMS_CLM_TYPE_ROOT) {
     const size_t slash = pending.path.rfind('/');

@@ -138,6 +138,22 @@ TEST_F(StateTest, AFolderTheHostSharesAtRunTimeKeepsItsIds) {
   const Listing first = runAdding();
   ASSERT_EQ(first.size(), 7u);
   EXPECT_EQ(runAdding(), first);
+  // Shared twice: the second listing gets ids of its own.
+  RunningServer server;
+  ASSERT_TRUE(server.start({disk_ / "a", disk_ / "b"}));
+  std::string b = disk_ / "b";
+  ASSERT_EQ(dlna_dmsAddSharedPath(server.handle(), b.data()), 0);
+  std::set<std::string> ids;
+  size_t objects = 0;
+  for (const DidlObject &share : children(server.port(), "0")) {
+    ids.insert(share.id());
+    ++objects;
+    for (const DidlObject &child : children(server.port(), share.id())) {
+      ids.insert(child.id());
+      ++objects;
+    }
+  }
+  EXPECT_EQ(ids.size(), objects);
 }
 
 TEST_F(StateTest, AnIndexThatCannotBeUsedNeverStopsTheServer) {
