@@ -21,11 +21,6 @@ namespace {
 // The properties the test reads: the item as a "*" Filter builds it.
 constexpr uint8_t kEveryProperty[DMS_CDS_FILTER_COUNT] = {0};
 
-// The classes of the containers a Search may meet.
-constexpr const char *kContainerClasses[] = {
-    DMS_CDS_FOLDER_CLASS, "object.container.person.musicArtist", "object.container.album.musicAlbum",
-    "object.container.genre.musicGenre", "object.container.playlistContainer"};
-
 const char *textOrNull(const char *text) { return text != nullptr && text[0] != '\0' ? text : nullptr; }
 
 int64_t positiveOrAbsent(int64_t value) { return value > 0 ? value : DMS_CDS_SEARCH_ABSENT; }
@@ -175,7 +170,8 @@ int32_t parseSearchCapabilities(const char *searchCriteria, dmsCdsSearchState *s
     }
     // Containers are tested only when the criteria could hold for one: a
     // class term that names a class of folders or of the views' containers.
-    for (const char *upnpClass : kContainerClasses) {
+    state->containersWanted = dmsCdsCriteriaNamesClass(state->criteria, DMS_CDS_FOLDER_CLASS, state->scratch);
+    for (const char *upnpClass : DMS_VIEW_CONTAINER_CLASSES) {
       state->containersWanted =
           state->containersWanted || dmsCdsCriteriaNamesClass(state->criteria, upnpClass, state->scratch);
     }

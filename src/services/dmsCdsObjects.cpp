@@ -65,7 +65,7 @@ bool dmsCdsChildren::at(size_t index, dmsCdsObject &out) const {
 
 bool dmsCdsObject::isPlaylist() const {
   return view.id != 0 && view.fileId == 0 && view.upnpClass != nullptr &&
-         std::strcmp(view.upnpClass, "object.container.playlistContainer") == 0;
+         std::strcmp(view.upnpClass, DMS_VIEW_PLAYLIST_CLASS) == 0;
 }
 
 int32_t dmsCdsBuildValidItem(const dmsCdsObjectRequest &request, const dmsCdsObject &object,

@@ -40,6 +40,15 @@
 #include "content/dmsClmApi.h"
 #include "views/dmsViewIds.h"
 
+// The classes of the views' own containers (the fixed lists and the dates
+// are storage folders, as the folders are).
+inline constexpr char DMS_VIEW_ARTIST_CLASS[] = "object.container.person.musicArtist";
+inline constexpr char DMS_VIEW_ALBUM_CLASS[] = "object.container.album.musicAlbum";
+inline constexpr char DMS_VIEW_GENRE_CLASS[] = "object.container.genre.musicGenre";
+inline constexpr char DMS_VIEW_PLAYLIST_CLASS[] = "object.container.playlistContainer";
+inline constexpr const char *DMS_VIEW_CONTAINER_CLASSES[] = {DMS_VIEW_ARTIST_CLASS, DMS_VIEW_ALBUM_CLASS,
+                                                             DMS_VIEW_GENRE_CLASS, DMS_VIEW_PLAYLIST_CLASS};
+
 // One object of the views, as a reader sees it.
 struct dmsViewObject {
   uint32_t id = 0;                  // 0: none

@@ -46,10 +46,10 @@ struct KindRow {
 inline constexpr KindRow kKinds[] = {
     // class                                    items
     {"object.container.storageFolder",          ItemOrder::kByTitle},      // kFixed (see kFixedRows)
-    {"object.container.person.musicArtist",     ItemOrder::kByDiscTrack},  // kArtist
-    {"object.container.album.musicAlbum",       ItemOrder::kByDiscTrack},  // kArtistAlbum
-    {"object.container.album.musicAlbum",       ItemOrder::kByDiscTrack},  // kAlbum
-    {"object.container.genre.musicGenre",       ItemOrder::kByTitle},      // kGenre
+    {DMS_VIEW_ARTIST_CLASS,                     ItemOrder::kByDiscTrack},  // kArtist
+    {DMS_VIEW_ALBUM_CLASS,                      ItemOrder::kByDiscTrack},  // kArtistAlbum
+    {DMS_VIEW_ALBUM_CLASS,                      ItemOrder::kByDiscTrack},  // kAlbum
+    {DMS_VIEW_GENRE_CLASS,                      ItemOrder::kByTitle},      // kGenre
     {"object.container.storageFolder",          ItemOrder::kByDate},       // kYear
     {"object.container.storageFolder",          ItemOrder::kByDate},       // kMonth
 };

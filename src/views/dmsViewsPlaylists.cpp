@@ -11,8 +11,6 @@
 
 namespace {
 
-constexpr char kPlaylistClass[] = "object.container.playlistContainer";
-
 // The most entries all playlists together keep (4 bytes each), whatever a
 // share holds: the rest of a playlist past it is left out.
 constexpr size_t kMaxEntriesHeld = 1000000;
@@ -162,7 +160,7 @@ bool dmsViews::findPlaylistObject(uint32_t id, dmsViewObject &out) const {
     return true;
   }
   out.parentId = below != 0 ? kPlaylists : playlist.folderId;
-  out.upnpClass = kPlaylistClass;
+  out.upnpClass = DMS_VIEW_PLAYLIST_CLASS;
   out.title = list_->tagPool.text(playlist.titleTag);
   if (out.title == nullptr) out.title = "";
   out.childCount = static_cast<uint32_t>(playlist.files.size());
