@@ -87,9 +87,16 @@ TEST_F(StateTest, IdsSurviveRestartsAndNewOnesAreNeverUsedBefore) {
   fs::remove_all(disk_ / "a/sub");
   ASSERT_EQ(run().size(), 5u);
   disk_.copy(kSong, "a/sub/two.mp3");
-  const Listing fourth = run();
+  Listing fourth = run();
   EXPECT_GT(std::stoul(fourth.at("a/sub").first), highest(third));
   EXPECT_GT(std::stoul(fourth.at("a/sub/two").first), highest(third));
+  // Renamed while stopped: a new id for the new name, the others keep theirs.
+  fs::rename(disk_ / "b/three.mp3", disk_ / "b/renamed.mp3");
+  Listing fifth = run();
+  EXPECT_GT(std::stoul(fifth.at("b/renamed").first), highest(fourth));
+  fifth.erase("b/renamed");
+  fourth.erase("b/three");
+  EXPECT_EQ(fifth, fourth);
 }
 
 TEST_F(StateTest, FilesChangedWhileStoppedAreReadAgain) {
