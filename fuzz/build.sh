@@ -11,6 +11,8 @@
 #                    well-formed XML
 #   config_fuzz      the host program's configuration file
 #   playlist_fuzz    the playlist reader (M3U, M3U8 and PLS text)
+#   clients_fuzz     client rules and the recognition of request headers
+#   subtitles_fuzz   sidecar subtitle names matched to a video, subtitle URLs
 #   fuzz/build.sh [target...]   (default: all)
 # The library is compiled once into fuzz/out/library_objects/, one object per
 # source, again only where the source or a header it includes changed.
@@ -22,7 +24,7 @@ cxx=${CXX_FUZZ:-clang++}
 mkdir -p "$out"
 flags=(-g -O1 -fno-omit-frame-pointer -fsanitize=fuzzer,address,undefined -fno-sanitize-recover=undefined
        -std=c++20 -D_FILE_OFFSET_BITS=64 -D_LARGEFILE64_SOURCE -Wall -Wextra -I "$root/src" -I "$root/include")
-all=(detect_fuzz front_door_fuzz request_fuzz criteria_fuzz config_fuzz playlist_fuzz)
+all=(detect_fuzz front_door_fuzz request_fuzz criteria_fuzz config_fuzz playlist_fuzz clients_fuzz subtitles_fuzz)
 targets=("$@")
 [ ${#targets[@]} -gt 0 ] || targets=("${all[@]}")
 
@@ -94,9 +96,16 @@ for target in "${targets[@]}"; do
     front_door_fuzz|request_fuzz|criteria_fuzz)
       link_with_library "$target" ;;
     config_fuzz)
-      # The host's option reading alone.
-      "$cxx" "${flags[@]}" -I "$root/host" "$root/fuzz/config_fuzz.cpp" "$root/host/host_options.cpp" \
-        -o "$out/config_fuzz" ;;
+      # The host's option reading, and the library's reading of client rules.
+      read -r -a cflags <<<"$(pkg-config --cflags libupnp)"
+      "$cxx" "${flags[@]}" "${cflags[@]}" -I "$root/host" "$root/fuzz/config_fuzz.cpp" "$root/host/host_options.cpp" \
+        "$root/src/api/dlna_dmsClients.cpp" "$root/src/clients/dmsClients.cpp" "$root/src/util/dmsGuard.cpp" \
+        "$root/src/util/osal_trace.cpp" -o "$out/config_fuzz" ;;
+    clients_fuzz)
+      "$cxx" "${flags[@]}" "$root/fuzz/clients_fuzz.cpp" "$root/src/clients/dmsClients.cpp" -o "$out/clients_fuzz" ;;
+    subtitles_fuzz)
+      "$cxx" "${flags[@]}" "$root/fuzz/subtitles_fuzz.cpp" "$root/src/subtitles/dmsSubtitles.cpp" \
+        -o "$out/subtitles_fuzz" ;;
     playlist_fuzz)
       # The reader is text alone: its one source.
       "$cxx" "${flags[@]}" "$root/fuzz/playlist_fuzz.cpp" "$root/src/playlist/dmsPlaylistRead.cpp" \

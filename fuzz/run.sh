@@ -8,6 +8,8 @@
 #   criteria_fuzz    fuzz/seeds/criteria/   (corpus: fuzz/corpus-criteria/)
 #   config_fuzz      fuzz/seeds/config/     (corpus: fuzz/corpus-config/)
 #   playlist_fuzz    fuzz/seeds/playlist/   (corpus: fuzz/corpus-playlist/)
+#   clients_fuzz     fuzz/seeds/clients/    (corpus: fuzz/corpus-clients/)
+#   subtitles_fuzz   fuzz/seeds/subtitles/  (corpus: fuzz/corpus-subtitles/)
 # Each corpus grows beside its committed seeds.  Every run has leak
 # checking on, 2 GiB of memory and 10 s per input; crashing inputs are
 # written to fuzz/crashes/.  The fuzzers run in a network namespace of
@@ -73,6 +75,8 @@ request_fuzz    request    corpus-request    4096
 criteria_fuzz   criteria   corpus-criteria   4096
 config_fuzz     config     corpus-config     4096
 playlist_fuzz   playlist   corpus-playlist   65536
+clients_fuzz    clients    corpus-clients    2048
+subtitles_fuzz  subtitles  corpus-subtitles  4096
 EOF
 
 if [ ${#failed[@]} -gt 0 ]; then

@@ -5,6 +5,8 @@
 #include <cstring>
 #include <fstream>
 
+#include "dlna_dms.h"
+
 namespace {
 
 bool parseNumber(const std::string &text, int low, int high, int &value) {
@@ -16,6 +18,16 @@ bool parseNumber(const std::string &text, int low, int high, int &value) {
     return false;
   }
   value = static_cast<int>(number);
+  return true;
+}
+
+// A client rule ("ua=TEXT : FLAG,..."), checked by the library that reads it.
+bool addClientRule(const std::string &text, std::vector<std::string> &rules) {
+  const char *rule = text.c_str();
+  char *described = nullptr;
+  if (dlna_dmsDescribeClients(&rule, 1, &described) != DMS_SUCCESS) return false;
+  std::free(described);
+  rules.push_back(text);
   return true;
 }
 
@@ -58,6 +70,7 @@ const OptionRow kOptions[] = {
     {"wide-links", false, [](HostOptions &o, const std::string &v) { return parseSwitch(v, o.wideLinks); }},
     {"views", false, [](HostOptions &o, const std::string &v) { return parseSwitch(v, o.views); }},
     {"state-dir", true, [](HostOptions &o, const std::string &v) { return !v.empty() && (o.stateDir = v, true); }},
+    {"client", true, [](HostOptions &o, const std::string &v) { return addClientRule(v, o.clients); }},
     {"trace", true, [](HostOptions &o, const std::string &v) { return parseMask(v) && (o.trace = v, true); }},
     {"www", true, [](HostOptions &o, const std::string &v) { return !v.empty() && (o.www = v, true); }},
 };
@@ -149,6 +162,10 @@ void printHostUsage(FILE *out) {
                "                      that ids last and a restart is quick (default:\n"
                "                      $STATE_DIRECTORY, else $XDG_STATE_HOME/dlna-dms, else\n"
                "                      ~/.local/state/dlna-dms; none: keep nothing)\n"
+               "  --client RULE       fit answers to a player: \"ua=TEXT : FLAG,...\" (or\n"
+               "                      av=, name=, ip=A.B.C.D[/BITS]), before the built-in\n"
+               "                      profiles; may be given more than once\n"
+               "  --list-clients      show the client profiles and their flags\n"
                "  --trace MASK        trace level mask, hexadecimal (default 0x0003)\n"
                "  --www DIR           folder with the description files and icons\n"
                "  --help              show this text\n"
@@ -160,6 +177,10 @@ HostCommand parseHostCommandLine(int argc, char **argv, HostCommandLine &line, s
     const std::string arg = argv[i];
     if (arg == "--help" || arg == "-h") return HostCommand::Help;
     if (arg == "--version") return HostCommand::Version;
+    if (arg == "--list-clients") {
+      line.listClients = true;
+      continue;
+    }
     if (arg.size() < 2 || arg[0] != '-') {
       line.folders.push_back(arg);
       continue;
@@ -206,7 +227,7 @@ bool resolveHostOptions(const HostCommandLine &line, HostOptions &options, std::
   if (!line.configPath.empty() && !readConfigFile(line.configPath, resolved, fileFolders, error)) return false;
   for (const auto &[name, value] : line.options) findOption(name)->apply(resolved, value);
   resolved.folders = line.folders.empty() ? fileFolders : line.folders;
-  if (resolved.folders.empty()) {
+  if (resolved.folders.empty() && !line.listClients) {
     error = "no folder to share";
     return false;
   }

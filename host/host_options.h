@@ -26,6 +26,7 @@ struct HostOptions {
   bool wideLinks = false;  // links may lead out of the shared folders
   bool views = true;       // Music, Pictures and Video beside the folders
   std::string stateDir;    // "none": no state folder; empty: the default (see hostStateFolder)
+  std::vector<std::string> clients;  // client rules, in order
   std::string trace;  // trace level mask; empty: errors and warnings
   std::string www;    // empty: the installed or source-tree www directory
   std::vector<std::string> folders;
@@ -37,6 +38,7 @@ struct HostCommandLine {
   std::vector<std::pair<std::string, std::string>> options;  // name without "--", value
   std::vector<std::string> folders;
   std::string configPath;  // empty: no --config
+  bool listClients = false;  // --list-clients: print the client profiles instead of serving
 };
 
 // Reads argv; on Invalid, `error` says why.
@@ -45,7 +47,8 @@ HostCommand parseHostCommandLine(int argc, char **argv, HostCommandLine &line, s
 // The options from the defaults, the configuration file (when one is named)
 // and the command line, in rising precedence.  false with `error` (for the
 // file: "FILE:LINE: what is wrong") when the file cannot be read, has an
-// unknown key or a bad value, or no folder is named at all.
+// unknown key or a bad value, or no folder is named at all (and none is
+// needed for --list-clients).
 bool resolveHostOptions(const HostCommandLine &line, HostOptions &options, std::string &error);
 
 void printHostUsage(FILE *out);

@@ -97,6 +97,24 @@ void printSharing(dmsHandle *server, const HostOptions &options, const char *ver
   std::fflush(stdout);
 }
 
+bool setClientRules(dmsHandle *server, const std::vector<std::string> &rules) {
+  std::vector<const char *> texts;
+  for (const std::string &rule : rules) texts.push_back(rule.c_str());
+  return dlna_dmsSetClientRules(server, texts.data(), static_cast<int32_t>(texts.size())) == DMS_SUCCESS;
+}
+
+int listClients(const HostOptions &options) {
+  std::vector<const char *> texts;
+  for (const std::string &rule : options.clients) texts.push_back(rule.c_str());
+  char *described = nullptr;
+  if (dlna_dmsDescribeClients(texts.data(), static_cast<int32_t>(texts.size()), &described) != DMS_SUCCESS) {
+    return fail("cannot describe the client profiles");
+  }
+  std::fputs(described, stdout);
+  std::free(described);
+  return 0;
+}
+
 // SIGHUP: reads the configuration again (with the command line over it) and
 // applies what changed to the running server.  A bad file changes nothing.
 void reload(dmsHandle *server, const HostCommandLine &line, HostOptions &running) {
@@ -130,6 +148,7 @@ void reload(dmsHandle *server, const HostCommandLine &line, HostOptions &running
   if (fresh.views != running.views && dlna_dmsSetViews(server, fresh.views ? 1 : 0) == DMS_SUCCESS) {
     running.views = fresh.views;
   }
+  if (fresh.clients != running.clients && setClientRules(server, fresh.clients)) running.clients = fresh.clients;
   if (fresh.artCacheMb != running.artCacheMb) {
     dlna_dmsSetArtCacheSize(server, static_cast<uint64_t>(fresh.artCacheMb) * 1024 * 1024);
     running.artCacheMb = fresh.artCacheMb;
@@ -210,6 +229,7 @@ int serve(const HostCommandLine &line, HostOptions &options) {
   dlna_dmsSetArtCacheSize(server, static_cast<uint64_t>(options.artCacheMb) * 1024 * 1024);
   if (options.wideLinks) dlna_dmsSetWideLinks(server, 1);
   if (options.views) dlna_dmsSetViews(server, 1);
+  setClientRules(server, options.clients);  // each was checked as it was read
   if (!follow) dlna_dmsSetFollowAddress(server, 0);
   if (options.mediaPort >= 0 && dlna_dmsSetMediaPort(server, options.mediaPort) != DMS_SUCCESS) {
     exitCode = fail("cannot set the media port");
@@ -259,5 +279,5 @@ int main(int argc, char **argv) {
     if (line.configPath.empty()) printHostUsage(stderr);
     return 2;
   }
-  return serve(line, options);
+  return line.listClients ? listClients(options) : serve(line, options);
 }

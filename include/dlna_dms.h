@@ -153,6 +153,27 @@ DMS_EXPORT int32_t dlna_dmsSetStateDir(dmsHandle *handle, const char *path);
  * DMS_ERR_INVALID_PARAM for a NULL or not created handle. */
 DMS_EXPORT int32_t dlna_dmsSetViews(dmsHandle *handle, int32_t enabled);
 
+/* Client profiles.  Players differ, and the server fits some answers to the
+ * family of player that asks (recognised by its request headers, then
+ * remembered by address for an hour).  A rule reads "MATCH : FLAG,FLAG",
+ * where MATCH is "ua=TEXT" (User-Agent contains TEXT, letter case ignored),
+ * "av=TEXT" (X-AV-Client-Info), "name=TEXT" (FriendlyName.DLNA.ORG) or
+ * "ip=A.B.C.D[/BITS]", and the flags are named in dlna_dmsDescribeClients'
+ * text (none: the client gets the answers any player gets).
+ *
+ * dlna_dmsSetClientRules replaces the host's rules, which go before the
+ * built-in profiles; the first rule or profile that matches wins.  Any
+ * time between dlna_dmsCreate and dlna_dmsDestroy.  `rules` may be NULL
+ * when `count` is 0.  0, or DMS_ERR_INVALID_PARAM for a NULL handle or a
+ * rule that does not read (no rule is then changed).
+ *
+ * dlna_dmsDescribeClients writes the profile table (`rules` first) and the
+ * flags with what each is for, as text for a person, to *text, malloc'ed:
+ * the caller frees it with free().  0, DMS_ERR_INVALID_PARAM for a NULL
+ * `text` or a rule that does not read, DMS_ERR_NO_MEMORY. */
+DMS_EXPORT int32_t dlna_dmsSetClientRules(dmsHandle *handle, const char *const *rules, int32_t count);
+DMS_EXPORT int32_t dlna_dmsDescribeClients(const char *const *rules, int32_t count, char **text);
+
 /* Kept for hosts written for a separate media port: media are served on the
  * one HTTP port, and this changes nothing (0; DMS_ERR_INVALID_PARAM for a
  * NULL handle or a port out of range). */

@@ -111,6 +111,7 @@ int32_t tearDownServer(dmsHandle *handle) {
   handle->description = nullptr;
   std::unique_ptr<dmsArtCache> artCache(handle->artCache);  // nothing reads it any more
   handle->artCache = nullptr;
+  dmsClientsRelease(handle);
   return listResult;
 }
 
@@ -187,6 +188,8 @@ int32_t dmsOpenFrontDoor(dmsHandle *handle) {
   config.artCache = handle->artCache;
   config.eventMgr = handle->eventMgr;
   config.gena = handle->gena;
+  config.clients = handle->clients;
+  config.facts = handle->facts;
   int32_t result = dmsHttpServerStart(&handle->httpServer, config);
   if (result != DMS_SUCCESS) return traceSdkFailure(result, "dmsHttpServerStart", result);
   handle->config.port = dmsHttpServerPort(handle->httpServer);
@@ -221,6 +224,7 @@ int32_t createServices(dmsHandle *handle) {
                          handle->config.ipAddress, handle->config.port);
   if (result != 0) return traceSdkFailure(result, "dmsCdsMgrInit", result);
   handle->cdsContext->artCache = handle->artCache;
+  handle->cdsContext->facts = handle->facts;
   // Content changes reach the views and are evented through the
   // ContentDirectory.
   handle->cdsListener = dmsClmAddListener(handle->contentList, [handle](const dmsClmChangeSet &change) {
@@ -280,6 +284,7 @@ int32_t createServer(dmsHandle **out, dmsConfig *config, const dmsDeviceInfo *de
   if (result != DMS_SUCCESS) return traceSdkFailure(result, "dmsClmCreateContentList", result);
   dmsStateFollow(handle);
   handle->artCache = std::make_unique<dmsArtCache>(kDefaultArtCacheBytes).release();  // owned by the handle
+  dmsClientsOpen(handle);
   if ((result = createServices(handle)) != DMS_SUCCESS) return result;
   // The front door first: the SDK takes a port of its own (never ours) and
   // fetches our description when the device is registered.

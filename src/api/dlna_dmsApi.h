@@ -18,6 +18,8 @@ class dmsAddressWatch;
 class dmsArtCache;
 class dmsGena;
 class dmsViews;
+class dmsClients;
+class dmsFacts;
 class dmsIndexKeeper;
 class dmsClmRecall;
 
@@ -104,6 +106,13 @@ struct dmsHandle {
   // (dlna_dmsState.cpp): owned, NULL without one; its listener on the list.
   dmsIndexKeeper *index;
   uint64_t indexListener;
+  // The client profiles with the host's rules (dlna_dmsClients.cpp): owned,
+  // made at create, freed by destroy after the front door; their own locks.
+  dmsClients *clients;
+  // What players leave per file (resume position, plays): owned, made at
+  // create after the index (whose store keeps them), freed by destroy after
+  // the services and before the index; its own lock.
+  dmsFacts *facts;
 };
 
 // Holds a pthread mutex of the handle for a scope.
@@ -168,7 +177,12 @@ void dmsViewsRelease(dmsHandle *handle);
 void dmsStateOpen(dmsHandle *handle);
 dmsClmRecall *dmsStateRecall(dmsHandle *handle);  // the index as the scan's recall; NULL without one
 void dmsStateFollow(dmsHandle *handle);
-void dmsStateRelease(dmsHandle *handle);
+void dmsStateRelease(dmsHandle *handle);  // the facts, then the index
+
+// The client profiles (dlna_dmsClients.cpp): made at create (with no rules),
+// freed at destroy once the front door is closed.
+void dmsClientsOpen(dmsHandle *handle);
+void dmsClientsRelease(dmsHandle *handle);
 
 // Advertiser thread body; `arg` is the dmsHandle, which outlives the thread
 // (dlna_dmsStop joins it).

@@ -6,6 +6,7 @@
 #include <string>
 
 #include "api/dlna_dmsApi.h"
+#include "facts/dmsFacts.h"
 #include "index/dmsIndexKeeper.h"
 #include "util/osal_trace.h"
 
@@ -25,10 +26,11 @@ void dmsStateOpen(dmsHandle *handle) {
     std::lock_guard naming(g_stateMutex);
     folder = g_stateFolder;
   }
-  if (folder.empty()) return;
-  std::unique_ptr<dmsIndexStore> store = dmsIndexStore::open(folder);
-  if (store == nullptr) return;  // traced: the server runs without
-  handle->index = std::make_unique<dmsIndexKeeper>(std::move(store)).release();  // owned by the handle
+  std::unique_ptr<dmsIndexStore> store = folder.empty() ? nullptr : dmsIndexStore::open(folder);
+  // NULL: traced, and the server runs without.
+  if (store != nullptr) handle->index = std::make_unique<dmsIndexKeeper>(std::move(store)).release();  // owned
+  dmsIndexStore *kept = handle->index != nullptr ? &handle->index->store() : nullptr;
+  handle->facts = std::make_unique<dmsFacts>(kept).release();  // owned by the handle
 }
 
 dmsClmRecall *dmsStateRecall(dmsHandle *handle) { return handle->index; }
@@ -52,6 +54,8 @@ void dmsStateFollow(dmsHandle *handle) {
 }
 
 void dmsStateRelease(dmsHandle *handle) {
+  std::unique_ptr<dmsFacts> facts(handle->facts);  // they borrow the index's store
+  handle->facts = nullptr;
   if (handle->contentList != nullptr && handle->indexListener != 0) {
     dmsClmRemoveListener(handle->contentList, handle->indexListener);
   }

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "api/dlna_dmsApi.h"
+#include "facts/dmsFacts.h"
 #include "services/dmsCdsMgrApi.h"
 #include "util/osal_trace.h"
 #include "views/dmsViews.h"
@@ -38,6 +39,7 @@ int32_t dmsFollowContentChange(dmsHandle *handle, const dmsClmChangeSet &change)
   const int32_t followed = dmsGuard("dmsFollowContentChange", DMS_ERR_NO_MEMORY, [&] {
     pairs.assign(change.pairs, change.pairs + 2 * static_cast<size_t>(change.pairCount));
     if (handle->viewsOn && handle->views != nullptr) handle->views->apply(change, pairs);
+    if (handle->facts != nullptr && change.freedItems != nullptr) handle->facts->forget(*change.freedItems);
     return DMS_SUCCESS;
   });
   if (followed != DMS_SUCCESS) DMS_TRACE(OSAL_TRACE_ERR, "The views could not follow a change\n");

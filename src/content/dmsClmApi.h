@@ -64,6 +64,7 @@ struct dmsContainerState {
   int32_t watchDescriptor = -1;             // inotify watch, -1 none
   std::string coverName;                    // the folder's cover picture file; empty none
   std::vector<std::string> playlists;       // its playlist files (.m3u, .m3u8, .pls), in name order
+  std::vector<std::string> subtitles;       // its subtitle files (subtitles/dmsSubtitles.h), in name order
 };
 
 // One file or folder.  Owned by the list: created while attaching a scan,

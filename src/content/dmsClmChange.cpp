@@ -12,6 +12,7 @@
 #include "content/dmsClmShares.h"
 #include "content/dmsFsmApi.h"
 #include "playlist/dmsPlaylistRead.h"
+#include "subtitles/dmsSubtitles.h"
 #include "util/osal_trace.h"
 
 static constexpr char kTraceFile[] = "dmsClmApi";
@@ -92,6 +93,25 @@ bool notePlaylist(dmsContentListInfo *list, dmsContentEntry *container, const st
   return true;
 }
 
+// Keeps the folder's subtitle names up to date as subtitle files come, go
+// and are written: the folder changes (its videos' answers do).  false when
+// `name` is no subtitle.
+bool noteSubtitle(dmsContentListInfo *list, dmsContentEntry *container, const std::string &name, bool present,
+                  ChangedContainers &changes) {
+  dmsContainerState *state = container->container.get();
+  if (state == nullptr || dmsSubtitleFormatOf(name) == nullptr) return false;
+  auto &names = state->subtitles;
+  auto at = std::lower_bound(names.begin(), names.end(), name);
+  const bool listed = at != names.end() && *at == name;
+  if (present != listed) {
+    std::unique_lock writing(list->rwLock);
+    if (present) names.insert(at, name);
+    else names.erase(at);
+  }
+  if (present || listed) changes.push_back(container->id);
+  return true;
+}
+
 void folderCreated(dmsContentListInfo *list, dmsContentEntry *container, const std::string &name,
                    ChangedContainers &changes);
 
@@ -115,6 +135,10 @@ void fileWritten(dmsContentListInfo *list, dmsContentEntry *container, const std
   }
   noteCover(list, container, name, true);
   if (notePlaylist(list, container, name, true, changes)) return;
+  if (noteSubtitle(list, container, name, true, changes)) {
+    if (listed != nullptr && listed->type == DMS_CLM_TYPE_ITEM) detach(list, listed, changes);
+    return;
+  }
   if (listed != nullptr && listed->type != DMS_CLM_TYPE_ITEM) return;
   // A refresh takes nothing from the budget; a new file is checked against it.
   dmsScanBudget budget{listed != nullptr ? 0 : list->entryCount, list->maxContent};
@@ -241,6 +265,10 @@ void reconcileOne(dmsContentListInfo *list, dmsContentEntry *folder, ChangedCont
     auto found = std::lower_bound(disk.begin(), disk.end(), DiskName{name, false, 0});
     if (found == disk.end() || found->name != name || found->isDirectory) notePlaylist(list, folder, name, false, changes);
   }
+  for (const std::string &name : std::vector<std::string>(folder->container->subtitles)) {
+    auto found = std::lower_bound(disk.begin(), disk.end(), DiskName{name, false, 0});
+    if (found == disk.end() || found->name != name || found->isDirectory) noteSubtitle(list, folder, name, false, changes);
+  }
   const size_t first = below.size();
   for (const DiskName &entry : disk) {
     if (entry.isDirectory) {
@@ -328,6 +356,7 @@ int32_t clmFsmNotificationCallBack(dmsContentListInfo *list, dmsContentEntry *co
       } else if (container != nullptr && !child.empty()) {
         noteCover(list, container, child, false);
         notePlaylist(list, container, child, false, changes);
+        noteSubtitle(list, container, child, false, changes);
         detach(list, dmsClmFindChild(container, child), changes);
       }
       break;

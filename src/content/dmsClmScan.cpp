@@ -2,6 +2,7 @@
 
 #include "content/dmsClmRecall.h"
 #include "playlist/dmsPlaylistRead.h"
+#include "subtitles/dmsSubtitles.h"
 
 #include "content/dmsClmShares.h"
 
@@ -254,10 +255,12 @@ int32_t openFrame(dmsContentListInfo *list, dmsPendingEntry &folder, const dmsSc
     const int rank = name.isDirectory ? 0 : dmsClmCoverRank(name.name);
     dmsPlaylistFormat format;
     const bool playlist = !name.isDirectory && dmsPlaylistFormatOf(name.name, format);
-    if (rank > coverRank || playlist) {
+    const bool subtitle = !name.isDirectory && dmsSubtitleFormatOf(name.name) != nullptr;
+    if (rank > coverRank || playlist || subtitle) {
       if (folder.container == nullptr) folder.container = std::make_unique<dmsContainerState>();
     }
     if (playlist) folder.container->playlists.push_back(name.name);
+    if (subtitle) folder.container->subtitles.push_back(name.name);
     if (rank > coverRank) {
       coverRank = rank;
       folder.container->coverName = name.name;
@@ -276,6 +279,8 @@ int32_t openFrame(dmsContentListInfo *list, dmsPendingEntry &folder, const dmsSc
     // Only folders and regular files: a FIFO, socket or device is never
     // opened, and nothing a link leads out of the shares to is listed.
     if (!S_ISDIR(status.st_mode) && !S_ISREG(status.st_mode)) continue;
+    // A subtitle is its video's, never an item (a VobSub ".sub" looks like MPEG).
+    if (!S_ISDIR(status.st_mode) && dmsSubtitleFormatOf(name.name) != nullptr) continue;
     if (name.maybeLink && !dmsClmLinkStaysInside(list, path)) continue;
     uint32_t type = S_ISDIR(status.st_mode) ? DMS_CLM_TYPE_CONTAINER : DMS_CLM_TYPE_ITEM;
     if (type == DMS_CLM_TYPE_CONTAINER &&

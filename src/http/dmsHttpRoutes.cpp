@@ -8,6 +8,7 @@
 #include <cstring>
 #include <string>
 
+#include "clients/dmsClients.h"
 #include "gena/dmsGena.h"
 #include "http/dmsAvtHttpHandler.h"
 #include "http/dmsMediaServer.h"
@@ -46,12 +47,12 @@ MHD_Result answerFixed(dmsHttpServer &, MHD_Connection *connection, dmsHttpReque
 }
 
 MHD_Result answerMedia(dmsHttpServer &server, MHD_Connection *connection, dmsHttpRequestState &, const char *url) {
-  const dmsClientInfo client = dmsHttpClientInfo(connection);
+  const dmsClientInfo client = dmsHttpClientInfo(server, connection);
   DMS_TRACE(OSAL_TRACE_INFO, "Media [%s] for [%s] User-Agent [%s]\n", url, client.address.c_str(),
             client.userAgent.c_str());
   dmsMediaWatch watch;
   const MHD_Result queued = dmsMediaServerAnswer(connection, url, server.config.contentList, server.config.artCache,
-                                                 &watch);
+                                                 server.config.facts, client.quirks, &watch);
   if (watch.fd >= 0) dmsHttpWatchFile(server, connection, watch.fd, watch.end);
   return queued;
 }
@@ -60,7 +61,7 @@ MHD_Result answerControl(dmsHttpServer &server, MHD_Connection *connection, dmsH
                          const char *url) {
   const dmsSoapAnswer answer = dmsSoapControl(server.config.eventMgr, dmsServiceByControlPath(url),
                                               header(connection, "SOAPACTION"), request.body,
-                                              dmsHttpClientInfo(connection));
+                                              dmsHttpClientInfo(server, connection));
   if (answer.body.empty()) return dmsHttpQueueEmpty(connection, answer.status);
   return dmsHttpQueueText(connection, answer.status, "text/xml; charset=\"utf-8\"", answer.body);
 }
@@ -78,7 +79,7 @@ dmsGenaRequest genaRequest(MHD_Connection *connection, const char *url, const st
 
 MHD_Result answerSubscribe(dmsHttpServer &server, MHD_Connection *connection, dmsHttpRequestState &request,
                            const char *url) {
-  const std::string address = dmsHttpClientInfo(connection).address;
+  const std::string address = dmsHttpClientInfo(server, connection).address;
   const dmsGenaAnswer answer = server.config.gena->subscribe(genaRequest(connection, url, address));
   if (answer.status != MHD_HTTP_OK) return dmsHttpQueueEmpty(connection, static_cast<unsigned>(answer.status));
   MHD_Response *response = MHD_create_response_from_buffer(0, nullptr, MHD_RESPMEM_PERSISTENT);
@@ -91,7 +92,7 @@ MHD_Result answerSubscribe(dmsHttpServer &server, MHD_Connection *connection, dm
 
 MHD_Result answerUnsubscribe(dmsHttpServer &server, MHD_Connection *connection, dmsHttpRequestState &,
                              const char *url) {
-  const std::string address = dmsHttpClientInfo(connection).address;
+  const std::string address = dmsHttpClientInfo(server, connection).address;
   const int status = server.config.gena->unsubscribe(genaRequest(connection, url, address));
   return dmsHttpQueueEmpty(connection, static_cast<unsigned>(status));
 }
@@ -156,7 +157,7 @@ bool dmsHttpHostAllowed(const char *host, const std::string &serverAddress) {
   return ::inet_pton(AF_INET6, address.c_str(), &v6) == 1 && IN6_IS_ADDR_LOOPBACK(&v6);
 }
 
-dmsClientInfo dmsHttpClientInfo(MHD_Connection *connection) {
+dmsClientInfo dmsHttpClientInfo(dmsHttpServer &server, MHD_Connection *connection) {
   dmsClientInfo client;
   const MHD_ConnectionInfo *info = MHD_get_connection_info(connection, MHD_CONNECTION_INFO_CLIENT_ADDRESS);
   char text[INET6_ADDRSTRLEN] = {0};
@@ -177,6 +178,7 @@ dmsClientInfo dmsHttpClientInfo(MHD_Connection *connection) {
   client.userAgent = copy("User-Agent");
   client.avClientInfo = copy("X-AV-Client-Info");
   client.friendlyName = copy("FriendlyName.DLNA.ORG");
+  if (server.config.clients != nullptr) client.quirks = server.config.clients->recognise(client);
   return client;
 }
 

@@ -78,7 +78,7 @@ bool dmsHttpHostAllowed(const char *host, const std::string &serverAddress);
 // that shrinks below `end` ends the connection.
 void dmsHttpWatchFile(dmsHttpServer &server, MHD_Connection *connection, int fd, int64_t end);
 
-// Who sent the request on `connection`.
-dmsClientInfo dmsHttpClientInfo(MHD_Connection *connection);
+// Who sent the request on `connection`, with the flags of its profile.
+dmsClientInfo dmsHttpClientInfo(dmsHttpServer &server, MHD_Connection *connection);
 
 #endif  // DMS_HTTP_DMS_HTTP_ROUTES_H

@@ -39,6 +39,8 @@ struct dmsContentListInfo;
 struct dmsDevEventMgr;
 struct dmsHttpServer;
 class dmsArtCache;
+class dmsClients;
+class dmsFacts;
 class dmsGena;
 
 struct dmsHttpLimits {
@@ -57,6 +59,8 @@ struct dmsHttpServerConfig {
   dmsArtCache *artCache = nullptr;            // borrowed; outlives the server
   dmsDevEventMgr *eventMgr = nullptr;         // borrowed; outlives the server
   dmsGena *gena = nullptr;                    // borrowed; outlives the server
+  dmsClients *clients = nullptr;              // borrowed; outlives the server; NULL: no profiles
+  dmsFacts *facts = nullptr;                  // borrowed; outlives the server; plays are counted in it
   dmsHttpLimits limits;
 };
 

@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <ctime>
 #include <memory>
 #include <string>
 #include <vector>
@@ -16,6 +17,10 @@
 #include "dlna_dms.h"
 #include "art/dmsArt.h"
 #include "content/dmsClmShares.h"
+#include "clients/dmsClients.h"
+#include "facts/dmsFacts.h"
+#include "services/dmsCdsQuirks.h"
+#include "subtitles/dmsSubtitles.h"
 #include "http/dmsAvtHttpMedia.h"
 #include "util/dlnaUtil_didl.h"
 #include "util/dmsGuard.h"
@@ -151,11 +156,62 @@ MHD_Result answerArt(dmsContentListInfo *contentList, dmsArtCache *artCache, MHD
   return dmsHttpQueue(connection, code, response);
 }
 
+// A video's sidecar subtitle, "/web/<id>.<n>.<extension>", whole.
+MHD_Result answerSubtitle(dmsContentListInfo *list, MHD_Connection *connection, uint32_t id, uint32_t index,
+                          uint32_t quirks) {
+  std::string path;
+  const char *type = nullptr;
+  {
+    auto reading = dmsClmReadLock(list);
+    dmsContentEntry *entry = nullptr;
+    dmsClmGetContentEntryById(list, &entry, id);
+    if (entry != nullptr && entry->type == DMS_CLM_TYPE_ITEM) {
+      const std::vector<dmsSubtitle> subtitles = dmsCdsSubtitlesOf(*entry);
+      if (index < subtitles.size()) {
+        path = dmsClmEntryPath(entry->parent) + "/" + subtitles[index].name;
+        type = dmsCdsSubtitleType(quirks, *subtitles[index].format);
+      }
+    }
+  }
+  if (type == nullptr) return dmsHttpQueueEmpty(connection, MHD_HTTP_NOT_FOUND);
+  FileDescriptor file(dmsClmOpenShared(list, path));
+  struct stat status {};
+  if (file.get() < 0 || ::fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode)) {
+    return dmsHttpQueueEmpty(connection, MHD_HTTP_NOT_FOUND);
+  }
+  MHD_Response *response = MHD_create_response_from_fd64(static_cast<uint64_t>(status.st_size), file.get());
+  if (response == nullptr) return MHD_NO;
+  file.release();
+  MHD_add_response_header(response, MHD_HTTP_HEADER_CONTENT_TYPE, type);
+  return dmsHttpQueue(connection, MHD_HTTP_OK, response);
+}
+
+// Samsung asks with "getCaptionInfo.sec: 1" where a video's subtitle is;
+// the answer names the first, at the address the player used.
+void addCaptionHeader(dmsContentListInfo *list, MHD_Connection *connection, uint32_t id, MHD_Response *response) {
+  const char *asked = MHD_lookup_connection_value(connection, MHD_HEADER_KIND, "getCaptionInfo.sec");
+  const char *host = MHD_lookup_connection_value(connection, MHD_HEADER_KIND, MHD_HTTP_HEADER_HOST);
+  if (asked == nullptr || std::strcmp(asked, "1") != 0 || host == nullptr) return;
+  std::string url;
+  {
+    auto reading = dmsClmReadLock(list);
+    dmsContentEntry *entry = nullptr;
+    dmsClmGetContentEntryById(list, &entry, id);
+    if (entry == nullptr || entry->type != DMS_CLM_TYPE_ITEM) return;
+    const std::vector<dmsSubtitle> subtitles = dmsCdsSubtitlesOf(*entry);
+    if (subtitles.empty()) return;
+    url = "http://" + std::string(host) + "/web/" + std::to_string(id) + ".0" + subtitles.front().format->extension;
+  }
+  MHD_add_response_header(response, "CaptionInfo.sec", url.c_str());
+}
+
 MHD_Result answerMedia(dmsContentListInfo *contentList, dmsArtCache *artCache, MHD_Connection *connection,
-                       const char *url, dmsMediaWatch *watch) {
+                       const char *url, dmsFacts *facts, uint32_t quirks, dmsMediaWatch *watch) {
   uint32_t id = 0;
+  uint32_t index = 0;
   dmsArtKind kind = dmsArtKind::kThumbnail;
   if (dmsArtParseUrl(url, &id, &kind)) return answerArt(contentList, artCache, connection, id, kind);
+  if (dmsSubtitleParseUrl(url, &id, &index)) return answerSubtitle(contentList, connection, id, index, quirks);
   dmsAvtHttpMediaFile media;
   if (!dmsAvtHttpParseMediaId(url, &id) || !dmsAvtHttpFindMedia(contentList, id, media)) {
     return dmsHttpQueueEmpty(connection, MHD_HTTP_NOT_FOUND);
@@ -186,7 +242,10 @@ MHD_Result answerMedia(dmsContentListInfo *contentList, dmsArtCache *artCache, M
   }
   MHD_Response *response = bodyResponse(media, file, media.dataOffset + range.first, range.count);
   if (response == nullptr) return MHD_NO;
-  MHD_add_response_header(response, MHD_HTTP_HEADER_CONTENT_TYPE, media.mimeType.c_str());
+  // A play starts at the first byte (the facts leave out the repeats of one start).
+  if (facts != nullptr && range.first == 0) facts->countPlay(id, static_cast<int64_t>(std::time(nullptr)));
+  MHD_add_response_header(response, MHD_HTTP_HEADER_CONTENT_TYPE, dmsCdsFitMimeType(quirks, media.mimeType).c_str());
+  if (quirks & DMS_QUIRK_CAPTION_HEADER) addCaptionHeader(contentList, connection, id, response);
   addHeaderLines(response, dmsAvtHttpMediaHeaders(media));
   const unsigned code = rangeHeaders(response, answer, range, length);
   return dmsHttpQueue(connection, code, response);
@@ -258,12 +317,13 @@ dmsHttpRangeAnswer dmsHttpParseRange(const char *header, int64_t length, dmsHttp
 bool dmsMediaServerIsMediaUrl(const char *url) {
   uint32_t id = 0;
   dmsArtKind kind = dmsArtKind::kThumbnail;
-  return dmsArtParseUrl(url, &id, &kind) || dmsAvtHttpParseMediaId(url, &id);
+  uint32_t index = 0;
+  return dmsArtParseUrl(url, &id, &kind) || dmsSubtitleParseUrl(url, &id, &index) || dmsAvtHttpParseMediaId(url, &id);
 }
 
 MHD_Result dmsMediaServerAnswer(MHD_Connection *connection, const char *url, dmsContentListInfo *contentList,
-                                dmsArtCache *artCache, dmsMediaWatch *watch) {
-  return answerMedia(contentList, artCache, connection, url, watch);
+                                dmsArtCache *artCache, dmsFacts *facts, uint32_t quirks, dmsMediaWatch *watch) {
+  return answerMedia(contentList, artCache, connection, url, facts, quirks, watch);
 }
 
 MHD_Result dmsMediaServerAnswerFixed(MHD_Connection *connection, const dmsAvtHttpFixed &file) {

@@ -24,6 +24,7 @@
 
 struct dmsContentListInfo;
 class dmsArtCache;
+class dmsFacts;
 
 // The Server header of every answer ("Linux/<release> UPnP/1.0 ...").
 const char *dmsHttpServerHeader();
@@ -62,8 +63,11 @@ struct dmsMediaWatch {
 
 // Answers GET or HEAD of a media or picture URL of `contentList` (pictures
 // made or found in `artCache`).  A file sent with sendfile fills `watch`.
+// An answer from the file's first byte counts a play in `facts` (NULL: none).
+// `quirks`, the client's profile flags, fit the type told and add Samsung's
+// CaptionInfo.sec; "/web/<id>.<n>.<extension>" is a video's subtitle.
 MHD_Result dmsMediaServerAnswer(MHD_Connection *connection, const char *url, dmsContentListInfo *contentList,
-                                dmsArtCache *artCache, dmsMediaWatch *watch);
+                                dmsArtCache *artCache, dmsFacts *facts, uint32_t quirks, dmsMediaWatch *watch);
 
 // Answers GET or HEAD of a fixed file.
 MHD_Result dmsMediaServerAnswerFixed(MHD_Connection *connection, const dmsAvtHttpFixed &file);

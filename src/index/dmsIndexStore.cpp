@@ -207,6 +207,16 @@ bool dmsIndexStore::fact(uint32_t id, uint32_t key, int64_t &value) {
   return true;
 }
 
+void dmsIndexStore::facts(const std::function<void(uint32_t id, uint32_t key, int64_t value)> &each) {
+  std::lock_guard using_(dbMutex_);
+  Statement query(db_, "SELECT id, key, value FROM facts");
+  if (!query.ok()) return;
+  while (sqlite3_step(query.get()) == SQLITE_ROW) {
+    each(static_cast<uint32_t>(sqlite3_column_int64(query.get(), 0)),
+         static_cast<uint32_t>(sqlite3_column_int64(query.get(), 1)), sqlite3_column_int64(query.get(), 2));
+  }
+}
+
 void dmsIndexStore::enqueue(Op op) {
   bool soon = false;
   {

@@ -89,6 +89,8 @@ class dmsIndexStore {
   // what is written; queued like the rest.
   bool fact(uint32_t id, uint32_t key, int64_t &value);
   void setFact(uint32_t id, uint32_t key, int64_t value);
+  // Every fact written, one call each (in no particular order).
+  void facts(const std::function<void(uint32_t id, uint32_t key, int64_t value)> &each);
   // Waits until everything queued before the call is written (or writing
   // has stopped).
   void flush();

@@ -8,17 +8,11 @@
 
 #include <ixml.h>
 
+#include "services/dmsClientInfo.h"
+
 #include <cstdint>
 #include <string>
 
-// Who sent a request, as the front door saw it (texts empty when absent).
-// Carried to the services so that answers can be fitted to the player.
-struct dmsClientInfo {
-  std::string address;       // the peer's IP address
-  std::string userAgent;     // User-Agent
-  std::string avClientInfo;  // X-AV-Client-Info
-  std::string friendlyName;  // FriendlyName.DLNA.ORG
-};
 
 // One SOAP action.  The service reads its arguments from `arguments` (the
 // whole request envelope; arguments are found by element name) and adds

@@ -17,6 +17,7 @@
 
 #include "content/dmsClmApi.h"
 #include "dlna_dms.h"
+#include "services/dmsCdsResume.h"
 #include "util/dlnaUtil_xmlParser.h"
 #include "util/dmsErrors.h"
 #include "util/dmsGuard.h"
@@ -32,9 +33,16 @@ using dmsCdsMgrCreateRespFn = int32_t (*)(dmsCdsMgrHandle *handle, void *request
                                           dmsCdsRespArgs *respArgs, dlnaUtilBuffer *buffer);
 using dmsCdsMgrReleaseReqFn = int32_t (*)(void *requestArgs);
 
-// One action: its name and up to three operations (NULL: none).
+// Which record an action's arguments are analysed into; Browse and Search
+// also write DIDL-Lite into a text buffer of their own.
+enum class dmsCdsArgsKind { kBrowse, kSearch, kBookmark };
+
+// One action: its name, its arguments' record, and up to three operations
+// (NULL: none).
 struct dmsCdsMgrAction {
   const char *actionName;
+  dmsCdsArgsKind args;
+  bool writesDidl;
   dmsCdsMgrAnalyzeReqFn analyzeRequest;
   dmsCdsMgrCreateRespFn createResponse;
   dmsCdsMgrReleaseReqFn releaseRequest;
@@ -68,14 +76,17 @@ int32_t untypedRelease(void *requestArgs) {
 }  // namespace
 
 static const dmsCdsMgrAction gsa_s_dmsCdsMgrActionList[] = {
-    // action name              analyse                                   create response                        release
-    {"GetSearchCapabilities",   nullptr,                                  dmsCdsCreateRespGetSearchCaps,         nullptr},
-    {"GetSortCapabilities",     nullptr,                                  dmsCdsCreateRespGetSortCaps,           nullptr},
-    {"GetFeatureList",          nullptr,                                  dmsCdsCreateRespGetFeatureList,        nullptr},
-    {"GetSystemUpdateID",       nullptr,                                  dmsCdsCreateRespGetSystemUpdateId,     nullptr},
-    {"GetServiceResetToken",    nullptr,                                  dmsCdsCreateRespGetServiceResetToken,  nullptr},
-    {"Browse",                  untypedAnalyze<dmsCdsAnalyzeReqBrowse>,   dmsCdsCreateRespBrowse,                untypedRelease<dmsCdsReleaseReqArgsBrowse>},
-    {"Search",                  untypedAnalyze<dmsCdsAnalyzeReqSearch>,   dmsCdsCreateRespSearch,                untypedRelease<dmsCdsReleaseReqArgsSearch>},
+    // action name            arguments                  DIDL   analyse                                          create response                        release
+    {"GetSearchCapabilities", dmsCdsArgsKind::kBrowse,   false, nullptr,                                         dmsCdsCreateRespGetSearchCaps,         nullptr},
+    {"GetSortCapabilities",   dmsCdsArgsKind::kBrowse,   false, nullptr,                                         dmsCdsCreateRespGetSortCaps,           nullptr},
+    {"GetFeatureList",        dmsCdsArgsKind::kBrowse,   false, nullptr,                                         dmsCdsCreateRespGetFeatureList,        nullptr},
+    {"GetSystemUpdateID",     dmsCdsArgsKind::kBrowse,   false, nullptr,                                         dmsCdsCreateRespGetSystemUpdateId,     nullptr},
+    {"GetServiceResetToken",  dmsCdsArgsKind::kBrowse,   false, nullptr,                                         dmsCdsCreateRespGetServiceResetToken,  nullptr},
+    {"Browse",                dmsCdsArgsKind::kBrowse,   true,  untypedAnalyze<dmsCdsAnalyzeReqBrowse>,          dmsCdsCreateRespBrowse,                untypedRelease<dmsCdsReleaseReqArgsBrowse>},
+    {"Search",                dmsCdsArgsKind::kSearch,   true,  untypedAnalyze<dmsCdsAnalyzeReqSearch>,          dmsCdsCreateRespSearch,                untypedRelease<dmsCdsReleaseReqArgsSearch>},
+    {"X_SetBookmark",         dmsCdsArgsKind::kBookmark, false, untypedAnalyze<dmsCdsAnalyzeReqSetBookmark>,     dmsCdsCreateRespBookmark,              untypedRelease<dmsCdsReleaseReqArgsBookmark>},
+    {"UpdateObject",          dmsCdsArgsKind::kBookmark, false, untypedAnalyze<dmsCdsAnalyzeReqUpdateObject>,    dmsCdsCreateRespBookmark,              untypedRelease<dmsCdsReleaseReqArgsBookmark>},
+    {"X_GetFeatureList",      dmsCdsArgsKind::kBookmark, false, untypedAnalyze<dmsCdsAnalyzeReqFeatureList>,     dmsCdsCreateRespXFeatureList,          untypedRelease<dmsCdsReleaseReqArgsBookmark>},
 };
 
 // Initial values for subscribers and answers to state variable queries;
@@ -98,20 +109,19 @@ constexpr int32_t kMaxResponseArguments = 4;
 struct dmsCdsMgrRequestArgs {
   dmsCdsBrowseArgs browse;
   dmsCdsSearchArgs search;
+  dmsCdsBookmarkArgs bookmark;
 };
 
 bool isAction(const dmsCdsMgrAction &action, const char *name) {
   return std::strcmp(action.actionName, name) == 0;
 }
 
-// Browse and Search write DIDL-Lite into a text buffer of their own.
-bool needsBuffer(const dmsCdsMgrAction &action) {
-  return isAction(action, "Browse") || isAction(action, "Search");
-}
-
 void *requestArgsFor(const dmsCdsMgrAction &action, dmsCdsMgrRequestArgs &requestArgs) {
-  if (isAction(action, "Search")) return &requestArgs.search;
-  return &requestArgs.browse;
+  switch (action.args) {
+    case dmsCdsArgsKind::kSearch: return &requestArgs.search;
+    case dmsCdsArgsKind::kBookmark: return &requestArgs.bookmark;
+    default: return &requestArgs.browse;
+  }
 }
 
 const dmsCdsMgrAction *findAction(const char *actionName) {
@@ -165,7 +175,7 @@ int32_t runAction(dmsCdsMgrHandle *handle, dmsActionRequest *actionRequest,
   dmsCdsRespArgs respArgs;
   RequestCleanup cleanup(action, actionArgs, respArgs);
 
-  if (needsBuffer(action)) {
+  if (action.writesDidl) {
     dlnaUtilBuffer *allocated = nullptr;
     int32_t result = dmsUtilErrMapToDmsErr(dlnaUtil_allocateBuffer(&allocated));
     if (result != DMS_SUCCESS) {

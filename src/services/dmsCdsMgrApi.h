@@ -23,6 +23,7 @@
 
 struct dmsContentListInfo;
 class dmsArtCache;
+class dmsFacts;
 class dmsViews;
 
 inline constexpr char DMS_CDS_SERVICE_TYPE[] = "urn:schemas-upnp-org:service:ContentDirectory:1";
@@ -36,14 +37,14 @@ struct dmsCdsMgrHandle {
   std::atomic<uint32_t> notifyCount{0};  // content changes evented; Browse's UpdateID
   std::unique_ptr<dmsCdsEventModerator> moderator;  // sends the change events
   const dmsArtCache *artCache = nullptr;  // borrowed: pictures found unmakeable are not offered
+  dmsFacts *facts = nullptr;  // borrowed: resume positions and plays; set before the first request
   dmsCdsSortCache sortCache;  // sorted orders of recent sorted answers (its own lock)
   // The views shown beside the folders; NULL: none.  Borrowed: they outlive
   // the service once set.
   std::atomic<const dmsViews *> views{nullptr};
 };
 
-// Indexes of the Filter flags; a flag of 1 leaves the property out.  The last
-// two are for properties read from tags.
+// Indexes of the Filter flags; a flag of 1 leaves the property out.
 enum dmsCdsFilterFlag : int {
   DMS_CDS_FILTER_RES = 0,
   DMS_CDS_FILTER_SIZE,
@@ -57,6 +58,8 @@ enum dmsCdsFilterFlag : int {
   DMS_CDS_FILTER_ARTIST,
   DMS_CDS_FILTER_TRACK,
   DMS_CDS_FILTER_ALBUMART,  // upnp:albumArtURI, of items and folders
+  DMS_CDS_FILTER_RESUME,    // upnp:lastPlaybackPosition
+  DMS_CDS_FILTER_PLAYCOUNT, // upnp:playbackCount
   DMS_CDS_FILTER_COUNT
 };
 
@@ -86,6 +89,7 @@ struct dmsCdsBrowseArgs {
   char *filter = nullptr;
   uint32_t browseFlag = 0;
   uint8_t filterFlags[DMS_CDS_FILTER_COUNT] = {0};
+  uint32_t quirks = 0;  // the client's profile flags
 };
 
 // Search arguments as analysed; texts as for Browse.
@@ -96,6 +100,7 @@ struct dmsCdsSearchArgs {
   char *searchCriteria = nullptr;
   char *filter = nullptr;
   char *sortCriteria = nullptr;
+  uint32_t quirks = 0;  // the client's profile flags
 };
 
 // The output arguments of one action, in order.  Values are malloc'ed and

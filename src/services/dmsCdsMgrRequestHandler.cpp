@@ -13,6 +13,7 @@
 #include <string_view>
 
 #include "dlna_dms.h"
+#include "clients/dmsClients.h"
 #include "services/dmsCdsMgrApi.h"
 #include "views/dmsViewIds.h"
 #include "util/dlnaUtil_didl.h"
@@ -232,6 +233,8 @@ const dmsCdsItemFilterRule gsa_s_dmsCdsItemFilterRules[] = {
     {ruleEquals,                  "upnp:artist",     DMS_CDS_FILTER_ARTIST,   -1},
     {ruleEquals,                  "upnp:originalTrackNumber", DMS_CDS_FILTER_TRACK, -1},
     {ruleContains,                "upnp:albumArtURI", DMS_CDS_FILTER_ALBUMART, -1},
+    {ruleEquals,                  "upnp:lastPlaybackPosition", DMS_CDS_FILTER_RESUME, -1},
+    {ruleEquals,                  "upnp:playbackCount", DMS_CDS_FILTER_PLAYCOUNT, -1},
 };
 
 void applyItemFilterToken(uint8_t *filterFlags, std::string_view token) {
@@ -257,6 +260,7 @@ int32_t dmsCdsAnalyzeReqBrowse(dmsCdsMgrHandle *handle, dmsActionRequest *action
   MallocText browseFlag;  // only needed until the flag is decoded
   int32_t result = readBrowseArguments(handle, document, browseArgs, browseFlag);
   if (result == DMS_SUCCESS) result = checkBrowseArguments(browseArgs, browseFlag.get());
+  if (actionRequest->client != nullptr) browseArgs->quirks = actionRequest->client->quirks;
   if (result != DMS_SUCCESS) resetBrowseArgs(browseArgs);
   return result;
 }
@@ -278,6 +282,9 @@ int32_t dmsCdsAnalyzeReqSearch(dmsCdsMgrHandle *handle, dmsActionRequest *action
     DMS_TRACE(OSAL_TRACE_ERR, "Extracted Search Request Argument value is not valid\n");
     result = DMS_ERR_INVALID_BROWSE_FLAG;
   }
+  if (actionRequest->client != nullptr) searchArgs->quirks = actionRequest->client->quirks;
+  // A player that asks for fewer than it then waits for gets everything.
+  if (searchArgs->quirks & DMS_QUIRK_SEARCH_COUNT_ALL) searchArgs->requestedCount = 0;
   if (result == DMS_SUCCESS) searchArgs->requestedCount = capRequestedCount(searchArgs->requestedCount);
   if (result != DMS_SUCCESS) resetSearchArgs(searchArgs);
   return result;

@@ -196,6 +196,7 @@ int32_t dmsCdsCreateRespBrowseMetaData(dmsCdsMgrHandle *handle, dmsCdsBrowseArgs
   int32_t status = dmsCdsPrepareObjectRequest(handle, browseArgs->filter, browseArgs->filterFlags, true,
                                       &request);
   if (status != DMS_SUCCESS) return status;
+  request.quirks = browseArgs->quirks;
   if ((status = dlnaUtil_DIDLAddHeader(buffer)) != 0) {
     return dmsCdsWriterFailure("dlnaUtil_DIDLAddHeader", status);
   }
@@ -234,6 +235,7 @@ int32_t dmsCdsCreateRespBrowseDirectChildren(dmsCdsMgrHandle *handle,
   status = dmsCdsPrepareObjectRequest(handle, browseArgs->filter, browseArgs->filterFlags, true,
                                       &request);
   if (status != DMS_SUCCESS) return status;
+  request.quirks = browseArgs->quirks;
   if ((status = dlnaUtil_DIDLAddHeader(buffer)) != 0) {
     return dmsCdsWriterFailure("dlnaUtil_DIDLAddHeader", status);
   }

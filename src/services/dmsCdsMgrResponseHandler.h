@@ -35,6 +35,7 @@ struct dmsCdsObjectRequest {
   bool containerChildCount = false;         // write childCount on containers
   bool containerSearchable = false;         // write searchable="1" on containers
   bool pcmAsWav = false;                    // Browse serves ".pcm" files as ".wav"
+  uint32_t quirks = 0;                      // the client's profile flags (clients/dmsClients.h)
 };
 
 // The class of every folder (and the root).
@@ -48,6 +49,9 @@ struct dmsCdsItemRecord {
   dlnaUtilDidlItem item{};
   std::string title;
   std::string resourceName;
+  std::string protocolInfo;    // as the client is told it, when that differs
+  std::string extraMetadata;   // resume properties (dmsCdsResume.h), CaptionInfoEx (dmsCdsQuirks.h)
+  std::string extraResources;  // subtitles (dmsCdsQuirks.h)
 
   dmsCdsItemRecord() = default;
   dmsCdsItemRecord(const dmsCdsItemRecord &) = delete;

@@ -19,6 +19,8 @@
 #include "art/dmsArt.h"
 #include "mfd/mfd_class.h"
 #include "services/dmsCdsMgrResponseHandler.h"
+#include "services/dmsCdsQuirks.h"
+#include "services/dmsCdsResume.h"
 #include "util/dmsGuard.h"
 #include "util/osal_trace.h"
 
@@ -281,6 +283,10 @@ int32_t dmsCdsBuildItem(const dmsCdsObjectRequest *request, dmsContentEntry *ent
     item.serverPort = request->handle->serverPort;
     item.filter = request->filter;
     item.protocolInfo = flags[DMS_CDS_FILTER_RES] == 0 ? info.protocolInfo : nullptr;
+    if (item.protocolInfo != nullptr && request->quirks != 0) {
+      record->protocolInfo = dmsCdsFitProtocol(request->quirks, item.protocolInfo);
+      item.protocolInfo = record->protocolInfo.c_str();
+    }
     item.size = flags[DMS_CDS_FILTER_SIZE] == 0 ? info.fileSize : -1;
     fillMediaProperties(info, flags, item);
     const dmsTagPool &pool = request->handle->contentList->tagPool;
@@ -292,6 +298,10 @@ int32_t dmsCdsBuildItem(const dmsCdsObjectRequest *request, dmsContentEntry *ent
       std::memcpy(item.smallResolution, offer.smallResolution, sizeof item.smallResolution);
     }
     if (flags[DMS_CDS_FILTER_ALBUMART] == 0) item.albumArtId = static_cast<int32_t>(offer.albumArtId);
+    dmsCdsAddResume(*request, entry->id, *record);
+    dmsCdsAddSubtitles(*request, *entry, *record);
+    item.extraMetadata = record->extraMetadata.empty() ? nullptr : record->extraMetadata.c_str();
+    item.extraResources = record->extraResources.empty() ? nullptr : record->extraResources.c_str();
     return DMS_SUCCESS;
   });
 }

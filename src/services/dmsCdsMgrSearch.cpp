@@ -248,6 +248,7 @@ int32_t dmsCdsCreateRespSearchItems(dmsCdsMgrHandle *handle, dmsCdsSearchState *
   int32_t status = dmsCdsPrepareObjectRequest(handle, args.filter, state->filterFlags, false,
                                               &state->objects);
   if (status != DMS_SUCCESS) return status;
+  state->objects.quirks = args.quirks;
   state->everything = state->objects;
   state->everything.filterFlags = kEveryProperty;
   if ((status = dlnaUtil_DIDLAddHeader(buffer)) != 0) {

@@ -224,6 +224,7 @@ int32_t dlnaUtil_DIDLAddItem(dlnaUtilBuffer *buffer, const dlnaUtilDidlItem *ite
   out.attribute("restricted"sv, int64_t{static_cast<int32_t>(item->restricted)})
       .raw(">"sv);
   writeItemMetadata(out, *item);
+  if (item->extraMetadata != nullptr) out.raw(item->extraMetadata);
   if (item->protocolInfo != nullptr) {
     writeResource(out, *item);
     const std::string_view thumbnail = inlineText(item->thumbnailResolution);
@@ -231,6 +232,7 @@ int32_t dlnaUtil_DIDLAddItem(dlnaUtilBuffer *buffer, const dlnaUtilDidlItem *ite
     if (!thumbnail.empty()) writePictureResource(out, *item, DLNA_UTIL_JPEG_TN_FEATURES, thumbnail, ".tn.jpg"sv);
     if (!small.empty()) writePictureResource(out, *item, DLNA_UTIL_JPEG_SM_FEATURES, small, ".sm.jpg"sv);
   }
+  if (item->extraResources != nullptr) out.raw(item->extraResources);
   return out.raw("</item>"sv).status();
 }
 

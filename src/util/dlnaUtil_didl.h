@@ -54,6 +54,8 @@ struct dlnaUtilDidlItem {
   char thumbnailResolution[16];  // a JPEG_TN res at /web/<id>.tn.jpg of this size; empty: none
   char smallResolution[16];      // a JPEG_SM res at /web/<id>.sm.jpg of this size; empty: none
   int32_t albumArtId;            // upnp:albumArtURI /web/<albumArtId>.art.jpg; 0: none
+  const char *extraMetadata;     // elements written after the metadata, as they are; NULL: none
+  const char *extraResources;    // `res` elements written after the others, as they are; NULL: none
 };
 
 // One folder, written as a `container` element.

@@ -253,8 +253,8 @@ const char *const kServices[][2] = {
 const char *serviceType(Service service) { return kServices[static_cast<int>(service)][0]; }
 const char *controlPath(Service service) { return kServices[static_cast<int>(service)][1]; }
 
-HttpResponse soap(int port, Service service, const std::string &action,
-                  const std::string &arguments) {
+HttpResponse soap(int port, Service service, const std::string &action, const std::string &arguments,
+                  const std::string &headers) {
   const std::string type = serviceType(service);
   std::string body =
       "<?xml version=\"1.0\" encoding=\"utf-8\"?>\r\n"
@@ -265,7 +265,7 @@ HttpResponse soap(int port, Service service, const std::string &action,
   return sendRaw(port, std::string("POST ") + controlPath(service) +
                            " HTTP/1.1\r\nHost: 127.0.0.1:" + std::to_string(port) +
                            "\r\nContent-Type: text/xml; charset=\"utf-8\"\r\nSOAPACTION: \"" +
-                           type + "#" + action + "\"\r\nContent-Length: " +
+                           type + "#" + action + "\"\r\n" + headers + "Content-Length: " +
                            std::to_string(body.size()) + "\r\nConnection: close\r\n\r\n" + body);
 }
 
@@ -355,8 +355,6 @@ std::vector<DidlObject> parseDidl(const std::string &xml, bool *ok) {
   return objects;
 }
 
-namespace {
-
 CdsAnswer cdsAnswer(const HttpResponse &response) {
   CdsAnswer out;
   out.status = response.status;
@@ -368,6 +366,8 @@ CdsAnswer cdsAnswer(const HttpResponse &response) {
   out.totalMatches = std::atoi(elementText(response.body, "TotalMatches").c_str());
   return out;
 }
+
+namespace {
 
 std::string paging(const std::string &start, const std::string &count, const std::string &sort = "") {
   return "<StartingIndex>" + start + "</StartingIndex><RequestedCount>" + count + "</RequestedCount><SortCriteria>" +

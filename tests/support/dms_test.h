@@ -142,8 +142,9 @@ class Listener {
 enum class Service { kCds, kCms, kMrs };
 const char *serviceType(Service service);
 const char *controlPath(Service service);
-HttpResponse soap(int port, Service service, const std::string &action,
-                  const std::string &arguments);
+// `headers`: more header lines, each ending in "\r\n" ("User-Agent: x\r\n").
+HttpResponse soap(int port, Service service, const std::string &action, const std::string &arguments,
+                  const std::string &headers = "");
 
 // Text of the first element named `name` (any prefix), entities decoded.
 std::string elementText(const std::string &xml, const std::string &name);
@@ -175,6 +176,8 @@ struct CdsAnswer {
   bool wellFormed = false;
   std::string errorCode;  // a fault's UPnP error code; empty for an answer
 };
+// Browse's or Search's answer read from a SOAP answer.
+CdsAnswer cdsAnswer(const HttpResponse &response);
 // The arguments of Browse as a control point sends them.
 std::string browseArguments(const std::string &id, const std::string &flag, const std::string &start = "0",
                             const std::string &count = "0", const std::string &filter = "*");

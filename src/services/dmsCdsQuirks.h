@@ -1,0 +1,32 @@
+// The answers a client profile changes in the ContentDirectory and in media
+// answers: the type and DLNA profile a player is told (one row per change,
+// keyed by the flag that asks for it), and the sidecar subtitles offered
+// beside a video (every client: `res` elements; Samsung: CaptionInfoEx).
+#ifndef DMS_SERVICES_DMS_CDS_QUIRKS_H
+#define DMS_SERVICES_DMS_CDS_QUIRKS_H
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "services/dmsCdsMgrResponseHandler.h"
+#include "subtitles/dmsSubtitles.h"
+
+// `protocolInfo` ("http-get:*:MIME:FIELDS") as a client with `quirks` is
+// told it; unchanged for most.  May throw std::bad_alloc.
+std::string dmsCdsFitProtocol(uint32_t quirks, const std::string &protocolInfo);
+// A MIME type as the client is told it.  May throw std::bad_alloc.
+std::string dmsCdsFitMimeType(uint32_t quirks, const std::string &mimeType);
+// The MIME type of a subtitle format for the client.
+const char *dmsCdsSubtitleType(uint32_t quirks, const dmsSubtitleFormat &format);
+
+// The sidecar subtitles of item `entry` (a video), in name order; empty for
+// any other.  The list's read lock held.  May throw std::bad_alloc.
+std::vector<dmsSubtitle> dmsCdsSubtitlesOf(const dmsContentEntry &entry);
+
+// Adds the subtitles of `entry` to `record`: a `res` each when the Filter
+// asks for res, and for DMS_QUIRK_SEC_DIDL clients sec:CaptionInfoEx of
+// the first.  May throw std::bad_alloc.
+void dmsCdsAddSubtitles(const dmsCdsObjectRequest &request, const dmsContentEntry &entry, dmsCdsItemRecord &record);
+
+#endif  // DMS_SERVICES_DMS_CDS_QUIRKS_H
