@@ -15,6 +15,7 @@
 #include "dlna_dms.h"
 #include "clients/dmsClients.h"
 #include "services/dmsCdsMgrApi.h"
+#include "services/dmsCdsQuirks.h"
 #include "views/dmsViewIds.h"
 #include "util/dlnaUtil_didl.h"
 #include "util/dlnaUtil_xmlParser.h"
@@ -111,10 +112,34 @@ bool namesView(const dmsCdsMgrHandle *handle, int32_t id) {
          dmsViewIds::isViewId(static_cast<uint32_t>(id));
 }
 
+// An Xbox 360's own fixed container id in argument `name`, as the container
+// it means; false when the argument is absent or another id.
+bool readXboxContainer(const dmsCdsMgrHandle *handle, IXML_Document *document, const char *name, int32_t *id) {
+  char *text = nullptr;
+  if (dlnaUtil_xmlParserGetString(document, name, &text) != 0) return false;
+  MallocText owned(text);
+  return dmsCdsXboxContainer(text, handle->views.load(std::memory_order_acquire) != nullptr, *id);
+}
+
+// A player's SortCriteria as it meant it (services/dmsCdsQuirks.h).
+void fitSortCriteria(uint32_t quirks, char *&sortCriteria) {
+  if (sortCriteria == nullptr || (quirks & (DMS_QUIRK_SORT_TITLE | DMS_QUIRK_SORT_DROP_UNKNOWN)) == 0) return;
+  char *fitted = strdup(dmsCdsFitSortCriteria(quirks, sortCriteria).c_str());
+  if (fitted == nullptr) return;  // the criteria as sent
+  std::free(sortCriteria);
+  sortCriteria = fitted;
+}
+
 // The object to browse: ObjectID, or, when a control point sent none, its
 // ContainerID (ids below the first entry id mean the root, but for those of
 // the views).
-int32_t readBrowseObjectId(const dmsCdsMgrHandle *handle, IXML_Document *document, int32_t *objectId) {
+int32_t readBrowseObjectId(const dmsCdsMgrHandle *handle, IXML_Document *document, uint32_t quirks,
+                           int32_t *objectId) {
+  if ((quirks & DMS_QUIRK_XBOX_CONTAINERS) &&
+      (readXboxContainer(handle, document, "ObjectID", objectId) ||
+       readXboxContainer(handle, document, "ContainerID", objectId))) {
+    return DMS_SUCCESS;
+  }
   int32_t result = readInteger(document, "ObjectID", objectId);
   if (result != DMS_ERR_NOT_FOUND) return result;
   DMS_TRACE(OSAL_TRACE_WARN, "If ObjectID is not found, Try getting ContentID\n");
@@ -128,7 +153,7 @@ int32_t readBrowseObjectId(const dmsCdsMgrHandle *handle, IXML_Document *documen
 // Reads the Browse arguments in their fixed order; stops at the first failure.
 int32_t readBrowseArguments(const dmsCdsMgrHandle *handle, IXML_Document *document, dmsCdsBrowseArgs *browseArgs,
                             MallocText &browseFlag) {
-  int32_t result = readBrowseObjectId(handle, document, &browseArgs->objectId);
+  int32_t result = readBrowseObjectId(handle, document, browseArgs->quirks, &browseArgs->objectId);
   if (result != DMS_SUCCESS) return result;
   char *flagText = nullptr;
   result = readString(document, "BrowseFlag", &flagText);
@@ -140,7 +165,9 @@ int32_t readBrowseArguments(const dmsCdsMgrHandle *handle, IXML_Document *docume
   if (result != DMS_SUCCESS) return result;
   result = readInteger(document, "RequestedCount", &browseArgs->requestedCount);
   if (result != DMS_SUCCESS) return result;
-  return readString(document, "SortCriteria", &browseArgs->sortCriteria);
+  result = readString(document, "SortCriteria", &browseArgs->sortCriteria);
+  if (result == DMS_SUCCESS) fitSortCriteria(browseArgs->quirks, browseArgs->sortCriteria);
+  return result;
 }
 
 int32_t checkBrowseArguments(dmsCdsBrowseArgs *browseArgs, const char *browseFlag) {
@@ -174,10 +201,14 @@ void resetBrowseArgs(dmsCdsBrowseArgs *browseArgs) {
 
 // Reads the Search arguments in their fixed order; stops at the first failure.
 int32_t readSearchArguments(const dmsCdsMgrHandle *handle, IXML_Document *document, dmsCdsSearchArgs *searchArgs) {
-  int32_t result = readInteger(document, "ContainerID", &searchArgs->containerId);
-  if (result != DMS_SUCCESS) return result;
-  if (searchArgs->containerId < kSearchFirstContainerId && !namesView(handle, searchArgs->containerId)) {
-    searchArgs->containerId = 0;
+  int32_t result = DMS_SUCCESS;
+  if (!(searchArgs->quirks & DMS_QUIRK_XBOX_CONTAINERS) ||
+      !readXboxContainer(handle, document, "ContainerID", &searchArgs->containerId)) {
+    result = readInteger(document, "ContainerID", &searchArgs->containerId);
+    if (result != DMS_SUCCESS) return result;
+    if (searchArgs->containerId < kSearchFirstContainerId && !namesView(handle, searchArgs->containerId)) {
+      searchArgs->containerId = 0;
+    }
   }
   result = readString(document, "SearchCriteria", &searchArgs->searchCriteria);
   if (result != DMS_SUCCESS) return result;
@@ -187,7 +218,9 @@ int32_t readSearchArguments(const dmsCdsMgrHandle *handle, IXML_Document *docume
   if (result != DMS_SUCCESS) return result;
   result = readInteger(document, "RequestedCount", &searchArgs->requestedCount);
   if (result != DMS_SUCCESS) return result;
-  return readString(document, "SortCriteria", &searchArgs->sortCriteria);
+  result = readString(document, "SortCriteria", &searchArgs->sortCriteria);
+  if (result == DMS_SUCCESS) fitSortCriteria(searchArgs->quirks, searchArgs->sortCriteria);
+  return result;
 }
 
 void resetSearchArgs(dmsCdsSearchArgs *searchArgs) {
@@ -257,10 +290,10 @@ int32_t dmsCdsAnalyzeReqBrowse(dmsCdsMgrHandle *handle, dmsActionRequest *action
   IXML_Document *document = actionRequest->arguments;
   dlnaUtil_xmlParserPrintXmlDocument(document);
 
+  if (actionRequest->client != nullptr) browseArgs->quirks = actionRequest->client->quirks;
   MallocText browseFlag;  // only needed until the flag is decoded
   int32_t result = readBrowseArguments(handle, document, browseArgs, browseFlag);
   if (result == DMS_SUCCESS) result = checkBrowseArguments(browseArgs, browseFlag.get());
-  if (actionRequest->client != nullptr) browseArgs->quirks = actionRequest->client->quirks;
   if (result != DMS_SUCCESS) resetBrowseArgs(browseArgs);
   return result;
 }
@@ -274,6 +307,7 @@ int32_t dmsCdsAnalyzeReqSearch(dmsCdsMgrHandle *handle, dmsActionRequest *action
   IXML_Document *document = actionRequest->arguments;
   dlnaUtil_xmlParserPrintXmlDocument(document);
 
+  if (actionRequest->client != nullptr) searchArgs->quirks = actionRequest->client->quirks;
   int32_t result = readSearchArguments(handle, document, searchArgs);
   if (result == DMS_SUCCESS &&
       (searchArgs->containerId < 0 || searchArgs->startingIndex < 0 ||
@@ -282,7 +316,6 @@ int32_t dmsCdsAnalyzeReqSearch(dmsCdsMgrHandle *handle, dmsActionRequest *action
     DMS_TRACE(OSAL_TRACE_ERR, "Extracted Search Request Argument value is not valid\n");
     result = DMS_ERR_INVALID_BROWSE_FLAG;
   }
-  if (actionRequest->client != nullptr) searchArgs->quirks = actionRequest->client->quirks;
   // A player that asks for fewer than it then waits for gets everything.
   if (searchArgs->quirks & DMS_QUIRK_SEARCH_COUNT_ALL) searchArgs->requestedCount = 0;
   if (result == DMS_SUCCESS) searchArgs->requestedCount = capRequestedCount(searchArgs->requestedCount);

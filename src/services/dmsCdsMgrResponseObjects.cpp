@@ -17,6 +17,7 @@
 
 #include "dlna_dms.h"
 #include "art/dmsArt.h"
+#include "clients/dmsClients.h"
 #include "mfd/mfd_class.h"
 #include "services/dmsCdsMgrResponseHandler.h"
 #include "services/dmsCdsQuirks.h"
@@ -296,6 +297,7 @@ int32_t dmsCdsBuildItem(const dmsCdsObjectRequest *request, dmsContentEntry *ent
     if (flags[DMS_CDS_FILTER_RES] == 0) {
       std::memcpy(item.thumbnailResolution, offer.thumbnailResolution, sizeof item.thumbnailResolution);
       std::memcpy(item.smallResolution, offer.smallResolution, sizeof item.smallResolution);
+      item.picturesCiAsMain = (request->quirks & DMS_QUIRK_THUMB_CI) != 0 ? 1 : 0;
     }
     if (flags[DMS_CDS_FILTER_ALBUMART] == 0) item.albumArtId = static_cast<int32_t>(offer.albumArtId);
     dmsCdsAddResume(*request, entry->id, *record);

@@ -6,6 +6,7 @@
 #include <limits>
 
 #include "dlna_dms.h"
+#include "clients/dmsClients.h"
 #include "util/dmsGuard.h"
 #include "util/osal_trace.h"
 
@@ -96,7 +97,8 @@ static int32_t buildViewContainer(const dmsCdsObjectRequest &request, const dmsV
     container.restricted = 1;
     container.searchable = request.containerSearchable ? 1 : static_cast<uint32_t>(-1);
     container.title = record.title.c_str();
-    container.upnpClass = view.upnpClass;
+    // A player that lists only storage folders sees the views' containers as such.
+    container.upnpClass = request.quirks & DMS_QUIRK_STORAGE_FOLDERS ? DMS_CDS_FOLDER_CLASS : view.upnpClass;
     return DMS_SUCCESS;
   });
 }

@@ -4,6 +4,8 @@
 #include <string_view>
 
 #include "clients/dmsClients.h"
+#include "services/dmsCdsSort.h"
+#include "views/dmsViewIds.h"
 
 namespace {
 
@@ -42,7 +44,47 @@ void appendUrl(std::string &out, const dmsCdsObjectRequest &request, uint32_t id
   out.append(".").append(std::to_string(index)).append(format.extension);
 }
 
+// The Xbox 360's fixed container ids and the views' containers they mean.
+struct XboxRow {
+  const char *xboxId;
+  uint32_t viewId;
+};
+
+constexpr XboxRow kXboxRows[] = {
+    {"4", dmsViewIds::kAllTracks}, {"5", dmsViewIds::kGenres}, {"6", dmsViewIds::kArtists},
+    {"7", dmsViewIds::kAlbums},    {"F", dmsViewIds::kPlaylists}, {"14", dmsViewIds::kMusic},
+    {"15", dmsViewIds::kVideo},    {"16", dmsViewIds::kPictures},
+};
+
 }  // namespace
+
+std::string dmsCdsFitSortCriteria(uint32_t quirks, const char *text) {
+  if (text == nullptr) return {};
+  if (quirks & DMS_QUIRK_SORT_TITLE) return "+dc:title";
+  if ((quirks & DMS_QUIRK_SORT_DROP_UNKNOWN) == 0) return text;
+  std::string kept;
+  std::string_view rest(text);
+  while (!rest.empty()) {
+    const size_t comma = rest.find(',');
+    const std::string key(rest.substr(0, comma));
+    rest = comma == std::string_view::npos ? std::string_view() : rest.substr(comma + 1);
+    dmsCdsSortCriteria parsed;
+    if (dmsCdsParseSortCriteria(key.c_str(), parsed) != DMS_SUCCESS || parsed.keys.empty()) continue;
+    if (!kept.empty()) kept += ',';
+    kept += key;
+  }
+  return kept;
+}
+
+bool dmsCdsXboxContainer(const char *text, bool viewsOn, int32_t &id) {
+  if (text == nullptr) return false;
+  for (const XboxRow &row : kXboxRows) {
+    if (std::strcmp(text, row.xboxId) != 0) continue;
+    id = viewsOn ? static_cast<int32_t>(row.viewId) : 0;
+    return true;
+  }
+  return false;
+}
 
 std::string dmsCdsFitProtocol(uint32_t quirks, const std::string &protocolInfo) {
   if (quirks == 0) return protocolInfo;

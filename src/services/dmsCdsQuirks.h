@@ -20,6 +20,19 @@ std::string dmsCdsFitMimeType(uint32_t quirks, const std::string &mimeType);
 // The MIME type of a subtitle format for the client.
 const char *dmsCdsSubtitleType(uint32_t quirks, const dmsSubtitleFormat &format);
 
+// SortCriteria as a client with `quirks` meant it: "+dc:title" for one that
+// sends a fixed order it cannot have meant (DMS_QUIRK_SORT_TITLE), the keys
+// this server sorts by alone for one that adds keys of its own
+// (DMS_QUIRK_SORT_DROP_UNKNOWN); `text` itself otherwise.  May throw
+// std::bad_alloc.
+std::string dmsCdsFitSortCriteria(uint32_t quirks, const char *text);
+
+// The container an Xbox 360 names by its own fixed id ("4" all music, "5"
+// genres, "6" artists, "7" albums, "F" playlists, "14" to "16" the music,
+// video and picture folders): the views' container, or the root when the
+// views are off.  false for any other text.
+bool dmsCdsXboxContainer(const char *text, bool viewsOn, int32_t &id);
+
 // The sidecar subtitles of item `entry` (a video), in name order; empty for
 // any other.  The list's read lock held.  May throw std::bad_alloc.
 std::vector<dmsSubtitle> dmsCdsSubtitlesOf(const dmsContentEntry &entry);

@@ -229,8 +229,15 @@ int32_t dlnaUtil_DIDLAddItem(dlnaUtilBuffer *buffer, const dlnaUtilDidlItem *ite
     writeResource(out, *item);
     const std::string_view thumbnail = inlineText(item->thumbnailResolution);
     const std::string_view small = inlineText(item->smallResolution);
-    if (!thumbnail.empty()) writePictureResource(out, *item, DLNA_UTIL_JPEG_TN_FEATURES, thumbnail, ".tn.jpg"sv);
-    if (!small.empty()) writePictureResource(out, *item, DLNA_UTIL_JPEG_SM_FEATURES, small, ".sm.jpg"sv);
+    const bool ci0 = item->picturesCiAsMain != 0;
+    if (!thumbnail.empty()) {
+      writePictureResource(out, *item, ci0 ? DLNA_UTIL_JPEG_TN_FEATURES_CI0 : DLNA_UTIL_JPEG_TN_FEATURES, thumbnail,
+                           ".tn.jpg"sv);
+    }
+    if (!small.empty()) {
+      writePictureResource(out, *item, ci0 ? DLNA_UTIL_JPEG_SM_FEATURES_CI0 : DLNA_UTIL_JPEG_SM_FEATURES, small,
+                           ".sm.jpg"sv);
+    }
   }
   if (item->extraResources != nullptr) out.raw(item->extraResources);
   return out.raw("</item>"sv).status();

@@ -27,6 +27,12 @@ inline constexpr char DLNA_UTIL_JPEG_TN_FEATURES[] =
     "DLNA.ORG_PN=JPEG_TN;DLNA.ORG_OP=01;DLNA.ORG_CI=1;DLNA.ORG_FLAGS=00d00000000000000000000000000000";
 inline constexpr char DLNA_UTIL_JPEG_SM_FEATURES[] =
     "DLNA.ORG_PN=JPEG_SM;DLNA.ORG_OP=01;DLNA.ORG_CI=1;DLNA.ORG_FLAGS=00d00000000000000000000000000000";
+// The same with the main resource's DLNA.ORG_CI=0, for players that drop
+// a picture whose CI differs from it.
+inline constexpr char DLNA_UTIL_JPEG_TN_FEATURES_CI0[] =
+    "DLNA.ORG_PN=JPEG_TN;DLNA.ORG_OP=01;DLNA.ORG_CI=0;DLNA.ORG_FLAGS=00d00000000000000000000000000000";
+inline constexpr char DLNA_UTIL_JPEG_SM_FEATURES_CI0[] =
+    "DLNA.ORG_PN=JPEG_SM;DLNA.ORG_OP=01;DLNA.ORG_CI=0;DLNA.ORG_FLAGS=00d00000000000000000000000000000";
 
 // One media object, written as an `item` element.
 struct dlnaUtilDidlItem {
@@ -54,6 +60,7 @@ struct dlnaUtilDidlItem {
   char thumbnailResolution[16];  // a JPEG_TN res at /web/<id>.tn.jpg of this size; empty: none
   char smallResolution[16];      // a JPEG_SM res at /web/<id>.sm.jpg of this size; empty: none
   int32_t albumArtId;            // upnp:albumArtURI /web/<albumArtId>.art.jpg; 0: none
+  uint32_t picturesCiAsMain;     // 1: the pictures' DLNA.ORG_CI is 0, as the main resource's
   const char *extraMetadata;     // elements written after the metadata, as they are; NULL: none
   const char *extraResources;    // `res` elements written after the others, as they are; NULL: none
 };

@@ -42,6 +42,7 @@ class ClientsTest : public ::testing::Test {
   void SetUp() override {
     disk_.copy("video/avi-mpeg4-mp3-320x240.avi", "films/film.avi");
     disk_.copy("audio/mp3/mpeg1-44k-cbr128.mp3", "films/song.mp3");
+    disk_.copy("art/photo/small.jpg", "films/zz.jpg");
   }
   TempDir disk_;
   TempDir state_;
@@ -113,7 +114,42 @@ TEST_F(ClientsTest, AnswersFittedToAFamilyGoOnlyToIt) {
                                "</StartingIndex><RequestedCount>1</RequestedCount><SortCriteria></SortCriteria>";
   EXPECT_EQ(cdsAnswer(soap(port, Service::kCds, "Search", criteria)).numberReturned, 1);
   EXPECT_EQ(cdsAnswer(soap(port, Service::kCds, "Search", criteria,
-                           "User-Agent: Windows-Media-Player/12.0.7601.17514\r\n")).numberReturned, 2);
+                           "User-Agent: Windows-Media-Player/12.0.7601.17514\r\n")).numberReturned, 3);
+  // Panasonic's fixed SortCriteria gives way to title order.
+  const std::string folder = lookup(port, "films").id();
+  const auto titles = [&](const std::string &headers) {
+    const std::string arguments = "<ObjectID>" + folder + "</ObjectID><BrowseFlag>BrowseDirectChildren</BrowseFlag>"
+                                  "<Filter>*</Filter><StartingIndex>0</StartingIndex><RequestedCount>0"
+                                  "</RequestedCount><SortCriteria>-dc:title</SortCriteria>";
+    std::string out;
+    for (const DidlObject &object : cdsAnswer(soap(port, Service::kCds, "Browse", arguments, headers)).objects) {
+      out += object.title() + " ";
+    }
+    return out;
+  };
+  EXPECT_EQ(titles(""), "zz song film ");
+  const std::string panasonic = "User-Agent: Panasonic MIL DLNA CP UPnP/1.0 DLNADOC/1.50\r\n";
+  EXPECT_EQ(titles(panasonic), "film song zz ");
+  // Its pictures' DLNA.ORG_CI as the main resource's.
+  const DidlObject picture = metadata(port, lookup(port, "films/zz").id(), "*", panasonic);
+  ASSERT_GE(picture.res.size(), 2u);
+  EXPECT_NE(picture.res[1].at("protocolInfo").find("DLNA.ORG_CI=0"), std::string::npos);
+  // The Xbox 360: its own container ids, its own sort keys dropped, every
+  // container a storage folder.
+  const char kXbox[] = "User-Agent: Xbox/2.0.4552.0 UPnP/1.0 Xbox/2.0.4552.0\r\n";
+  const std::string xboxSearch = "<ContainerID>4</ContainerID><SearchCriteria>upnp:class derivedfrom "
+                                 "&quot;object.item.audioItem&quot;</SearchCriteria><Filter>*</Filter>"
+                                 "<StartingIndex>0</StartingIndex><RequestedCount>0</RequestedCount>"
+                                 "<SortCriteria>+upnp:artist,+microsoft:sourceURL</SortCriteria>";
+  const CdsAnswer tracks = cdsAnswer(soap(port, Service::kCds, "Search", xboxSearch, kXbox));
+  ASSERT_EQ(tracks.numberReturned, 1);
+  EXPECT_EQ(tracks.objects.front().attr("parentID"), "4");  // All Tracks of the views
+  const std::string artists = "<ContainerID>6</ContainerID><BrowseFlag>BrowseDirectChildren</BrowseFlag>"
+                              "<Filter>*</Filter><StartingIndex>0</StartingIndex><RequestedCount>0</RequestedCount>"
+                              "<SortCriteria></SortCriteria>";
+  const CdsAnswer listed = cdsAnswer(soap(port, Service::kCds, "Browse", artists, kXbox));
+  ASSERT_EQ(listed.numberReturned, 1);
+  EXPECT_EQ(listed.objects.front().prop("upnp:class"), "object.container.storageFolder");
   // The host's rule goes before the built-in profiles.
   const char *rule = "ua=SEC_HHP :";
   ASSERT_EQ(dlna_dmsSetClientRules(server.handle(), &rule, 1), 0);

@@ -60,7 +60,7 @@ done
 
 # What a control point lists honours --max-content and --filter.
 browse() {  # port id -> the answer to Browse of the children of id
-  curl -s -X POST -H 'Content-Type: text/xml' \
+  curl -s --max-time 10 -X POST -H 'Content-Type: text/xml' \
     -H 'SOAPACTION: "urn:schemas-upnp-org:service:ContentDirectory:1#Browse"' \
     --data "<?xml version=\"1.0\"?><s:Envelope xmlns:s=\"http://schemas.xmlsoap.org/soap/envelope/\"><s:Body><u:Browse xmlns:u=\"urn:schemas-upnp-org:service:ContentDirectory:1\"><ObjectID>$2</ObjectID><BrowseFlag>BrowseDirectChildren</BrowseFlag><Filter>*</Filter><StartingIndex>0</StartingIndex><RequestedCount>0</RequestedCount><SortCriteria></SortCriteria></u:Browse></s:Body></s:Envelope>" \
     "http://127.0.0.1:$1/web/cds_control"
@@ -93,7 +93,8 @@ serve_burst() {
   "$program" --address 127.0.0.1 --port $burst_port --www "$www" --state-dir "$burst/state" --views=no \
     "$burst/share" >/dev/null 2>&1 &
   burst_pid=$!
-  for _ in $(seq 100); do [ -n "$(total_of $burst_port 1001)" ] && break; sleep 0.1; done
+  local until=$((SECONDS + 10))
+  while [ $SECONDS -lt $until ] && [ -z "$(total_of $burst_port 1001)" ]; do sleep 0.1; done
 }
 serve_burst
 (for n in $(seq 5000); do ln "$burst/song.mp3" "$burst/share/$n.mp3"; done) &
@@ -103,10 +104,10 @@ kill -KILL $burst_pid
 wait $burst_pid 2>/dev/null
 wait $copier
 serve_burst
-for _ in $(seq 300); do [ "$(total_of $burst_port 1001)" = 5000 ] && break; sleep 0.1; done
+deadline=$((SECONDS + 30))
+while [ $SECONDS -lt $deadline ] && [ "$(total_of $burst_port 1001)" != 5000 ]; do sleep 0.1; done
 check "after a crash in a burst of new files a restart lists the disk" test "$(total_of $burst_port 1001)" = 5000
-kill -TERM $burst_pid
-wait $burst_pid
+check "the server stops after the burst" stop_server $burst_pid
 rm -rf "$burst"
 
 # A configuration file: its folders and name are served, SIGHUP applies the
