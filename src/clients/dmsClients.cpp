@@ -35,7 +35,7 @@ constexpr dmsQuirkRow kQuirks[] = {
     {"search-count-all", DMS_QUIRK_SEARCH_COUNT_ALL,
      "asks Search for fewer objects than it then expects; its RequestedCount is taken as 0 (all)"},
     {"sony-pn", DMS_QUIRK_SONY_PN,
-     "wants AVC in MPEG-TS named by the AVC_TS profile names without their _ISO/_T ending"},
+     "plays AVC with AC-3 in MPEG-TS only when it is named by its DLNA profile (AVC_TS_HD_50_AC3)"},
 };
 
 constexpr uint32_t kSamsung = DMS_QUIRK_FEATURE_LIST | DMS_QUIRK_CAPTION_HEADER | DMS_QUIRK_SEC_DIDL |

@@ -285,7 +285,9 @@ int32_t dmsCdsBuildItem(const dmsCdsObjectRequest *request, dmsContentEntry *ent
     item.filter = request->filter;
     item.protocolInfo = flags[DMS_CDS_FILTER_RES] == 0 ? info.protocolInfo : nullptr;
     if (item.protocolInfo != nullptr && request->quirks != 0) {
-      record->protocolInfo = dmsCdsFitProtocol(request->quirks, item.protocolInfo);
+      if (!(request->quirks & DMS_QUIRK_SONY_PN) || !dmsCdsSonyProtocol(*entry, record->protocolInfo)) {
+        record->protocolInfo = dmsCdsFitProtocol(request->quirks, item.protocolInfo);
+      }
       item.protocolInfo = record->protocolInfo.c_str();
     }
     item.size = flags[DMS_CDS_FILTER_SIZE] == 0 ? info.fileSize : -1;

@@ -1,5 +1,7 @@
 #include "services/dmsCdsQuirks.h"
 
+#include <strings.h>
+
 #include <cstring>
 #include <string_view>
 
@@ -103,6 +105,23 @@ std::string dmsCdsFitProtocol(uint32_t quirks, const std::string &protocolInfo) 
     changed = true;
   }
   return changed ? protocolInfo.substr(0, second + 1) + mime + ":" + fields : protocolInfo;
+}
+
+bool dmsCdsSonyProtocol(const dmsContentEntry &entry, std::string &out) {
+  const dmsMediaRecord &media = entry.media;
+  if (media.formatId != MFD_FORMAT_MPEG_TS || media.videoCodec != MFD_CODEC_AVC || media.audioCodec != MFD_FORMAT_AC3) {
+    return false;
+  }
+  const std::string_view name = entry.path;
+  const auto endsWith = [&name](std::string_view extension) {
+    return name.size() >= extension.size() &&
+           strncasecmp(name.data() + name.size() - extension.size(), extension.data(), extension.size()) == 0;
+  };
+  // 192-byte packets (a time stamp before each) are the "_T" profile.
+  out = endsWith(".m2ts") || endsWith(".mts")
+            ? "http-get:*:video/vnd.dlna.mpeg-tts:DLNA.ORG_PN=AVC_TS_HD_50_AC3_T;DLNA.ORG_OP=01;DLNA.ORG_CI=0"
+            : "http-get:*:video/mpeg:DLNA.ORG_PN=AVC_TS_HD_50_AC3;DLNA.ORG_OP=01;DLNA.ORG_CI=0";
+  return true;
 }
 
 std::string dmsCdsFitMimeType(uint32_t quirks, const std::string &mimeType) {

@@ -15,6 +15,10 @@
 // `protocolInfo` ("http-get:*:MIME:FIELDS") as a client with `quirks` is
 // told it; unchanged for most.  May throw std::bad_alloc.
 std::string dmsCdsFitProtocol(uint32_t quirks, const std::string &protocolInfo);
+// For DMS_QUIRK_SONY_PN: the protocolInfo naming the DLNA profile of AVC
+// with AC-3 in MPEG-TS (the timestamped form for .m2ts and .mts files),
+// which this server does not name otherwise; false for any other file.
+bool dmsCdsSonyProtocol(const dmsContentEntry &entry, std::string &out);
 // A MIME type as the client is told it.  May throw std::bad_alloc.
 std::string dmsCdsFitMimeType(uint32_t quirks, const std::string &mimeType);
 // The MIME type of a subtitle format for the client.

@@ -43,6 +43,7 @@ class ClientsTest : public ::testing::Test {
     disk_.copy("video/avi-mpeg4-mp3-320x240.avi", "films/film.avi");
     disk_.copy("audio/mp3/mpeg1-44k-cbr128.mp3", "films/song.mp3");
     disk_.copy("art/photo/small.jpg", "films/zz.jpg");
+    disk_.copy("video/ts-h264-ac3-320x240.m2ts", "films/tv.m2ts");
   }
   TempDir disk_;
   TempDir state_;
@@ -114,7 +115,7 @@ TEST_F(ClientsTest, AnswersFittedToAFamilyGoOnlyToIt) {
                                "</StartingIndex><RequestedCount>1</RequestedCount><SortCriteria></SortCriteria>";
   EXPECT_EQ(cdsAnswer(soap(port, Service::kCds, "Search", criteria)).numberReturned, 1);
   EXPECT_EQ(cdsAnswer(soap(port, Service::kCds, "Search", criteria,
-                           "User-Agent: Windows-Media-Player/12.0.7601.17514\r\n")).numberReturned, 3);
+                           "User-Agent: Windows-Media-Player/12.0.7601.17514\r\n")).numberReturned, 4);
   // Panasonic's fixed SortCriteria gives way to title order.
   const std::string folder = lookup(port, "films").id();
   const auto titles = [&](const std::string &headers) {
@@ -127,9 +128,14 @@ TEST_F(ClientsTest, AnswersFittedToAFamilyGoOnlyToIt) {
     }
     return out;
   };
-  EXPECT_EQ(titles(""), "zz song film ");
+  EXPECT_EQ(titles(""), "zz tv song film ");
   const std::string panasonic = "User-Agent: Panasonic MIL DLNA CP UPnP/1.0 DLNADOC/1.50\r\n";
-  EXPECT_EQ(titles(panasonic), "film song zz ");
+  EXPECT_EQ(titles(panasonic), "film song tv zz ");
+  // Sony names AVC with AC-3 in a timestamped MPEG-TS by its profile.
+  const std::string tv = lookup(port, "films/tv").id();
+  EXPECT_EQ(metadata(port, tv, "*", "X-AV-Client-Info: av=5.0; cn=\"Sony Corporation\"; mn=\"BRAVIA KDL-40EX\"\r\n")
+                .res.at(0).at("protocolInfo"),
+            "http-get:*:video/vnd.dlna.mpeg-tts:DLNA.ORG_PN=AVC_TS_HD_50_AC3_T;DLNA.ORG_OP=01;DLNA.ORG_CI=0");
   // Its pictures' DLNA.ORG_CI as the main resource's.
   const DidlObject picture = metadata(port, lookup(port, "films/zz").id(), "*", panasonic);
   ASSERT_GE(picture.res.size(), 2u);
