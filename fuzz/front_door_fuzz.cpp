@@ -5,8 +5,9 @@
 // envelope reader, each action's argument reading and the Search criteria
 // parser.  The ContentDirectory reads a library of one LPCM file.
 //
-// Input layout: byte 0 chooses the parser (and for SOAP, byte 1 the service
-// and whether a SOAPACTION header comes with it); the rest is the text.
+// Input layout: byte 0 chooses the parser (and for SOAP, byte 1 the service,
+// whether a SOAPACTION header comes with it and whether the client gets
+// every quirk flag); the rest is the text.
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -37,6 +38,7 @@ void fuzzSoap(uint8_t selector, const std::string &body) {
   const size_t service = selector % DMS_SERVICE_COUNT;
   dmsClientInfo client;
   client.address = "127.0.0.1";
+  client.quirks = (selector & 0x40) != 0 ? ~0u : 0;  // every client profile's answers at once
   if (selector >= 128) {  // the SOAPACTION header is the first line of the input
     const size_t end = body.find('\n');
     const std::string header = body.substr(0, end);

@@ -73,12 +73,9 @@ void noteCover(dmsContentListInfo *list, dmsContentEntry *container, const std::
 // and are written: the folder changes (its listing with the views does) and
 // is noted for the listeners, which read its playlists again.  false when
 // `name` is no playlist.
-bool notePlaylist(dmsContentListInfo *list, dmsContentEntry *container, const std::string &name, bool present,
-                  ChangedContainers &changes) {
-  dmsPlaylistFormat format;
-  dmsContainerState *state = container->container.get();
-  if (state == nullptr || !dmsPlaylistFormatOf(name, format)) return false;
-  auto &names = state->playlists;
+// Puts `name` into a folder's sorted `names` or takes it out; whether it
+// is there or was (the folder then changed).
+bool noteName(dmsContentListInfo *list, std::vector<std::string> &names, const std::string &name, bool present) {
   auto at = std::lower_bound(names.begin(), names.end(), name);
   const bool listed = at != names.end() && *at == name;
   if (present != listed) {
@@ -86,7 +83,15 @@ bool notePlaylist(dmsContentListInfo *list, dmsContentEntry *container, const st
     if (present) names.insert(at, name);
     else names.erase(at);
   }
-  if (present || listed) {
+  return present || listed;
+}
+
+bool notePlaylist(dmsContentListInfo *list, dmsContentEntry *container, const std::string &name, bool present,
+                  ChangedContainers &changes) {
+  dmsPlaylistFormat format;
+  dmsContainerState *state = container->container.get();
+  if (state == nullptr || !dmsPlaylistFormatOf(name, format)) return false;
+  if (noteName(list, state->playlists, name, present)) {
     list->playlistFolders.push_back(container->id);
     changes.push_back(container->id);
   }
@@ -100,15 +105,7 @@ bool noteSubtitle(dmsContentListInfo *list, dmsContentEntry *container, const st
                   ChangedContainers &changes) {
   dmsContainerState *state = container->container.get();
   if (state == nullptr || dmsSubtitleFormatOf(name) == nullptr) return false;
-  auto &names = state->subtitles;
-  auto at = std::lower_bound(names.begin(), names.end(), name);
-  const bool listed = at != names.end() && *at == name;
-  if (present != listed) {
-    std::unique_lock writing(list->rwLock);
-    if (present) names.insert(at, name);
-    else names.erase(at);
-  }
-  if (present || listed) changes.push_back(container->id);
+  if (noteName(list, state->subtitles, name, present)) changes.push_back(container->id);
   return true;
 }
 

@@ -35,8 +35,9 @@ void dmsFacts::write(uint32_t id, uint32_t key, int64_t value) {
 void dmsFacts::setPosition(uint32_t id, int64_t positionMs) {
   try {
     std::lock_guard writing(mutex_);
-    facts_[id].positionMs = positionMs < 0 ? 0 : positionMs;
-    write(id, kPosition, facts_[id].positionMs);
+    dmsFact &fact = facts_[id];
+    fact.positionMs = positionMs < 0 ? 0 : positionMs;
+    write(id, kPosition, fact.positionMs);
   } catch (...) {
   }
 }

@@ -156,9 +156,32 @@ MHD_Result answerArt(dmsContentListInfo *contentList, dmsArtCache *artCache, MHD
   return dmsHttpQueue(connection, code, response);
 }
 
+// Sends the file open on `descriptor` (taken over) whole as `type`, with
+// its DLNA features when given; 404 when it is not a regular file.  A file
+// of a shared folder fills `watch`, so that one cut short under the answer
+// ends it; NULL for the server's own files.
+MHD_Result answerWholeFile(MHD_Connection *connection, int descriptor, const char *type, const char *features,
+                           dmsMediaWatch *watch) {
+  FileDescriptor file(descriptor);
+  struct stat status {};
+  if (file.get() < 0 || ::fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode)) {
+    return dmsHttpQueueEmpty(connection, MHD_HTTP_NOT_FOUND);
+  }
+  if (watch != nullptr) {
+    watch->fd = ::fcntl(file.get(), F_DUPFD_CLOEXEC, 0);
+    watch->end = status.st_size;
+  }
+  MHD_Response *response = MHD_create_response_from_fd64(static_cast<uint64_t>(status.st_size), file.get());
+  if (response == nullptr) return MHD_NO;
+  file.release();
+  MHD_add_response_header(response, MHD_HTTP_HEADER_CONTENT_TYPE, type);
+  if (features != nullptr) MHD_add_response_header(response, "contentFeatures.dlna.org", features);
+  return dmsHttpQueue(connection, MHD_HTTP_OK, response);
+}
+
 // A video's sidecar subtitle, "/web/<id>.<n>.<extension>", whole.
 MHD_Result answerSubtitle(dmsContentListInfo *list, MHD_Connection *connection, uint32_t id, uint32_t index,
-                          uint32_t quirks) {
+                          uint32_t quirks, dmsMediaWatch *watch) {
   std::string path;
   const char *type = nullptr;
   {
@@ -174,16 +197,7 @@ MHD_Result answerSubtitle(dmsContentListInfo *list, MHD_Connection *connection, 
     }
   }
   if (type == nullptr) return dmsHttpQueueEmpty(connection, MHD_HTTP_NOT_FOUND);
-  FileDescriptor file(dmsClmOpenShared(list, path));
-  struct stat status {};
-  if (file.get() < 0 || ::fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode)) {
-    return dmsHttpQueueEmpty(connection, MHD_HTTP_NOT_FOUND);
-  }
-  MHD_Response *response = MHD_create_response_from_fd64(static_cast<uint64_t>(status.st_size), file.get());
-  if (response == nullptr) return MHD_NO;
-  file.release();
-  MHD_add_response_header(response, MHD_HTTP_HEADER_CONTENT_TYPE, type);
-  return dmsHttpQueue(connection, MHD_HTTP_OK, response);
+  return answerWholeFile(connection, dmsClmOpenShared(list, path), type, nullptr, watch);
 }
 
 // Samsung asks with "getCaptionInfo.sec: 1" where a video's subtitle is;
@@ -211,7 +225,7 @@ MHD_Result answerMedia(dmsContentListInfo *contentList, dmsArtCache *artCache, M
   uint32_t index = 0;
   dmsArtKind kind = dmsArtKind::kThumbnail;
   if (dmsArtParseUrl(url, &id, &kind)) return answerArt(contentList, artCache, connection, id, kind);
-  if (dmsSubtitleParseUrl(url, &id, &index)) return answerSubtitle(contentList, connection, id, index, quirks);
+  if (dmsSubtitleParseUrl(url, &id, &index)) return answerSubtitle(contentList, connection, id, index, quirks, watch);
   dmsAvtHttpMediaFile media;
   if (!dmsAvtHttpParseMediaId(url, &id) || !dmsAvtHttpFindMedia(contentList, id, media)) {
     return dmsHttpQueueEmpty(connection, MHD_HTTP_NOT_FOUND);
@@ -327,15 +341,6 @@ MHD_Result dmsMediaServerAnswer(MHD_Connection *connection, const char *url, dms
 }
 
 MHD_Result dmsMediaServerAnswerFixed(MHD_Connection *connection, const dmsAvtHttpFixed &file) {
-  FileDescriptor descriptor(::open(file.path.c_str(), O_RDONLY | O_CLOEXEC));
-  struct stat status {};
-  if (descriptor.get() < 0 || ::fstat(descriptor.get(), &status) != 0 || !S_ISREG(status.st_mode)) {
-    return dmsHttpQueueEmpty(connection, MHD_HTTP_NOT_FOUND);
-  }
-  MHD_Response *response = MHD_create_response_from_fd64(static_cast<uint64_t>(status.st_size), descriptor.get());
-  if (response == nullptr) return MHD_NO;
-  descriptor.release();
-  MHD_add_response_header(response, MHD_HTTP_HEADER_CONTENT_TYPE, file.contentType);
-  if (file.contentFeatures != nullptr) MHD_add_response_header(response, "contentFeatures.dlna.org", file.contentFeatures);
-  return dmsHttpQueue(connection, MHD_HTTP_OK, response);
+  return answerWholeFile(connection, ::open(file.path.c_str(), O_RDONLY | O_CLOEXEC), file.contentType,
+                         file.contentFeatures, nullptr);
 }
