@@ -46,13 +46,14 @@ MHD_Result answerFixed(dmsHttpServer &, MHD_Connection *connection, dmsHttpReque
   return dmsMediaServerAnswerFixed(connection, file);
 }
 
-MHD_Result answerMedia(dmsHttpServer &server, MHD_Connection *connection, dmsHttpRequestState &, const char *url) {
+MHD_Result answerMedia(dmsHttpServer &server, MHD_Connection *connection, dmsHttpRequestState &request,
+                       const char *url) {
   const dmsClientInfo client = dmsHttpClientInfo(server, connection);
   DMS_TRACE(OSAL_TRACE_INFO, "Media [%s] for [%s] User-Agent [%s]\n", url, client.address.c_str(),
             client.userAgent.c_str());
   dmsMediaWatch watch;
   const MHD_Result queued = dmsMediaServerAnswer(connection, url, server.config.contentList, server.config.artCache,
-                                                 server.config.facts, client.quirks, &watch);
+                                                 request.head ? nullptr : server.config.facts, client.quirks, &watch);
   if (watch.fd >= 0) dmsHttpWatchFile(server, connection, watch.fd, watch.end);
   return queued;
 }

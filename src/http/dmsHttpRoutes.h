@@ -37,6 +37,7 @@ struct dmsHttpRoute;
 struct dmsHttpRequestState {
   const dmsHttpRoute *route = nullptr;
   std::string body;
+  bool head = false;      // a HEAD: headers only, and no play counted
   bool refused = false;   // an error answer is queued; the rest of the body is dropped
   bool tooLarge = false;  // the body passed its limit: dropped, then answered 413
   size_t dropped = 0;     // bytes of body dropped

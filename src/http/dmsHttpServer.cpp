@@ -124,6 +124,7 @@ MHD_Result beginRequest(dmsHttpServer &server, MHD_Connection *connection, const
   }
   unsigned status = MHD_HTTP_NOT_FOUND;
   request.route = dmsHttpFindRoute(method, url, &status);
+  request.head = std::strcmp(method, MHD_HTTP_METHOD_HEAD) == 0;
   if (request.route == nullptr) {
     request.refused = true;
     return dmsHttpQueueEmpty(connection, status);

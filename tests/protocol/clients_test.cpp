@@ -83,6 +83,7 @@ TEST_F(ClientsTest, AResumePositionShowsToEveryPlayerAndLastsAcrossARestart) {
     EXPECT_EQ(elementText(bookmark(port, film, "-5", kSamsung).body, "errorCode"), "402");
     // A play counts once however often the player opens the file to start it.
     const std::string url = metadata(port, film).path();
+    EXPECT_EQ(httpGet(port, url, "", "HEAD").status, 200);  // a look, not a play
     EXPECT_EQ(metadata(port, film).prop("upnp:playbackCount"), "");
     for (int i = 0; i < 3; ++i) EXPECT_EQ(httpGet(port, url, "Range: bytes=0-99\r\n").status, 206);
     EXPECT_EQ(httpGet(port, url, "Range: bytes=100-199\r\n").status, 206);
@@ -162,6 +163,64 @@ TEST_F(ClientsTest, AnswersFittedToAFamilyGoOnlyToIt) {
   EXPECT_EQ(elementText(soap(port, Service::kCds, "X_GetFeatureList", "", kSamsung).body, "errorCode"), "401");
   const char *bad = "ua=SEC_HHP : no-such-flag";
   EXPECT_EQ(dlna_dmsSetClientRules(server.handle(), &bad, 1), DMS_ERR_INVALID_PARAM);
+}
+
+// Each family's own headers on what it asks first: the item's metadata and
+// then a media request that names nobody, answered as for the family that
+// the address last named.  Before any family, and for players no row knows,
+// the answers are the same as ever.
+TEST_F(ClientsTest, EachFamilyIsKnownByItsHeadersAndThenByItsAddress) {
+  disk_.copy("video/mp4-h264bl-aac-320x240.mp4", "films/clip.mp4");
+  disk_.copy("containers/mkv-h264-aac.mkv", "films/matroska.mkv");
+  RunningServer server;
+  ASSERT_TRUE(server.start({disk_ / "films"}));
+  const int port = server.port();
+  const auto type = [&](const char *file, const std::string &headers) {
+    const DidlObject item = metadata(port, lookup(port, std::string("films/") + file).id(), "*", headers);
+    return item.res.empty() ? std::string() : item.res.front().at("protocolInfo");
+  };
+  const std::string avi = type("film", ""), mkv = type("matroska", ""), mp4 = type("clip", "");
+  const std::string m2ts = type("tv", "");
+  ASSERT_EQ(avi.rfind("http-get:*:video/x-msvideo:", 0), 0u);
+  ASSERT_NE(mp4.find("DLNA.ORG_PN="), std::string::npos) << mp4;
+  const struct {
+    const char *headers;
+    const char *title;
+    const char *starts;   // what its protocolInfo starts with, or
+    const char *lacks;    // what it lacks
+    const char *served;   // the Content-Type of a media request with no headers that follows
+  } families[] = {
+      {"User-Agent: VLC/3.0.18 LibVLC/3.0.18\r\n", "film", "http-get:*:video/x-msvideo:", "", "video/x-msvideo"},
+      {"User-Agent: Linux/2.6.39 UPnP/1.0 LGE_DLNA_SDK/1.6.0 [TV][LG]42LW5700/04.02.01 DLNADOC/1.50\r\n", "film",
+       "http-get:*:video/avi:", "", "video/avi"},
+      {"User-Agent: Linux/3.10 UPnP/1.0 LGE WebOS TV LGE_DLNA_SDK/1.6.0/04.30.13 DLNADOC/1.50\r\n", "clip",
+       "http-get:*:video/mp4:", "DLNA.ORG_PN=", ""},
+      {"User-Agent: Web0S; Linux/SmartTV\r\n", "clip", "http-get:*:video/mp4:", "DLNA.ORG_PN=", ""},
+      {"User-Agent: SamsungWiselinkPro/1.0\r\n", "matroska", "http-get:*:video/x-mkv:", "", "video/x-mkv"},
+      {"User-Agent: DLNADOC/1.50 SEC_HHP_[TV] UE40/1.0 Tizen\r\n", "matroska", "http-get:*:video/x-mkv:", "", ""},
+      {"X-AV-Client-Info: av=5.0; cn=\"Sony Computer Entertainment Inc.\"; mn=\"PLAYSTATION 3\"; mv=\"1.0\"\r\n",
+       "tv", "http-get:*:video/vnd.dlna.mpeg-tts:DLNA.ORG_PN=AVC_TS_HD_50_AC3_T;", "", ""},
+      {"User-Agent: NSPlayer/12.0.7601.17514 WMFSDK/12.0\r\n", "film", "http-get:*:video/x-msvideo:", "", ""},
+  };
+  for (const auto &family : families) {
+    const std::string got = type(family.title, family.headers);
+    EXPECT_EQ(got.rfind(family.starts, 0), 0u) << family.headers << got;
+    if (*family.lacks != '\0') {
+      EXPECT_EQ(got.find(family.lacks), std::string::npos) << family.headers;
+    }
+    if (*family.served == '\0') continue;
+    const HttpResponse media = httpGet(port, metadata(port, lookup(port, std::string("films/") + family.title).id(),
+                                                      "*", family.headers).path(), "", "HEAD");
+    EXPECT_EQ(media.header("content-type"), family.served) << family.headers;
+  }
+  // A host's rule with no flags makes a player ordinary; setting rules
+  // forgets the addresses, so what follows gets today's answers again.
+  const char *rule = "ip=127.0.0.1 :";
+  ASSERT_EQ(dlna_dmsSetClientRules(server.handle(), &rule, 1), 0);
+  EXPECT_EQ(type("film", families[1].headers), avi);
+  ASSERT_EQ(dlna_dmsSetClientRules(server.handle(), nullptr, 0), 0);
+  EXPECT_EQ(type("matroska", ""), mkv);
+  EXPECT_EQ(type("tv", ""), m2ts);
 }
 
 TEST(Subtitles, AVideosSidecarsAreOfferedServedAndFollowed) {
