@@ -6,7 +6,7 @@ set -euo pipefail
 
 want=(build-essential cmake pkg-config libupnp-dev libmicrohttpd-dev libtag1-dev libturbojpeg0-dev libpng-dev libcurl4-openssl-dev libexpat1-dev libsqlite3-dev)
 if [ "${1:-build}" = test ]; then
-  want+=(libgtest-dev libgmock-dev iproute2 util-linux gupnp-tools curl python3 chromium chromium-driver python3-selenium mpd mpc vlc-bin vlc-plugin-base kodi xvfb libgl1-mesa-dri)
+  want+=(libgtest-dev libgmock-dev iproute2 util-linux gupnp-tools curl python3 chromium chromium-driver python3-selenium mpd mpc vlc-bin vlc-plugin-base kodi xvfb libgl1-mesa-dri abigail-tools)
   want+=(man-db)  # the install test renders the manual page
 fi
 if [ "${1:-build}" = fixtures ]; then
