@@ -22,27 +22,50 @@ sudo=""
 [ "$(id -u)" -eq 0 ] || sudo="sudo"
 libs=(libupnp-dev libmicrohttpd-dev libtag1-dev libturbojpeg0-dev libpng-dev libcurl4-openssl-dev
   libexpat1-dev libsqlite3-dev libgtest-dev libgmock-dev)
-want=(crossbuild-essential-"$arch" qemu-user cmake pkg-config "${libs[@]/%/:$arch}")
-missing=()
-for package in "${want[@]}"; do
-  dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q 'install ok installed' || missing+=("$package")
-done
-if [ ${#missing[@]} -gt 0 ]; then
+installed() { dpkg-query -W -f='${Status}' "$1" 2>/dev/null | grep -q 'install ok installed'; }
+install() {  # packages...: true when they are all installed afterwards
+  local missing=() package
+  for package in "$@"; do installed "$package" || missing+=("$package"); done
+  [ ${#missing[@]} -eq 0 ] && return 0
   echo "Installing: ${missing[*]}"
+  DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
+}
+if ! dpkg --print-foreign-architectures | grep -qx "$arch"; then
   $sudo dpkg --add-architecture "$arch"
-  # A target architecture's package index that fails to download (a mirror
-  # in the middle of a sync) is reported, and the install then says what
-  # cannot be had.
-  $sudo apt-get update -qq || echo "cross.sh: apt-get update reported errors (see above)" >&2
-  if ! DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null; then
-    echo "cross.sh: the $arch packages cannot be installed from this machine's package sources" >&2
-    exit 3
+  # An index of the package sources that fails to download (a mirror in the
+  # middle of a sync) is reported; what it leaves out shows below.
+  $sudo apt-get update -qq || echo "cross.sh: apt-get update reported errors" >&2
+fi
+install crossbuild-essential-"$arch" qemu-user cmake pkg-config || exit 3
+
+# The target's libraries: Debian's multiarch packages when they install
+# beside this machine's own (their versions must match), else a target root
+# of the same packages unpacked into build-<arch>-root, as a firmware build
+# system would hand one over.
+root_options=()
+if ! install "${libs[@]/%/:$arch}"; then
+  root=$top/build-$arch-root
+  echo "cross.sh: the $arch libraries do not install beside this machine's; unpacking them into ${root#$top/}"
+  if [ ! -e "$root/.complete" ]; then
+    rm -rf "$root" "$root.debs" && mkdir -p "$root" "$root.debs"
+    closure=$(apt-cache depends --recurse --no-recommends --no-suggests --no-conflicts --no-breaks \
+      --no-replaces --no-enhances --no-pre-depends "${libs[@]/%/:$arch}" libc6-dev:"$arch" libstdc++-12-dev:"$arch" |
+      grep -E "^[a-z0-9].*:$arch\$" | grep -vE '^(dpkg|perl|perl-base|libperl[0-9.]*|tar|install-info|bzip2|patch|xz-utils):' |
+      sort -u)
+    (cd "$root.debs" && apt-get download $closure >/dev/null) || { echo "cross.sh: cannot download the $arch packages" >&2; exit 3; }
+    for deb in "$root.debs"/*.deb; do dpkg-deb -x "$deb" "$root"; done
+    # Links that name an absolute path must stay inside the root.
+    find "$root" -type l -lname '/*' | while read -r link; do
+      ln -sfn "$(realpath -m --relative-to="$(dirname "$link")" "$root$(readlink "$link")")" "$link"
+    done
+    rm -rf "$root.debs" && touch "$root/.complete"
   fi
+  root_options=(-DCMAKE_SYSROOT="$root")
 fi
 
 build=build-$arch
 cmake -S . -B "$build" -DCMAKE_TOOLCHAIN_FILE="$top/cmake/linux-cross.cmake" -DDMS_TARGET_TRIPLE="$triple" \
-  -DCMAKE_BUILD_TYPE=RelWithDebInfo -DDMS_BUILD_BENCH=OFF >/dev/null
+  "${root_options[@]}" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DDMS_BUILD_BENCH=OFF >/dev/null
 cmake --build "$build" -j "$(nproc)" >/dev/null
 file "$build/src/libdlnadms.so" "$build/host/dlna-dms" | sed "s|$top/||"
 [ "$run_tests" -eq 1 ] || exit 0

@@ -1,5 +1,6 @@
 #include "util/dlnaUtil_xmlParser.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 
@@ -95,7 +96,10 @@ int32_t dlnaUtil_xmlParserGetInteger(IXML_Document *document, const char *keyNam
     DMS_TRACE(OSAL_TRACE_ERR, "Value for the KeyName is NULL. Set Value to 0\n");
     return 0;
   }
-  *valueOut = static_cast<int32_t>(std::atoi(text));
+  // As atoi reads it, but the same on every platform: a number past the
+  // 32-bit range is held at its end instead of wrapping where long is wider.
+  const long long value = std::strtoll(text, nullptr, 10);
+  *valueOut = static_cast<int32_t>(std::clamp<long long>(value, INT32_MIN, INT32_MAX));
   std::free(text);
   return 0;
 }

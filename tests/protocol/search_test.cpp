@@ -28,7 +28,8 @@ class SearchTest : public ServerSuite {
   // lib/Music: two tagged tracks and five untagged ones; lib/Photos: a
   // photo with an Exif date; lib/Video: a video whose tags the server does
   // not read.  Untagged files are titled by their names and dated by their
-  // time, set to 2021-06-15 12:00 UTC.
+  // time, set to 2021-06-15 12:00 UTC (the video's to 2040-01-02, past
+  // where a 32-bit time_t ends).
   static void SetUpTestSuite() {
     tree().copy("tagged/id3v24-utf8.mp3", "lib/Music/v24.mp3");
     tree().copy("tagged/id3v1-only.mp3", "lib/Music/v1.mp3");
@@ -36,7 +37,8 @@ class SearchTest : public ServerSuite {
     for (const std::string &title : kUntagged) {
       const std::string path = title == kClip ? tree().copy("containers/mkv-h264-aac.mkv", "lib/Video/clip.mkv")
                                               : tree().copy("tagged/mp3-no-tags.mp3", "lib/Music/" + title + ".mp3");
-      const utimbuf times{1623758400, 1623758400};
+      const time_t when = title == kClip ? 2209118400 : 1623758400;
+      const utimbuf times{when, when};
       ASSERT_EQ(utime(path.c_str(), &times), 0);
     }
     ASSERT_TRUE(serve({tree() / "lib"}));
@@ -88,7 +90,8 @@ TEST_F(SearchTest, CriteriaFindWhatTheyName) {
       {"dc:date = \"2019-07-14\"", {kV24}},
       {"dc:date < \"2020\"", {kV1, kV24, kExif}},
       {"dc:date > \"2019-07-14\" and dc:date < \"2019-07-15\"", {kExif}},
-      {"dc:date >= \"2021-06-15\" and dc:date <= \"2021-06-16\"", kUntagged},
+      {"dc:date >= \"2021-06-15\" and dc:date <= \"2021-06-16\"", {kSay, kStrasse, kArger, kOmega, kBorei}},
+      {"dc:date > \"2039\"", {kClip}},
       {"dc:date = \"14.07.2019\"", {}},
       {"upnp:originalTrackNumber = \"03\"", {kV1, kV24}},
       {"upnp:originalTrackNumber > \"3\"", {}},
