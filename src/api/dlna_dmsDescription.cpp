@@ -9,6 +9,7 @@
 #include <string>
 
 #include "api/dlna_dmsApi.h"
+#include "util/dmsThreadName.h"
 #include "util/dlnaUtil_xmlText.h"
 #include "util/dmsGuard.h"
 #include "util/osal_trace.h"
@@ -179,6 +180,7 @@ int32_t dmsFormatDeviceDescription(const dmsHandle *handle, char **out) {
 }
 
 void *dmsDeviceAdvertiser(void *arg) {
+  dmsNameThread("dms-advertiser");
   auto *handle = static_cast<dmsHandle *>(arg);
   if (handle == nullptr) {
     DMS_TRACE(OSAL_TRACE_ERR, "Error in Input Parameters\n");

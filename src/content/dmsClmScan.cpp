@@ -25,6 +25,7 @@
 #include "tags/dmsClmPicture.h"
 #include "tags/dmsClmTags.h"
 #include "content/dmsFsmApi.h"
+#include "util/dmsThreadName.h"
 #include "util/dmsGuard.h"
 #include "util/osal_trace.h"
 
@@ -170,7 +171,10 @@ void detectAhead(dmsContentListInfo *list, std::vector<FolderChild> &children, c
   std::vector<std::thread> helpers;
   for (unsigned i = 1; i < threads; ++i) {
     try {
-      helpers.emplace_back([&] { dmsGuardVoid("detectAhead", work); });
+      helpers.emplace_back([&] {
+        dmsNameThread("dms-detect");
+        dmsGuardVoid("detectAhead", work);
+      });
     } catch (const std::system_error &) {
       break;  // fewer helpers; this thread does the rest
     }

@@ -2,6 +2,7 @@
 
 #include <limits.h>
 #include <poll.h>
+#include <sys/eventfd.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -15,6 +16,7 @@
 
 #include "content/dmsClmApi.h"
 #include "util/dmsGuard.h"
+#include "util/dmsThreadName.h"
 #include "util/osal_trace.h"
 
 static constexpr char kTraceFile[] = "dmsFsmApi";
@@ -26,6 +28,11 @@ int32_t dmsFsmInit(dmsFsmMonitor **out, dmsContentListInfo *owner) {
     auto monitor = std::make_unique<dmsFsmMonitor>();
     monitor->inotifyDescriptor = inotify_init1(IN_CLOEXEC | IN_NONBLOCK);
     if (monitor->inotifyDescriptor < 0) return -96;
+    monitor->wakeDescriptor = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    if (monitor->wakeDescriptor < 0) {
+      ::close(monitor->inotifyDescriptor);
+      return -96;
+    }
     DMS_TRACE(OSAL_TRACE_INFO, "Monitor FD: [%d]\n", monitor->inotifyDescriptor);
     monitor->owner = owner;
     *out = monitor.release();
@@ -37,6 +44,7 @@ int32_t dmsFsmDeinit(dmsFsmMonitor *monitor) {
   if (monitor == nullptr) return DMS_ERR_INVALID_PARAM;
   std::unique_ptr<dmsFsmMonitor> owned(monitor);
   if (owned->inotifyDescriptor >= 0) ::close(owned->inotifyDescriptor);
+  if (owned->wakeDescriptor >= 0) ::close(owned->wakeDescriptor);
   return DMS_SUCCESS;
 }
 
@@ -103,11 +111,14 @@ void handleEvent(dmsFsmMonitor *monitor, const inotify_event &event) {
 // Waits at most half a second at a time, so a stop request is seen soon, and
 // reads whole events: the buffer holds many, each with a name of up to
 // NAME_MAX bytes.
+// Sleeps until the file system has news or a stop is requested: a device
+// that shares a quiet folder is not woken for nothing.
 void fsmMonitorThread(dmsFsmMonitor *monitor) {
+  dmsNameThread("dms-monitor");
   alignas(inotify_event) char buffer[64 * (sizeof(inotify_event) + NAME_MAX + 1)];
   while (!monitor->stopRequest.load()) {
-    pollfd readable{monitor->inotifyDescriptor, POLLIN, 0};
-    if (::poll(&readable, 1, 500) <= 0) continue;
+    pollfd readable[] = {{monitor->inotifyDescriptor, POLLIN, 0}, {monitor->wakeDescriptor, POLLIN, 0}};
+    if (::poll(readable, 2, -1) <= 0 || (readable[0].revents & POLLIN) == 0) continue;
     const ssize_t got = ::read(monitor->inotifyDescriptor, buffer, sizeof buffer);
     for (ssize_t offset = 0; offset + static_cast<ssize_t>(sizeof(inotify_event)) <= got;) {
       const auto *event = reinterpret_cast<const inotify_event *>(buffer + offset);
@@ -136,7 +147,14 @@ int32_t dmsFsmStartMonitor(dmsFsmMonitor *monitor, dmsContentEntry *root,
 int32_t dmsFsmStopMonitor(dmsFsmMonitor *monitor) {
   if (monitor == nullptr) return DMS_ERR_INVALID_PARAM;
   monitor->stopRequest = true;
-  if (monitor->thread.joinable()) monitor->thread.join();
+  if (monitor->thread.joinable()) {
+    const uint64_t one = 1;
+    // Cannot fail short of a counter at its top, which a stop cannot reach.
+    [[maybe_unused]] const ssize_t woken = ::write(monitor->wakeDescriptor, &one, sizeof one);
+    monitor->thread.join();
+    uint64_t drained = 0;  // a later start sleeps again
+    [[maybe_unused]] const ssize_t read = ::read(monitor->wakeDescriptor, &drained, sizeof drained);
+  }
   monitor->handler = nullptr;
   monitor->root = nullptr;
   return DMS_SUCCESS;

@@ -38,7 +38,8 @@ using dmsFsmNotificationHandler = int32_t (*)(dmsContentListInfo *list, dmsConte
 
 struct dmsFsmMonitor {
   int inotifyDescriptor = -1;
-  std::atomic<bool> stopRequest{false};  // seen by the thread within half a second
+  int wakeDescriptor = -1;  // an eventfd: a stop request wakes the thread through it
+  std::atomic<bool> stopRequest{false};
   dmsFsmNotificationHandler handler = nullptr;  // set before the thread starts
   std::thread thread;
   dmsContentEntry *root = nullptr;

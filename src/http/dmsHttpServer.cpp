@@ -19,6 +19,7 @@
 #include "gena/dmsGena.h"
 #include "http/dmsHttpRoutes.h"
 #include "http/dmsMediaServer.h"
+#include "util/dmsThreadName.h"
 #include "util/dmsGuard.h"
 #include "util/osal_trace.h"
 
@@ -90,6 +91,7 @@ void trackConnection(void *cls, MHD_Connection *connection, void **socketContext
       std::lock_guard guard(server.lock);
       state->position = server.connections.insert(server.connections.end(), state.get());
       *socketContext = state.release();
+      if (server.connections.size() == 1) server.wake.notify_all();  // the sweeper sleeps while there are none
       return;
     }
     std::unique_ptr<dmsHttpConnection> state(static_cast<dmsHttpConnection *>(*socketContext));
@@ -199,13 +201,19 @@ bool fileCutShort(const dmsHttpConnection &connection) {
 }
 
 // Closes connections that have not sent a whole request in time, and those
-// whose file was cut short under the answer.
+// whose file was cut short under the answer.  Looks four times a second
+// while there are connections and sleeps while there are none.
 void sweep(dmsHttpServer *server) {
+  dmsNameThread("dms-http-sweep");
   dmsGuardVoid("dmsHttpServerSweep", [&] {
     const auto limit = std::chrono::seconds(server->config.limits.headerSeconds);
     std::unique_lock guard(server->lock);
     while (!server->stopping) {
-      server->wake.wait_for(guard, std::chrono::milliseconds(250));
+      if (server->connections.empty()) {
+        server->wake.wait(guard);
+      } else {
+        server->wake.wait_for(guard, std::chrono::milliseconds(250));
+      }
       const auto now = dmsHttpClock::now();
       for (dmsHttpConnection *connection : server->connections) {
         if (connection->closing) continue;

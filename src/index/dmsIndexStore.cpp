@@ -13,6 +13,7 @@
 #include <ctime>
 #include <utility>
 
+#include "util/dmsThreadName.h"
 #include "util/dmsGuard.h"
 #include "util/osal_trace.h"
 
@@ -287,6 +288,7 @@ bool dmsIndexStore::writing() const {
 // The writer: every batch period (sooner when much is queued, at flush and
 // at the end) it takes the queue and applies it in one transaction.
 void dmsIndexStore::run() {
+  dmsNameThread("dms-index");
   std::unique_lock queueing(queueMutex_);
   for (;;) {
     wake_.wait_for(queueing, kBatchPeriod, [this] { return stopping_ || queue_.size() >= kBatchSoon || written_ < queued_; });

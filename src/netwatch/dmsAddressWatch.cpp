@@ -17,6 +17,7 @@
 #include <utility>
 #include <vector>
 
+#include "util/dmsThreadName.h"
 #include "util/dmsGuard.h"
 #include "util/osal_trace.h"
 
@@ -112,6 +113,7 @@ struct dmsAddressWatch::State {
   std::thread thread;
 
   void run() {
+    dmsNameThread("dms-address");
     for (;;) {
       pollfd waits[2] = {{stop.get(), POLLIN, 0}, {notices.get(), POLLIN, 0}};
       const int ready = ::poll(waits, notices.get() >= 0 ? 2 : 1, kPollMilliseconds);
