@@ -30,6 +30,12 @@ if(NOT CMAKE_CXX_COMPILER)
   set(CMAKE_CXX_COMPILER "${DMS_TARGET_TRIPLE}-g++")
 endif()
 
+# GCC notes, on 32-bit ARM, that GCC 6 and older passed some arguments
+# differently; nothing built here is linked with code that old.
+if(DMS_TARGET_CPU MATCHES "^arm")
+  string(APPEND CMAKE_CXX_FLAGS_INIT " -Wno-psabi")
+endif()
+
 # Programs of the building machine, everything else of the target.
 set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
 set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)

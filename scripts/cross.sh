@@ -3,8 +3,9 @@
 # target with Debian's cross toolchain and its multiarch -dev packages,
 # through cmake/linux-cross.cmake, then runs the tests under the user-mode
 # emulator inside a private network namespace.
-# Usage: scripts/cross.sh arm64|armhf [--build-only]
-# The build lands in build-<arch>/.  Installs what it needs first (root or
+# Usage: scripts/cross.sh arm64|armhf [--build-only] [--dir DIR] [CMAKE_OPTION...]
+# The build lands in build-<arch>/ (or DIR); CMAKE_OPTIONs such as
+# -DDMS_WITH_VIEWS=OFF go to its configuration.  Installs what it needs first (root or
 # sudo; the packages need the network, which the namespace does not have).
 set -euo pipefail
 top=$(cd "$(dirname "$0")/.." && pwd)
@@ -13,10 +14,20 @@ arch=${1:-}
 case $arch in
   arm64) triple=aarch64-linux-gnu ;;
   armhf) triple=arm-linux-gnueabihf ;;
-  *) echo "usage: scripts/cross.sh arm64|armhf [--build-only]" >&2; exit 2 ;;
+  *) echo "usage: scripts/cross.sh arm64|armhf [--build-only] [--dir DIR] [CMAKE_OPTION...]" >&2; exit 2 ;;
 esac
+shift
 run_tests=1
-[ "${2:-}" = --build-only ] && run_tests=0
+build=build-$arch
+options=()
+while [ $# -gt 0 ]; do
+  case $1 in
+    --build-only) run_tests=0 ;;
+    --dir) build=$2; shift ;;
+    *) options+=("$1") ;;
+  esac
+  shift
+done
 
 sudo=""
 [ "$(id -u)" -eq 0 ] || sudo="sudo"
@@ -43,7 +54,7 @@ install crossbuild-essential-"$arch" qemu-user cmake pkg-config || exit 3
 # of the same packages unpacked into build-<arch>-root, as a firmware build
 # system would hand one over.
 root_options=()
-if ! install "${libs[@]/%/:$arch}"; then
+if ! install "${libs[@]/%/:$arch}" 2>/dev/null; then
   root=$top/build-$arch-root
   echo "cross.sh: the $arch libraries do not install beside this machine's; unpacking them into ${root#$top/}"
   if [ ! -e "$root/.complete" ]; then
@@ -63,9 +74,8 @@ if ! install "${libs[@]/%/:$arch}"; then
   root_options=(-DCMAKE_SYSROOT="$root")
 fi
 
-build=build-$arch
 cmake -S . -B "$build" -DCMAKE_TOOLCHAIN_FILE="$top/cmake/linux-cross.cmake" -DDMS_TARGET_TRIPLE="$triple" \
-  "${root_options[@]}" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DDMS_BUILD_BENCH=OFF >/dev/null
+  "${root_options[@]}" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DDMS_BUILD_BENCH=OFF "${options[@]}" >/dev/null
 cmake --build "$build" -j "$(nproc)" >/dev/null
 file "$build/src/libdlnadms.so" "$build/host/dlna-dms" | sed "s|$top/||"
 [ "$run_tests" -eq 1 ] || exit 0
