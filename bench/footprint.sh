@@ -25,6 +25,14 @@ strip_for() {  # the strip of the file's machine
     *) echo strip ;;
   esac
 }
+arch() {  # Debian's name of the file's machine
+  case $(machine "$1") in
+    AArch64) echo arm64 ;;
+    ARM) echo armhf ;;
+    *X86-64) echo amd64 ;;
+    *) machine "$1" ;;
+  esac
+}
 features() {
   local off
   off=$(sed -n 's/^DMS_WITH_\([A-Z]*\):BOOL=OFF$/\1/p' "$1/CMakeCache.txt" | tr 'A-Z\n' 'a-z ')
@@ -37,7 +45,7 @@ for build in "${builds[@]}"; do
   lib=$(readlink -f "$build/src/libdlnadms.so")
   "$(strip_for "$lib")" -o "$work/lib" "$lib" && "$(strip_for "$lib")" -o "$work/host" "$build/host/dlna-dms"
   needed=$(readelf -d "$lib" | sed -n 's/.*Shared library: \[\(.*\)\]/\1/p' | sed 's/\.so.*//' | tr '\n' ' ')
-  printf '%-14s %-8s %-30s %9s %9s  %s\n' "$(basename "$build")" "$(machine "$lib")" "$(features "$build")" \
+  printf '%-14s %-8s %-30s %9s %9s  %s\n' "$(basename "$build")" "$(arch "$lib")" "$(features "$build")" \
     "$(kib "$work/lib")" "$(kib "$work/host")" "$needed"
 done
 
