@@ -1,4 +1,5 @@
-// Where pictures are served: the URL forms of dmsArt.h.
+// Where pictures are served: the URL forms of dmsArt.h, read in every
+// build (one without pictures answers them all with 404).
 #include <cstring>
 #include <limits>
 

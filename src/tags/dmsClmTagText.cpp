@@ -1,6 +1,6 @@
 // The tags module's share that needs no TagLib: which reader a format
 // takes, the photo's date from its Exif data, pooling what was read, and
-// the folder's cover file.
+// the folder's cover file.  It stays in every build.
 #include "tags/dmsClmTags.h"
 
 #include <strings.h>

@@ -31,7 +31,8 @@ struct dmsTagText {
 bool dmsClmReadTags(const std::string &path, const mfdMediaInfo &info, dmsTagText &out);
 
 // The tags of a file whose format keeps them as `layout` (not kNone, not
-// kExif), read with TagLib; false when it holds none or cannot be read.
+// kExif), read with TagLib; false when it holds none or cannot be read.  A
+// build without TagLib reads none (dmsClmTagsAbsent.cpp).
 bool dmsClmReadTaggedFile(const std::string &path, mfdTagLayout layout, dmsTagText &out);
 
 // The entry's tags with their texts pooled (the album artist is read but
