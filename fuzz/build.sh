@@ -24,7 +24,8 @@ out="$root/fuzz/out"
 cxx=${CXX_FUZZ:-clang++}
 mkdir -p "$out"
 flags=(-g -O1 -fno-omit-frame-pointer -fsanitize=fuzzer,address,undefined -fno-sanitize-recover=undefined
-       -std=c++20 -D_FILE_OFFSET_BITS=64 -D_LARGEFILE64_SOURCE -Wall -Wextra -I "$root/src" -I "$root/include")
+       -std=c++20 -D_FILE_OFFSET_BITS=64 -D_LARGEFILE64_SOURCE -Wall -Wextra -I "$root/src" -I "$root/include"
+       '-DDMS_FEATURE_LIST="tags pictures index views"')
 all=(detect_fuzz front_door_fuzz request_fuzz criteria_fuzz config_fuzz playlist_fuzz clients_fuzz subtitles_fuzz)
 targets=("$@")
 [ ${#targets[@]} -gt 0 ] || targets=("${all[@]}")
