@@ -15,7 +15,8 @@
 #   subtitles_fuzz   sidecar subtitle names matched to a video, subtitle URLs
 #   fuzz/build.sh [target...]   (default: all)
 # The library is compiled once into fuzz/out/library_objects/, one object per
-# source, again only where the source or a header it includes changed.
+# source, again only where the source or a header it includes changed; with
+# every optional feature built in (the *Absent.cpp stand-ins are left out).
 set -euo pipefail
 
 root=$(cd "$(dirname "$0")/.." && pwd)
@@ -23,7 +24,8 @@ out="$root/fuzz/out"
 cxx=${CXX_FUZZ:-clang++}
 mkdir -p "$out"
 flags=(-g -O1 -fno-omit-frame-pointer -fsanitize=fuzzer,address,undefined -fno-sanitize-recover=undefined
-       -std=c++20 -D_FILE_OFFSET_BITS=64 -D_LARGEFILE64_SOURCE -Wall -Wextra -I "$root/src" -I "$root/include")
+       -std=c++20 -D_FILE_OFFSET_BITS=64 -D_LARGEFILE64_SOURCE -Wall -Wextra -I "$root/src" -I "$root/include"
+       '-DDMS_FEATURE_LIST="tags pictures index views"')
 all=(detect_fuzz front_door_fuzz request_fuzz criteria_fuzz config_fuzz playlist_fuzz clients_fuzz subtitles_fuzz)
 targets=("$@")
 [ ${#targets[@]} -gt 0 ] || targets=("${all[@]}")
@@ -57,7 +59,7 @@ build_library() {
   fi
   # Objects of sources that are gone would be linked in: removed.
   local object source name sources
-  sources=$(find "$root/src" -name '*.cpp' -print | tr / _)
+  sources=$(find "$root/src" -name '*.cpp' ! -name '*Absent.cpp' -print | tr / _)
   for object in "$objects"/*.o; do
     [ -e "$object" ] || continue
     grep -Fxq "$(basename "$object" .o)" <<<"$sources" || rm -f "$object" "${object%.o}.d"
@@ -66,7 +68,7 @@ build_library() {
   while IFS= read -r -d '' source; do
     name="$objects/$(echo "$source" | tr / _)"
     if stale "$name.o" "$name.d"; then todo+=("$source"); fi
-  done < <(find "$root/src" -name '*.cpp' -print0)
+  done < <(find "$root/src" -name '*.cpp' ! -name '*Absent.cpp' -print0)
   if [ ${#todo[@]} -gt 0 ]; then
     echo "compiling ${#todo[@]} library source(s)"
     printf '%s\0' "${todo[@]}" |

@@ -29,6 +29,13 @@ int KVSUPPORT_XR_VAL = 0;
 
 namespace {
 
+// Whether the library was built with the optional feature `name` (one word of
+// dlna_dmsFeatures).
+bool libraryHas(const std::string &name) {
+  const std::string words = " " + std::string(dlna_dmsFeatures()) + " ";
+  return words.find(" " + name + " ") != std::string::npos;
+}
+
 int fail(const std::string &message, int code = 1) {
   std::fprintf(stderr, "dlna-dms: %s\n", message.c_str());
   return code;
@@ -212,9 +219,9 @@ int serve(const HostCommandLine &line, HostOptions &options) {
   dlna_dmsInit();
   // The state folder's parents are made here (the library makes the last
   // level); one that cannot be made leaves the server without, as the
-  // library reports.
+  // library reports.  A library without the index writes nothing there.
   const std::string stateFolder = hostStateFolder(options);
-  if (!stateFolder.empty()) {
+  if (!stateFolder.empty() && libraryHas("index")) {
     std::error_code ignored;
     std::filesystem::create_directories(std::filesystem::path(stateFolder).parent_path(), ignored);
   }
@@ -265,7 +272,8 @@ int main(int argc, char **argv) {
       printHostUsage(stdout);
       return 0;
     case HostCommand::Version:
-      std::printf("dlna-dms %s\n", DMS_VERSION);
+      std::printf("dlna-dms %s\nfeatures:%s%s\n", DMS_VERSION, *dlna_dmsFeatures() != '\0' ? " " : "",
+                  dlna_dmsFeatures());
       return 0;
     case HostCommand::Invalid:
       std::fprintf(stderr, "dlna-dms: %s\n", error.c_str());

@@ -18,10 +18,11 @@
  *   runs its own threads (the SDK's workers, an advertiser, a file monitor);
  *   none of them calls back into the host.  dmsClmLockContentList and
  *   dmsClmUnlockContentList may be called from any host thread.
- * Results.  Every function returns 0 (DMS_SUCCESS) or one of the negative
- *   DMS_ERR_* codes below; results come back through out-parameters.  The
- *   library writes diagnostics to standard output, filtered by the
- *   hexadecimal level mask in the environment variable DMS_TRACE_LEVEL.
+ * Results.  Every function but dlna_dmsFeatures returns 0 (DMS_SUCCESS) or
+ *   one of the negative DMS_ERR_* codes below; results come back through
+ *   out-parameters.  The library writes diagnostics to standard output,
+ *   filtered by the hexadecimal level mask in the environment variable
+ *   DMS_TRACE_LEVEL.
  * Files.  The server reads its description documents and icons from the
  *   process's working directory at dlna_dmsCreate: enter the directory that
  *   holds them (the www/ folder of this package) before creating a server.
@@ -86,6 +87,16 @@ typedef struct dmsHandle dmsHandle;
 /* The server's content list (the shared folders and their media files). */
 typedef struct dmsContentListInfo dmsContentListInfo;
 
+/* The optional features this build of the library holds, as words separated
+ * by single spaces, in this order: "tags" (tags and embedded cover pictures
+ * read with TagLib), "pictures" (thumbnails and album art), "index" (the
+ * persistent index of a state folder), "views" (the Music, Pictures and
+ * Video views); "" when none.  A feature left out is simply absent: no tags
+ * (titles from file names), no pictures offered (their URLs answer 404), a
+ * state folder accepted but never written, or dlna_dmsSetViews(handle, 1)
+ * refused.  A static string; any thread, at any time. */
+DMS_EXPORT const char *dlna_dmsFeatures(void);
+
 /* Library set-up: call once before anything else; reads DMS_TRACE_LEVEL. */
 DMS_EXPORT int32_t dlna_dmsInit(void);
 /* Library tear-down: call once after the last server was destroyed. */
@@ -138,7 +149,9 @@ DMS_EXPORT int32_t dlna_dmsSetFollowAddress(dmsHandle *handle, int32_t enabled);
  * read again.  The index (one SQLite file, index.db) is made when missing;
  * one that cannot be used is made anew, and a folder that cannot hold one
  * makes the server run without (both traced).  Nothing is written in a
- * shared folder.  0, or DMS_ERR_INVALID_PARAM for a non-NULL handle. */
+ * shared folder, and nothing at all by a library built without the index
+ * (dlna_dmsFeatures), which runs as with no state folder.  0, or
+ * DMS_ERR_INVALID_PARAM for a non-NULL handle. */
 DMS_EXPORT int32_t dlna_dmsSetStateDir(dmsHandle *handle, const char *path);
 
 /* Whether the ContentDirectory shows the views beside the folders (0: no,
@@ -149,8 +162,10 @@ DMS_EXPORT int32_t dlna_dmsSetStateDir(dmsHandle *handle, const char *path);
  * are references (refID) to the folders' items and play from the same URLs;
  * they follow every change of the folders.  Switching on builds them from
  * the list at once.  Any time between dlna_dmsCreate and dlna_dmsDestroy,
- * from the thread that starts and stops the server.  0, or
- * DMS_ERR_INVALID_PARAM for a NULL or not created handle. */
+ * from the thread that starts and stops the server.  0,
+ * DMS_ERR_INVALID_PARAM for a NULL or not created handle, or
+ * DMS_ERR_UNSUPPORTED_ACTION for 1 when the library was built without the
+ * views (dlna_dmsFeatures). */
 DMS_EXPORT int32_t dlna_dmsSetViews(dmsHandle *handle, int32_t enabled);
 
 /* Client profiles.  Players differ, and the server fits some answers to the

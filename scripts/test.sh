@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
 # Builds the library and runs the whole test suite: a plain build, then the
 # AddressSanitizer+UndefinedBehaviorSanitizer build, then the ThreadSanitizer
-# build.  Every test runs inside a private network namespace with loopback
-# only, so that the server's SSDP announcements never leave the machine.
+# build, then a build with every optional feature left out.  Every test runs
+# inside a private network namespace with loopback only, so that the
+# server's SSDP announcements never leave the machine.
 # Ends by printing the size of the tests against the size of the code.
 set -euo pipefail
 top=$(cd "$(dirname "$0")/.." && pwd)
@@ -50,6 +51,11 @@ ASAN_OPTIONS=detect_leaks=1 LSAN_OPTIONS=suppressions="$top/tests/lsan.supp" \
 echo "== ThreadSanitizer"
 configure_and_build build-tsan -DDMS_SANITIZE_THREAD=ON -DDMS_BUILD_BENCH=OFF
 TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1" isolated_ctest build-tsan
+
+echo "== every optional feature left out"
+configure_and_build build-none -DDMS_WITH_TAGLIB=OFF -DDMS_WITH_PICTURES=OFF -DDMS_WITH_INDEX=OFF \
+  -DDMS_WITH_VIEWS=OFF -DDMS_BUILD_BENCH=OFF
+isolated_ctest build-none
 
 echo "== size of the tests"
 scripts/code-ratio.sh

@@ -9,6 +9,7 @@
 
 #include <cstdint>
 #include <ctime>
+#include <string_view>
 
 #include "dlna_dms.h"
 #include "util/dmsGuard.h"
@@ -178,6 +179,10 @@ void dmsStateOpen(dmsHandle *handle);
 dmsClmRecall *dmsStateRecall(dmsHandle *handle);  // the index as the scan's recall; NULL without one
 void dmsStateFollow(dmsHandle *handle);
 void dmsStateRelease(dmsHandle *handle);  // the facts, then the index
+
+// Whether the optional feature `name` ("tags", "pictures", "index", "views")
+// was built in (dlna_dmsFeatures.cpp).
+bool dmsFeatureBuilt(std::string_view name);
 
 // The client profiles (dlna_dmsClients.cpp): made at create (with no rules),
 // freed at destroy once the front door is closed.

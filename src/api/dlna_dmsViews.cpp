@@ -64,5 +64,9 @@ extern "C" DMS_EXPORT int32_t dlna_dmsSetViews(dmsHandle *handle, int32_t enable
     DMS_TRACE(OSAL_TRACE_ERR, "Error in Input Parameters\n");
     return DMS_ERR_INVALID_PARAM;
   }
+  if (enabled != 0 && !dmsFeatureBuilt("views")) {
+    DMS_TRACE(OSAL_TRACE_INFO, "This build has no views\n");  // the result says so
+    return DMS_ERR_UNSUPPORTED_ACTION;
+  }
   return dmsApiGuard("dlna_dmsSetViews", [&] { return setViews(handle, enabled != 0); });
 }

@@ -3,8 +3,6 @@
 #include <unistd.h>
 
 #include <cstdio>
-#include <cstring>
-#include <limits>
 #include <string>
 
 #include "tags/dmsClmPicture.h"
@@ -23,16 +21,6 @@ struct Box {
 };
 constexpr Box kThumbnailBox{160, 160};
 constexpr Box kSmallBox{640, 480};
-
-struct UrlForm {
-  const char *suffix;
-  dmsArtKind kind;
-};
-constexpr UrlForm kUrlForms[] = {
-    {".tn.jpg", dmsArtKind::kThumbnail},
-    {".sm.jpg", dmsArtKind::kSmall},
-    {".art.jpg", dmsArtKind::kAlbum},
-};
 
 bool isPicture(const dmsMediaRecord &media) {
   return media.formatId == MFD_FORMAT_JPEG || media.formatId == MFD_FORMAT_JPEG2 ||
@@ -144,30 +132,6 @@ void dmsArtOffers(const dmsContentEntry *entry, const dmsArtCache *cache, dmsArt
       return;
     }
   }
-}
-
-bool dmsArtParseUrl(const char *path, uint32_t *id, dmsArtKind *kind) {
-  constexpr char kPrefix[] = "/web/";
-  if (path == nullptr || id == nullptr || kind == nullptr || std::strncmp(path, kPrefix, sizeof kPrefix - 1) != 0) {
-    return false;
-  }
-  const char *cursor = path + sizeof kPrefix - 1;
-  uint64_t value = 0;
-  const char *digits = cursor;
-  for (; *cursor >= '0' && *cursor <= '9'; ++cursor) {
-    value = value * 10 + static_cast<uint64_t>(*cursor - '0');
-    if (value > std::numeric_limits<uint32_t>::max()) return false;
-  }
-  if (cursor == digits) return false;
-  for (const UrlForm &form : kUrlForms) {
-    const size_t length = std::strlen(form.suffix);
-    if (std::strncmp(cursor, form.suffix, length) == 0 && (cursor[length] == '\0' || cursor[length] == '?')) {
-      *id = static_cast<uint32_t>(value);
-      *kind = form.kind;
-      return true;
-    }
-  }
-  return false;
 }
 
 dmsArtCache::Picture dmsArtGet(dmsContentListInfo *list, dmsArtCache *cache, uint32_t id, dmsArtKind kind,

@@ -8,7 +8,9 @@
 //                      tags, else its folder's cover file
 //
 // Pictures are made from JPEG and PNG files only, never written anywhere,
-// and a picture that cannot be made is not offered again.
+// and a picture that cannot be made is not offered again.  A build without
+// pictures (dmsArtAbsent.cpp) offers none and makes none: every picture URL
+// is still recognised, and answered with 404.
 #ifndef DMS_ART_DMSART_H
 #define DMS_ART_DMSART_H
 

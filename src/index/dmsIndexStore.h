@@ -49,7 +49,9 @@ class dmsIndexStore {
   };
 
   // Opens the index in `folder` (made when missing, one level), or makes a
-  // new one; NULL when the folder cannot hold one (traced).  Never throws.
+  // new one; NULL when the folder cannot hold one (traced), and always in a
+  // build without the index (dmsIndexAbsent.cpp), which touches nothing.
+  // Never throws.
   static std::unique_ptr<dmsIndexStore> open(const std::string &folder);
   // Made only by open (the key is private).
   struct Key {

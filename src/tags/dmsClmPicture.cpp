@@ -13,9 +13,6 @@
 #include <taglib/vorbisfile.h>
 #include <taglib/wavfile.h>
 #include <taglib/xiphcomment.h>
-#include <strings.h>
-
-#include <array>
 
 #include "tags/dmsClmTagLib.h"
 #include "util/dmsGuard.h"
@@ -110,20 +107,4 @@ bool dmsClmReadPicture(const std::string &path, const mfdMediaInfo &info, std::s
     std::unique_ptr<TagLib::File> file = dmsClmOpenTagged(row->tags, stream.get());
     return file != nullptr && file->isValid() && dmsClmPictureOf(*file, &out);
   });
-}
-
-int dmsClmCoverRank(std::string_view name) {
-  const size_t dot = name.rfind('.');
-  if (dot == std::string_view::npos) return 0;
-  const std::string extension(name.substr(dot + 1));
-  if (strcasecmp(extension.c_str(), "jpg") != 0 && strcasecmp(extension.c_str(), "jpeg") != 0 &&
-      strcasecmp(extension.c_str(), "png") != 0) {
-    return 0;
-  }
-  const std::string stem(name.substr(0, dot));
-  constexpr std::array<const char *, 3> kNames{"front", "folder", "cover"};  // worst first
-  for (size_t i = 0; i < kNames.size(); ++i) {
-    if (strcasecmp(stem.c_str(), kNames[i]) == 0) return static_cast<int>(i) + 2;
-  }
-  return strncasecmp(stem.c_str(), "albumart", 8) == 0 ? 1 : 0;
 }

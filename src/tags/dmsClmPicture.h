@@ -1,7 +1,8 @@
 // Cover pictures: the one a music file carries in its tags (ID3v2 APIC,
 // MP4 covr, FLAC and Vorbis comment pictures, ASF WM/Picture), and the one
 // a folder holds as a file (cover, folder, front or albumart*, any case,
-// JPEG or PNG).
+// JPEG or PNG).  A build without TagLib reads no embedded picture; the
+// folder's cover file needs none.
 #ifndef DMS_TAGS_DMSCLMPICTURE_H
 #define DMS_TAGS_DMSCLMPICTURE_H
 

@@ -21,7 +21,6 @@
 #include <cstdlib>
 #include <mutex>
 
-#include "mfd/mfd_exif.h"
 #include "mfd/mfd_formats.h"
 #include "util/dmsGuard.h"
 #include "util/osal_trace.h"
@@ -122,24 +121,12 @@ std::string isoDate(const std::string &text) {
 
 }  // namespace
 
-bool dmsTagText::empty() const {
-  return title.empty() && artist.empty() && albumArtist.empty() && album.empty() && genre.empty() &&
-         date.empty() && track == 0 && disc == 0 && !hasPicture;
-}
-
-bool dmsClmReadTags(const std::string &path, const mfdMediaInfo &info, dmsTagText &out) {
-  out = dmsTagText{};
-  const mfdFormatRow *row = mfd_formatRow(info.formatId);
-  if (row == nullptr || row->tags == mfdTagLayout::kNone) return false;
-  if (row->tags == mfdTagLayout::kExif) {
-    out.date = dmsGuard("dmsClmReadTags", std::string(), [&] { return mfdExif_dateTaken(path); });
-    return !out.empty();
-  }
+bool dmsClmReadTaggedFile(const std::string &path, mfdTagLayout layout, dmsTagText &out) {
   return dmsGuard("dmsClmReadTags", false, [&] {
     dmsClmRouteTagLibMessages();
     const std::unique_ptr<TagLib::FileStream> stream = dmsClmOpenStream(path);  // never for writing
     if (stream == nullptr) return false;
-    std::unique_ptr<TagLib::File> file = dmsClmOpenTagged(row->tags, stream.get());
+    std::unique_ptr<TagLib::File> file = dmsClmOpenTagged(layout, stream.get());
     if (file == nullptr || !file->isValid()) return false;
     const TagLib::PropertyMap properties = file->properties();
     out.title = first(properties, "TITLE");
@@ -158,17 +145,4 @@ bool dmsClmReadTags(const std::string &path, const mfdMediaInfo &info, dmsTagTex
     out.hasPicture = dmsClmPictureOf(*file, nullptr);
     return !out.empty();
   });
-}
-
-dmsMediaTags dmsClmPoolTags(dmsTagPool &pool, const dmsTagText &text) {
-  dmsMediaTags tags;
-  tags.title = pool.intern(text.title);
-  tags.artist = pool.intern(text.artist);
-  tags.album = pool.intern(text.album);
-  tags.genre = pool.intern(text.genre);
-  tags.date = pool.intern(text.date);
-  tags.track = static_cast<uint16_t>(text.track);  // at most 0xFFFF as read
-  tags.disc = static_cast<uint8_t>(text.disc > 0xFF ? 0 : text.disc);
-  tags.flags = text.hasPicture ? DMS_TAGS_PICTURE : 0;
-  return tags;
 }

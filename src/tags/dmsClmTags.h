@@ -1,5 +1,6 @@
 // Tags of media files: what the file's own title, artist, album, genre, date
-// and track say, read with TagLib from the formats that carry them.
+// and track say, read with TagLib from the formats that carry them, and a
+// photo's date taken from its Exif data.
 //
 // Reading happens in the detection step, outside the list's lock, and only
 // for files a detector accepted.  Files are opened read-only.  The texts a
@@ -13,6 +14,7 @@
 #include "content/dmsClmRecord.h"
 #include "content/dmsClmTagPool.h"
 #include "mfd/mfd_api.h"
+#include "mfd/mfd_formats.h"
 
 // Tags as read, in UTF-8; empty texts and zero numbers were not there.
 struct dmsTagText {
@@ -27,6 +29,11 @@ struct dmsTagText {
 // format keeps no tags the server reads, the file cannot be read or it holds
 // none; `out` is then empty.
 bool dmsClmReadTags(const std::string &path, const mfdMediaInfo &info, dmsTagText &out);
+
+// The tags of a file whose format keeps them as `layout` (not kNone, not
+// kExif), read with TagLib; false when it holds none or cannot be read.  A
+// build without TagLib reads none (dmsClmTagsAbsent.cpp).
+bool dmsClmReadTaggedFile(const std::string &path, mfdTagLayout layout, dmsTagText &out);
 
 // The entry's tags with their texts pooled (the album artist is read but
 // kept by no entry: nothing publishes it; a disc number over 255 is dropped).  May throw std::bad_alloc.

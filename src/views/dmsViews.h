@@ -19,6 +19,9 @@
 // people sort names) is worked out on the first read after a change and
 // kept until the next.  A change costs O(log n) per file.
 //
+// A build without the views compiles dmsViewsAbsent.cpp instead: nothing
+// is ever made there, and every reader finds nothing.
+//
 // Lock discipline: `mutex_` guards everything but the kept orders.  The
 // list's writer (apply, rebuild: change mutex held) takes it exclusively;
 // readers take it shared, inside the list's read lock (order: list lock,

@@ -53,11 +53,20 @@ version=$(sed -n 's/^CMAKE_PROJECT_VERSION:STATIC=//p' "$build/CMakeCache.txt")
 [ "$(pc --modversion)" = "$version" ] || fail "pkg-config --modversion is not $version"
 [ "$(readlink "$libdir/libdlnadms.so.0")" = "libdlnadms.so.$version" ] ||
   fail "libdlnadms.so.0 does not lead to libdlnadms.so.$version"
-# The private dependencies stay out of a shared link and join a static one.
+# The private dependencies stay out of a shared link and join a static one,
+# those of the optional features only when they were built in.
 private='-l(upnp|microhttpd|tag|turbojpeg|png)'
 if pc --libs | grep -Eq -- "$private"; then fail "pkg-config --libs leaks: $(pc --libs)"; fi
-for lib in upnp microhttpd tag turbojpeg png16; do
+built() { ! grep -q "^DMS_WITH_$1:BOOL=OFF" "$build/CMakeCache.txt"; }
+wanted="upnp microhttpd" unwanted=""
+if built TAGLIB; then wanted+=" tag"; else unwanted+=" tag"; fi
+if built PICTURES; then wanted+=" turbojpeg png16"; else unwanted+=" turbojpeg png16"; fi
+if built INDEX; then wanted+=" sqlite3"; else unwanted+=" sqlite3"; fi
+for lib in $wanted; do
   pc --static --libs | grep -Eq -- "-l$lib( |$)" || fail "pkg-config --static --libs lacks -l$lib"
+done
+for lib in $unwanted; do
+  if pc --static --libs | grep -Eq -- "-l$lib( |$)"; then fail "pkg-config --static --libs names -l$lib"; fi
 done
 
 # The flags name the temporary prefix, not the configured one.

@@ -139,8 +139,10 @@ TEST_F(ArtTest, TracksShowTheCoverInTheirTagsOrTheirFolder) {
     const DidlObject item = object(track.path);
     ASSERT_FALSE(item.id().empty());
     const std::string art = item.prop("upnp:albumArtURI");
-    ASSERT_EQ(!art.empty(), track.cover);
-    if (!track.cover) continue;
+    // Without TagLib only the folder's cover file is found.
+    const bool cover = track.cover && (DMS_WITH_TAGLIB || std::string(track.path).starts_with("album/"));
+    ASSERT_EQ(!art.empty(), cover);
+    if (!cover) continue;
     EXPECT_EQ(art.substr(art.rfind('/') + 1), item.id() + ".art.jpg");
     const HttpResponse answer = httpGet(server().mediaPort(), urlPath(art));
     ASSERT_EQ(answer.status, 200);
@@ -151,7 +153,7 @@ TEST_F(ArtTest, TracksShowTheCoverInTheirTagsOrTheirFolder) {
   EXPECT_NE(folder.result.find("<upnp:albumArtURI dlna:profileID=\"JPEG_TN\">"), std::string::npos);
   EXPECT_EQ(folder.objects.at(0).prop("upnp:albumArtURI"), object("album/01-track.mp3").prop("upnp:albumArtURI"));
   // The Filter leaves the cover out unless it names it.
-  const std::string id = object("music/cover-id3.mp3").id();
+  const std::string id = object("album/01-track.mp3").id();
   EXPECT_TRUE(browse(port(), id, "BrowseMetadata", 0, 0, "dc:title").objects.at(0).prop("upnp:albumArtURI").empty());
   EXPECT_FALSE(browse(port(), id, "BrowseMetadata", 0, 0, "upnp:albumArtURI").objects.at(0).prop("upnp:albumArtURI").empty());
 }

@@ -89,10 +89,12 @@ TEST_F(ClientsTest, AResumePositionShowsToEveryPlayerAndLastsAcrossARestart) {
     EXPECT_EQ(httpGet(port, url, "Range: bytes=100-199\r\n").status, 206);
     EXPECT_EQ(metadata(port, film).prop("upnp:playbackCount"), "1");
   }
-  RunningServer again;
-  ASSERT_TRUE(again.start({disk_ / "films"}));
-  EXPECT_EQ(metadata(again.port(), film).prop("upnp:lastPlaybackPosition"), "0:00:42");
-  EXPECT_EQ(metadata(again.port(), film).prop("upnp:playbackCount"), "1");
+  if (DMS_WITH_INDEX) {  // without the index they last as long as the server
+    RunningServer again;
+    ASSERT_TRUE(again.start({disk_ / "films"}));
+    EXPECT_EQ(metadata(again.port(), film).prop("upnp:lastPlaybackPosition"), "0:00:42");
+    EXPECT_EQ(metadata(again.port(), film).prop("upnp:playbackCount"), "1");
+  }
   dlna_dmsSetStateDir(nullptr, nullptr);
 }
 
@@ -105,11 +107,15 @@ TEST_F(ClientsTest, AnswersFittedToAFamilyGoOnlyToIt) {
   EXPECT_NE(elementText(soap(port, Service::kCds, "X_GetFeatureList", "", kSamsung).body, "FeatureList")
                 .find("<container id=\"0\" type=\"object.item.videoItem\"/>"),
             std::string::npos);
-  ASSERT_EQ(dlna_dmsSetViews(server.handle(), 1), 0);
-  const std::string features =
-      elementText(soap(port, Service::kCds, "X_GetFeatureList", "", kSamsung).body, "FeatureList");
-  EXPECT_NE(features.find("samsung.com_BASICVIEW"), std::string::npos);
-  EXPECT_NE(features.find("<container id=\"3\" type=\"object.item.videoItem\"/>"), std::string::npos);
+  if (DMS_WITH_VIEWS) {
+    ASSERT_EQ(dlna_dmsSetViews(server.handle(), 1), 0);
+    const std::string features =
+        elementText(soap(port, Service::kCds, "X_GetFeatureList", "", kSamsung).body, "FeatureList");
+    EXPECT_NE(features.find("samsung.com_BASICVIEW"), std::string::npos);
+    EXPECT_NE(features.find("<container id=\"3\" type=\"object.item.videoItem\"/>"), std::string::npos);
+  } else {
+    EXPECT_EQ(dlna_dmsSetViews(server.handle(), 1), DMS_ERR_UNSUPPORTED_ACTION);
+  }
   // Windows Media Player 12 asks Search for fewer than it wants.
   const std::string criteria = "<ContainerID>0</ContainerID><SearchCriteria>upnp:class derivedfrom "
                                "&quot;object.item&quot;</SearchCriteria><Filter>*</Filter><StartingIndex>0"
@@ -139,24 +145,28 @@ TEST_F(ClientsTest, AnswersFittedToAFamilyGoOnlyToIt) {
             "http-get:*:video/vnd.dlna.mpeg-tts:DLNA.ORG_PN=AVC_TS_HD_50_AC3_T;DLNA.ORG_OP=01;DLNA.ORG_CI=0");
   // Its pictures' DLNA.ORG_CI as the main resource's.
   const DidlObject picture = metadata(port, lookup(port, "films/zz").id(), "*", panasonic);
-  ASSERT_GE(picture.res.size(), 2u);
-  EXPECT_NE(picture.res[1].at("protocolInfo").find("DLNA.ORG_CI=0"), std::string::npos);
-  // The Xbox 360: its own container ids, its own sort keys dropped, every
-  // container a storage folder.
-  const char kXbox[] = "User-Agent: Xbox/2.0.4552.0 UPnP/1.0 Xbox/2.0.4552.0\r\n";
-  const std::string xboxSearch = "<ContainerID>4</ContainerID><SearchCriteria>upnp:class derivedfrom "
-                                 "&quot;object.item.audioItem&quot;</SearchCriteria><Filter>*</Filter>"
-                                 "<StartingIndex>0</StartingIndex><RequestedCount>0</RequestedCount>"
-                                 "<SortCriteria>+upnp:artist,+microsoft:sourceURL</SortCriteria>";
-  const CdsAnswer tracks = cdsAnswer(soap(port, Service::kCds, "Search", xboxSearch, kXbox));
-  ASSERT_EQ(tracks.numberReturned, 1);
-  EXPECT_EQ(tracks.objects.front().attr("parentID"), "4");  // All Tracks of the views
-  const std::string artists = "<ContainerID>6</ContainerID><BrowseFlag>BrowseDirectChildren</BrowseFlag>"
-                              "<Filter>*</Filter><StartingIndex>0</StartingIndex><RequestedCount>0</RequestedCount>"
-                              "<SortCriteria></SortCriteria>";
-  const CdsAnswer listed = cdsAnswer(soap(port, Service::kCds, "Browse", artists, kXbox));
-  ASSERT_EQ(listed.numberReturned, 1);
-  EXPECT_EQ(listed.objects.front().prop("upnp:class"), "object.container.storageFolder");
+  ASSERT_GE(picture.res.size(), DMS_WITH_PICTURES ? 2u : 1u);
+  if (DMS_WITH_PICTURES) {
+    EXPECT_NE(picture.res[1].at("protocolInfo").find("DLNA.ORG_CI=0"), std::string::npos);
+  }
+  if (DMS_WITH_VIEWS) {  // the ids name containers of the views
+    // The Xbox 360: its own container ids, its own sort keys dropped, every
+    // container a storage folder.
+    const char kXbox[] = "User-Agent: Xbox/2.0.4552.0 UPnP/1.0 Xbox/2.0.4552.0\r\n";
+    const std::string xboxSearch = "<ContainerID>4</ContainerID><SearchCriteria>upnp:class derivedfrom "
+                                   "&quot;object.item.audioItem&quot;</SearchCriteria><Filter>*</Filter>"
+                                   "<StartingIndex>0</StartingIndex><RequestedCount>0</RequestedCount>"
+                                   "<SortCriteria>+upnp:artist,+microsoft:sourceURL</SortCriteria>";
+    const CdsAnswer tracks = cdsAnswer(soap(port, Service::kCds, "Search", xboxSearch, kXbox));
+    ASSERT_EQ(tracks.numberReturned, 1);
+    EXPECT_EQ(tracks.objects.front().attr("parentID"), "4");  // All Tracks of the views
+    const std::string artists = "<ContainerID>6</ContainerID><BrowseFlag>BrowseDirectChildren</BrowseFlag>"
+                                "<Filter>*</Filter><StartingIndex>0</StartingIndex><RequestedCount>0</RequestedCount>"
+                                "<SortCriteria></SortCriteria>";
+    const CdsAnswer listed = cdsAnswer(soap(port, Service::kCds, "Browse", artists, kXbox));
+    ASSERT_EQ(listed.numberReturned, 1);
+    EXPECT_EQ(listed.objects.front().prop("upnp:class"), "object.container.storageFolder");
+  }
   // The host's rule goes before the built-in profiles.
   const char *rule = "ua=SEC_HHP :";
   ASSERT_EQ(dlna_dmsSetClientRules(server.handle(), &rule, 1), 0);

@@ -49,6 +49,7 @@ class SearchTest : public ServerSuite {
 };
 
 TEST_F(SearchTest, CriteriaFindWhatTheyName) {
+  DMS_NEEDS(TAGLIB);
   const std::string exif = lookup(port(), "lib/Photos/exif").id(), photos = lookup(port(), "lib/Photos").id();
   std::string manyTerms;
   for (int i = 0; i < 300; ++i) manyTerms += "dc:title = \"x\" or ";

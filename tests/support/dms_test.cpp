@@ -6,7 +6,6 @@
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
-#include <turbojpeg.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -191,21 +190,6 @@ HttpResponse httpGet(int port, const std::string &path, const std::string &extra
 }
 
 std::string urlPath(const std::string &url) { return url.substr(url.find('/', url.find("//") + 2)); }
-
-std::string decodedJpegSize(const std::string &jpeg) {
-  tjhandle decoder = tjInitDecompress();
-  int width = 0, height = 0, subsampling = 0, colorspace = 0;
-  const auto *data = reinterpret_cast<const unsigned char *>(jpeg.data());
-  std::string size;
-  if (tjDecompressHeader3(decoder, data, jpeg.size(), &width, &height, &subsampling, &colorspace) == 0) {
-    std::vector<unsigned char> pixels(size_t(width) * height * 3);
-    if (tjDecompress2(decoder, data, jpeg.size(), pixels.data(), width, 0, height, TJPF_RGB, TJFLAG_STOPONWARNING) == 0) {
-      size = std::to_string(width) + "x" + std::to_string(height);
-    }
-  }
-  tjDestroy(decoder);
-  return size;
-}
 
 RawConnection::RawConnection(int port, const std::string &from, int receiveBuffer) {
   fd_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);

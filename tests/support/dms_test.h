@@ -18,6 +18,11 @@
 
 #include "dlna_dms.h"
 
+// Skips the test in a build without the optional feature (TAGLIB, PICTURES,
+// INDEX or VIEWS; tests/CMakeLists.txt defines DMS_WITH_<FEATURE> as 0 or 1).
+#define DMS_NEEDS(feature) \
+  if (!DMS_WITH_##feature) GTEST_SKIP() << "built without " #feature
+
 namespace dmstest {
 
 // ---- files ---------------------------------------------------------------
@@ -85,7 +90,8 @@ HttpResponse httpGet(int port, const std::string &path, const std::string &extra
                      const std::string &method = "GET");
 // The path of an URL: "http://127.0.0.1:4/web/1.mp3" -> "/web/1.mp3".
 std::string urlPath(const std::string &url);
-// "WxH" of a JPEG that decodes completely; empty otherwise.
+// "WxH" of a JPEG that decodes completely; empty otherwise.  Only in a
+// build with pictures (jpeg_size.cpp).
 std::string decodedJpegSize(const std::string &jpeg);
 
 // A TCP connection to 127.0.0.1:port from the loopback address `from`
