@@ -7,6 +7,7 @@
 #include <stdexcept>
 #include <unordered_map>
 
+#include "util/dmsThreadName.h"
 #include "util/dmsGuard.h"
 
 static constexpr char kTraceFile[] = "dmsGenaNotifier";
@@ -16,9 +17,11 @@ namespace {
 // A subscriber's answer is read and thrown away; headers and body beyond
 // this size end the transfer as a failure.
 constexpr size_t kMaxAnswerBytes = 64 * 1024;
-// With nothing to do the thread still looks round this often (a wake-up
-// normally ends the wait at once).
-constexpr int kIdlePollMs = 1000;
+// With nothing to do the thread sleeps up to this long: a queued event or a
+// stop wakes it at once (curl_multi_wakeup), and libcurl shortens the wait
+// by itself when a transfer in flight needs it, so a long wait costs
+// nothing but spares an idle device a wake-up every second.
+constexpr int kIdlePollMs = 60 * 1000;
 
 struct EasyFree {
   void operator()(CURL *easy) const { curl_easy_cleanup(easy); }
@@ -128,6 +131,7 @@ void dmsGenaNotifier::forget(const std::string &sid) {
 }
 
 void dmsGenaNotifier::run() {
+  dmsNameThread("dms-notify");
   while (!stopping_.load()) {
     const bool busy = dmsGuard("dmsGenaNotifier", false, [this] { return step(); });
     if (stopping_.load()) break;

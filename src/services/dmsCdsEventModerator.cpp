@@ -1,5 +1,6 @@
 #include "services/dmsCdsEventModerator.h"
 
+#include "util/dmsThreadName.h"
 #include "util/dmsGuard.h"
 
 dmsCdsEventModerator::dmsCdsEventModerator(Send send, std::chrono::milliseconds window)
@@ -25,6 +26,7 @@ void dmsCdsEventModerator::changed(const uint32_t *pairs, int32_t pairCount, uin
 }
 
 void dmsCdsEventModerator::run() {
+  dmsNameThread("dms-cds-events");
   std::unique_lock hold(lock_);
   for (;;) {
     wake_.wait(hold, [this] { return dirty_ || stopping_; });
