@@ -14,7 +14,7 @@ class Kodi:
         self.sock = socket.create_connection(("127.0.0.1", 9090), timeout=30)
         self.buf, self.events, self.last_id = "", [], 0
 
-    def _read(self):
+    def read(self):  # the next message; a timeout of the socket passes up
         while True:
             text = self.buf.lstrip()
             try:
@@ -29,33 +29,39 @@ class Kodi:
 
     def call(self, method, **params):
         self.last_id += 1
-        request = {"jsonrpc": "2.0", "id": self.last_id, "method": method, "params": params}
-        self.sock.sendall(json.dumps(request).encode())
-        while True:
-            message = self._read()
-            if message.get("id") == self.last_id:
-                return message.get("result")
+        self.sock.sendall(json.dumps({"jsonrpc": "2.0", "id": self.last_id, "method": method,
+                                      "params": params}).encode())
+        while (message := self.read()).get("id") != self.last_id:
             self.events.append(message)  # a notification that came first
+        return message.get("result")
 
-    def event(self, method, seconds):
+    def event(self, method, seconds):  # the data of the first such notification
         deadline = time.time() + seconds
         self.sock.settimeout(1)
+        while time.time() < deadline:
+            found = [e["params"]["data"] for e in self.events if e.get("method") == method]
+            if found:
+                break
+            try:
+                self.events.append(self.read())
+            except socket.timeout:
+                pass
+        self.sock.settimeout(30)
+        return found[0] if found else None
+
+    def listing(self, directory):
+        return self.call("Files.GetDirectory", directory=directory, media="files")["files"] or []
+
+
+def connect():
+    for _ in range(120):
         try:
-            while time.time() < deadline:
-                found = [e for e in self.events if e.get("method") == method]
-                if found:
-                    return found[0]["params"]["data"]
-                try:
-                    self.events.append(self._read())
-                except socket.timeout:
-                    pass
-            return None
-        finally:
-            self.sock.settimeout(30)
-
-
-def listing(kodi, directory):
-    return kodi.call("Files.GetDirectory", directory=directory, media="files")["files"] or []
+            kodi = Kodi()
+            kodi.call("JSONRPC.Ping")
+            return kodi
+        except OSError:
+            time.sleep(0.5)
+    raise SystemExit("Kodi did not answer on its JSON-RPC port")
 
 
 def main(server_name):
@@ -66,28 +72,17 @@ def main(server_name):
         print(("ok: " if passed else "FAILED: ") + what)
         failures += not passed
 
-    kodi = None
-    for _ in range(120):
-        try:
-            kodi = Kodi()
-            kodi.call("JSONRPC.Ping")
-            break
-        except OSError:
-            time.sleep(0.5)
+    kodi = connect()
     kodi.call("Settings.SetSettingValue", setting="services.upnp", value=True)
-    servers = []
     for _ in range(30):
-        servers = [s for s in listing(kodi, "upnp://") if s["label"] == server_name]
+        servers = [s for s in kodi.listing("upnp://") if s["label"] == server_name]
         if servers:
             break
         time.sleep(1)
     check("Kodi finds the server by SSDP", len(servers) == 1)
-    if not servers:
-        return 1
-    folders = listing(kodi, servers[0]["file"])
-    items = listing(kodi, folders[0]["file"]) if folders else []
-    check("it lists the folder's video and track",
-          sorted((i["label"], i["type"]) for i in items) ==
+    folders = kodi.listing(servers[0]["file"]) if servers else []
+    items = kodi.listing(folders[0]["file"]) if folders else []
+    check("it lists the folder's video and track", sorted((i["label"], i["type"]) for i in items) ==
           [("Café & Crème — Ünïcode", "song"), ("clip", "movie")])
     for item in items:
         kodi.events.clear()

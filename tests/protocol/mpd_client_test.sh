@@ -6,13 +6,7 @@
 # any case, by artist and by album, and play one.
 # Runs inside the test runner's private network namespace; makes two more.
 set -u
-program=$1
-www=$2
-media=$3
-source "$(dirname "$0")/../support/checks.sh"
-source "$(dirname "$0")/../support/veth_pair.sh"
-work=$(mktemp -d)
-trap 'cleanup_veth; rm -rf "$work"' EXIT
+source "$(dirname "$0")/../support/player_test.sh"
 mkdir "$work/music"
 for file in id3v1-only.mp3 id3v24-utf8.mp3 mp3-no-tags.mp3 flac-vorbis-comments.flac; do
   cp "$media/tagged/$file" "$work/music/"
@@ -30,8 +24,7 @@ port "6600"
 log_file "$work/mpd.log"
 EOF
 
-nsenter "$server_net" "$program" --interface dms-srv --port 49410 --www "$www" "$work/music" >"$work/server.log" 2>&1 &
-veth_pids+=($!)
+serve "$work/music"
 nsenter "$player_net" mpd --no-daemon "$work/mpd.conf" >"$work/mpd.out" 2>&1 &
 veth_pids+=($!)
 mpc() { in_player mpc "$@" 2>&1; }

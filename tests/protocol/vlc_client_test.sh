@@ -7,22 +7,11 @@
 # video found there to their ends.
 # Runs inside the test runner's private network namespace; makes two more.
 set -u
-program=$1
-www=$2
-media=$3
-source "$(dirname "$0")/../support/checks.sh"
-source "$(dirname "$0")/../support/veth_pair.sh"
-work=$(mktemp -d)
+source "$(dirname "$0")/../support/player_test.sh"
 mkdir "$work/home" && chown 65534:65534 "$work/home" && chmod 755 "$work"
-trap 'cleanup_veth; rm -rf "$work"' EXIT
-mkdir "$work/shared"
-cp "$media/tagged/id3v24-utf8.mp3" "$work/shared/track.mp3"
-cp "$media/containers/mkv-h264-aac.mkv" "$work/shared/clip.mkv"
+share_track_and_video "$work/shared"
 chmod -R a+rX "$work/shared"
-
-nsenter "$server_net" "$program" --interface dms-srv --port 49410 --www "$www" \
-  --state-dir=none --views=no "$work/shared" >"$work/server.log" 2>&1 &
-veth_pids+=($!)
+serve --state-dir=none --views=no "$work/shared"
 base=http://10.77.0.1:49410
 for _ in $(seq 40); do in_player curl -sf --max-time 2 -o "$work/description.xml" "$base/description.xml" && break; sleep 0.25; done
 control=$(tr -d '\n' <"$work/description.xml" | grep -o 'ContentDirectory:1</serviceType>.*' |
