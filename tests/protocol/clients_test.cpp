@@ -236,9 +236,7 @@ TEST(Subtitles, AVideosSidecarsAreOfferedServedAndFollowed) {
   for (const char *name : {"film.srt", "film.en.srt", "film.ass", "film.fr.srt"}) {
     disk.copy(std::string("subtitles/") + name, std::string("films/") + name);
   }
-  disk.copy("subtitles/film.srt", "films/other.srt");      // another video's
-  disk.copy("subtitles/film.srt", "films/film.en.x.srt");  // not a language
-  disk.copy("containers/ts-hevc-aac.ts", "films/film.sub");  // VobSub without its .idx
+  disk.copy("subtitles/film.srt", "films/other.srt");  // another video's (names: the unit test's)
   RunningServer server;
   ASSERT_TRUE(server.start({disk / "films"}));
   const int port = server.port();

@@ -94,7 +94,7 @@ TEST_F(TagsTest, BrowseShowsWhatTheTagsSay) {
   }
 }
 
-TEST_F(TagsTest, FilterAndSearchUseTheTags) {
+TEST_F(TagsTest, FilterChoosesTheTags) {
   const std::vector<TaggedFile> files = taggedFiles();
   size_t tagged = 0;
   for (const TaggedFile &file : files) tagged += file.artist != "-" ? 1 : 0;
@@ -108,12 +108,7 @@ TEST_F(TagsTest, FilterAndSearchUseTheTags) {
       browse(port(), folder_, "BrowseDirectChildren", 0, 0, "upnp:artist,upnp:originalTrackNumber");
   size_t withArtist = 0;
   for (const DidlObject &object : named.objects) withArtist += object.prop("upnp:artist").empty() ? 0 : 1;
-  EXPECT_EQ(withArtist, tagged);
-  // dc:creator matches the artist, whatever the page shows.
-  CdsAnswer found = search(port(), "0", "dc:creator contains \"Zo\xC3\xAB\"");
-  EXPECT_TRUE(found.wellFormed);
-  EXPECT_EQ(found.objects.size(), tagged);
-  EXPECT_EQ(search(port(), "0", "dc:title contains \"Caf\xC3\xA9\"").objects.size(), tagged);
+  EXPECT_EQ(withArtist, tagged);  // (Search by the tags is the search test's.)
 }
 
 }  // namespace
