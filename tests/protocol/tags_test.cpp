@@ -1,6 +1,6 @@
 // Tags over SOAP: tagged files made by real encoders and taggers show their
 // title, artist, album, genre, date and track number in Browse, honour the
-// Filter, and Search on dc:creator finds them by artist.  What each file
+// Filter.  What each file
 // holds is the fixture script's own record (tests/fixtures/tagged.tsv).
 #include <gtest/gtest.h>
 
