@@ -1,7 +1,7 @@
 // Tags over SOAP: tagged files made by real encoders and taggers show their
-// title, artist, album, genre, date and track number in Browse, honour the
-// Filter.  What each file
-// holds is the fixture script's own record (tests/fixtures/tagged.tsv).
+// title, artist, album, genre, date and track number in Browse and honour
+// the Filter.  What each file holds is the fixture script's own record
+// (tests/fixtures/tagged.tsv).
 #include <gtest/gtest.h>
 
 #include <algorithm>
