@@ -4,82 +4,109 @@
 
 #include "content/dmsClmApi.h"
 
-std::vector<dmsClmIdIndex::Row>::const_iterator dmsClmIdIndex::locate(uint32_t id) const {
-  auto at = std::lower_bound(rows_.begin(), rows_.end(), id,
-                             [](const Row &row, uint32_t key) { return row.id < key; });
-  return at != rows_.end() && at->id == id ? at : rows_.end();
+size_t dmsClmIdIndex::locate(uint32_t id) const {
+  const auto at = std::lower_bound(ids_.begin(), ids_.end(), id);
+  return at != ids_.end() && *at == id ? static_cast<size_t>(at - ids_.begin()) : ids_.size();
 }
 
 void dmsClmIdIndex::insert(dmsContentEntry *entry) {
   const uint32_t id = entry->id;
-  const bool inOrder = rows_.empty() || rows_.back().id < id;
-  if (batching_ && !inOrder && sorted_ == 0) sorted_ = rows_.size();  // the batch's first add out of order
-  if (inOrder || batching_) {
-    rows_.push_back({id, entry});
+  if (batching_) {
+    // The room the batch's end merges into is taken now, while failing can
+    // still be told: by doubling, so that a batch of k costs O(k).
+    const size_t needed = ids_.size() + added_.size() + 1;
+    if (ids_.capacity() < needed) ids_.reserve(std::max(needed, 2 * ids_.capacity()));
+    if (entries_.capacity() < needed) entries_.reserve(std::max(needed, 2 * entries_.capacity()));
+    added_.push_back({id, entry});
+    return;
+  }
+  if (ids_.empty() || ids_.back() < id) {
+    if (entries_.size() == entries_.capacity()) entries_.reserve(2 * entries_.capacity() + 16);
+    ids_.push_back(id);
+    entries_.push_back(entry);  // cannot fail: reserved above
     return;
   }
   // Only an id handed out again after the counter wrapped lands here.
-  auto at = std::lower_bound(rows_.begin(), rows_.end(), id,
-                             [](const Row &row, uint32_t key) { return row.id < key; });
-  if (at != rows_.end() && at->id == id) {
-    if (at->entry == nullptr) --holes_;
-    at->entry = entry;
+  const auto at = std::lower_bound(ids_.begin(), ids_.end(), id);
+  const size_t row = static_cast<size_t>(at - ids_.begin());
+  if (at != ids_.end() && *at == id) {
+    if (entries_[row] == nullptr) --holes_;
+    entries_[row] = entry;
     return;
   }
-  rows_.insert(at, {id, entry});
+  entries_.reserve(entries_.size() + 1);
+  ids_.insert(at, id);
+  entries_.insert(entries_.begin() + static_cast<std::ptrdiff_t>(row), entry);  // within the room reserved
 }
 
 bool dmsClmIdIndex::holds(uint32_t id) const {
-  const auto end = sorted_ != 0 ? rows_.begin() + static_cast<std::ptrdiff_t>(sorted_) : rows_.end();
-  auto at = std::lower_bound(rows_.begin(), end, id, [](const Row &row, uint32_t key) { return row.id < key; });
-  return at != end && at->id == id && at->entry != nullptr;
+  const size_t row = locate(id);
+  return row < ids_.size() && entries_[row] != nullptr;
 }
 
 dmsContentEntry *dmsClmIdIndex::find(uint32_t id) const {
-  auto at = locate(id);
-  return at == rows_.end() ? nullptr : at->entry;
+  const size_t row = locate(id);
+  return row < ids_.size() ? entries_[row] : nullptr;
 }
 
 dmsContentEntry *dmsClmIdIndex::remove(uint32_t id) {
-  auto at = locate(id);
-  if (at == rows_.end() || at->entry == nullptr) return nullptr;
-  dmsContentEntry *removed = at->entry;
-  rows_[static_cast<size_t>(at - rows_.begin())].entry = nullptr;
-  if (++holes_ > rows_.size() / 2) squeeze();
+  const size_t row = locate(id);
+  if (row == ids_.size() || entries_[row] == nullptr) return nullptr;
+  dmsContentEntry *removed = entries_[row];
+  entries_[row] = nullptr;
+  if (++holes_ > ids_.size() / 2) squeeze();
   return removed;
 }
 
 void dmsClmIdIndex::squeeze() {
-  rows_.erase(std::remove_if(rows_.begin(), rows_.end(), [](const Row &row) { return row.entry == nullptr; }),
-              rows_.end());
+  size_t kept = 0;
+  for (size_t row = 0; row < ids_.size(); ++row) {
+    if (entries_[row] == nullptr) continue;
+    ids_[kept] = ids_[row];
+    entries_[kept++] = entries_[row];
+  }
+  ids_.resize(kept);
+  entries_.resize(kept);
   holes_ = 0;
 }
 
-// Sorts what the batch added out of order into the table: the added rows
-// are sorted (keeping their order among equal ids) and merged after the
-// rows already there, then of each run of equal ids the last added stays.
+// Puts what the batch added in order (keeping their order among equal ids)
+// and merges it into the table from its end, into the room reserved, so
+// that among equal ids what was added last comes last; then of each run of
+// equal ids the last stays.
 void dmsClmIdIndex::endBatch() noexcept {
   batching_ = false;
-  if (sorted_ == 0) return;
-  const auto byId = [](const Row &a, const Row &b) { return a.id < b.id; };
-  const auto middle = rows_.begin() + static_cast<std::ptrdiff_t>(sorted_);
-  std::stable_sort(middle, rows_.end(), byId);
-  std::inplace_merge(rows_.begin(), middle, rows_.end(), byId);
-  size_t kept = 0;
-  for (size_t at = 0; at < rows_.size(); ++at) {
-    if (kept > 0 && rows_[kept - 1].id == rows_[at].id) {
-      rows_[kept - 1] = rows_[at];
+  if (added_.empty()) return;
+  // stable_sort works in place when it can have no buffer: it never throws.
+  std::stable_sort(added_.begin(), added_.end(), [](const Row &a, const Row &b) { return a.id < b.id; });
+  size_t listed = ids_.size(), from = added_.size(), to = listed + added_.size();
+  ids_.resize(to);  // within the capacity reserved: no allocation
+  entries_.resize(to);
+  while (from > 0) {
+    if (listed > 0 && ids_[listed - 1] > added_[from - 1].id) {
+      --listed;
+      ids_[--to] = ids_[listed];
+      entries_[to] = entries_[listed];
     } else {
-      rows_[kept++] = rows_[at];
+      ids_[--to] = added_[--from].id;
+      entries_[to] = added_[from].entry;
     }
   }
-  rows_.resize(kept);
-  holes_ = static_cast<size_t>(std::count_if(rows_.begin(), rows_.end(), [](const Row &r) { return r.entry == nullptr; }));
-  sorted_ = 0;
+  std::vector<Row>().swap(added_);
+  size_t kept = 0;
+  for (size_t row = 0; row < ids_.size(); ++row) {
+    if (kept > 0 && ids_[kept - 1] == ids_[row]) --kept;
+    ids_[kept] = ids_[row];
+    entries_[kept++] = entries_[row];
+  }
+  ids_.resize(kept);
+  entries_.resize(kept);
+  holes_ = static_cast<size_t>(std::count(entries_.begin(), entries_.end(), nullptr));
 }
 
 void dmsClmIdIndex::clear() {
-  std::vector<Row>().swap(rows_);
+  std::vector<uint32_t>().swap(ids_);
+  std::vector<dmsContentEntry *>().swap(entries_);
+  std::vector<Row>().swap(added_);
   holes_ = 0;
-  sorted_ = 0;
 }
