@@ -23,6 +23,10 @@
 
 static constexpr char kTraceFile[] = "dmsClmApi";
 
+// An item of a large library costs this much (and 8 more in its allocation):
+// kept in view, since a 100,000-file library holds one per file.
+static_assert(sizeof(void *) != 8 || sizeof(dmsContentEntry) == 120);
+
 namespace {
 
 // How an entry leaves the list: one shared folder (or a sub-tree) leaves the
@@ -32,7 +36,7 @@ enum class FreeMode { Detach, WholeList };
 
 // Releases one entry whose children are gone already.  Exclusive lock held.
 void releaseOne(dmsContentListInfo *list, dmsContentEntry *entry, FreeMode mode) {
-  std::unique_ptr<dmsContentEntry> owned(entry);
+  const dmsClmEntryPool::Owned owned = list->entryPool.own(entry);
   if (entry->type != DMS_CLM_TYPE_ITEM) {
     if (mode == FreeMode::Detach && list->monitor != nullptr) {
       dmsFsmRemoveFromMointor(list->monitor, entry);
@@ -158,7 +162,7 @@ int32_t prepareList(dmsContentListInfo *list, int32_t maxContent) {
   if (result != 0) DMS_TRACE(OSAL_TRACE_ERR, "Error [%d] in %s()... Ignore this!\n", result, "dmsFsmInit");
   list->maxContent = maxContent;
   list->entryCount = 0;
-  auto root = std::make_unique<dmsContentEntry>();
+  dmsClmEntryPool::Owned root = list->entryPool.make();
   root->id = 0;
   root->type = DMS_CLM_TYPE_ROOT;
   root->path = "root";
@@ -213,9 +217,10 @@ int32_t createList(dmsContentListInfo **out, char **sharedPaths, int32_t numShar
     paths.push_back({sharedPaths[i], type, static_cast<int64_t>(status.st_size)});
   }
   addSharedPaths(list.get(), paths);
-  list->madeItems.clear();  // nobody listens yet
-  list->madeFolders.clear();
-  list->playlistFolders.clear();
+  list->entriesById.trim();
+  for (auto *noted : {&list->madeItems, &list->madeFolders, &list->playlistFolders}) {
+    *noted = std::vector<uint32_t>();  // nobody listens yet
+  }
   result = dmsFsmStartMonitor(list->monitor, list->root, clmFsmNotificationCallBack);
   if (result != 0) DMS_TRACE(OSAL_TRACE_ERR, "Error [%d] in %s()... Ignore this!\n", result, "dmsFsmStartMonitor");
   *out = list.release();
@@ -249,9 +254,11 @@ int32_t dmsClmTellListeners(dmsContentListInfo *list, const std::vector<uint32_t
     const int32_t result = listener(change);
     if (result != DMS_SUCCESS && first == DMS_SUCCESS) first = result;
   }
+  // Given back, not cleared: a rescan's lists of 100,000 ids would
+  // otherwise stay held until the next one.
   for (auto *noted : {&list->madeItems, &list->changedItems, &list->freedItems, &list->playlistFolders,
                       &list->freedFolders, &list->madeFolders}) {
-    noted->clear();
+    *noted = std::vector<uint32_t>();
   }
   return first;
 }
@@ -374,13 +381,13 @@ const std::vector<dmsContentEntry *> &dmsClmChildren(const dmsContentEntry *entr
 std::string dmsClmEntryPath(const dmsContentEntry *entry) {
   // Names from the entry up to its shared folder (whose parent is the root),
   // which holds the full path the names are joined to.
-  std::vector<const std::string *> names;
+  std::vector<std::string_view> names;
   const dmsContentEntry *at = entry;
-  for (; at->parent != nullptr && at->parent->type != DMS_CLM_TYPE_ROOT; at = at->parent) names.push_back(&at->path);
-  std::string path = at->path;
+  for (; at->parent != nullptr && at->parent->type != DMS_CLM_TYPE_ROOT; at = at->parent) names.push_back(at->path);
+  std::string path = at->path.str();
   for (auto name = names.rbegin(); name != names.rend(); ++name) {
     if (path.empty() || path.back() != '/') path += '/';
-    path += **name;
+    path += *name;
   }
   return path;
 }
@@ -468,8 +475,8 @@ int32_t dmsClmGetCounts(dmsContentListInfo *list, int32_t *containers, int32_t *
 dmsContentEntry *dmsClmFindItemByPath(const dmsContentListInfo *list, const std::string &path) {
   if (list == nullptr || list->root == nullptr) return nullptr;
   // The part of `path` below `folder`, or nullopt when it is not below it.
-  const auto below = [&path](const std::string &folder) -> std::optional<std::string_view> {
-    std::string_view prefix(folder);
+  const auto below = [&path](std::string_view folder) -> std::optional<std::string_view> {
+    std::string_view prefix = folder;
     while (prefix.size() > 1 && prefix.back() == '/') prefix.remove_suffix(1);
     if (path.size() <= prefix.size() + 1 || path.compare(0, prefix.size(), prefix) != 0 ||
         path[prefix.size()] != '/') {

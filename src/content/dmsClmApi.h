@@ -39,7 +39,9 @@
 #include <utility>
 #include <vector>
 
+#include "content/dmsClmEntryPool.h"
 #include "content/dmsClmIdIndex.h"
+#include "content/dmsClmName.h"
 #include "content/dmsClmRecord.h"
 #include "content/dmsClmTagPool.h"
 #include "dlna_dms.h"
@@ -67,16 +69,17 @@ struct dmsContainerState {
   std::vector<std::string> subtitles;       // its subtitle files (subtitles/dmsSubtitles.h), in name order
 };
 
-// One file or folder.  Owned by the list: created while attaching a scan,
-// released by freeing its parent, its shared folder or the list.
+// One file or folder.  Owned by the list (made in its entry pool): created
+// while attaching a scan, released by freeing its parent, its shared folder
+// or the list.
 struct dmsContentEntry {
   uint32_t id = 0;
-  uint32_t type = DMS_CLM_TYPE_ITEM;
+  uint8_t type = DMS_CLM_TYPE_ITEM;
   dmsContentEntry *parent = nullptr;
   // The root: "root"; a shared folder: its full path as shared; anything
   // else: its own name, so that a large library does not hold every folder's
   // path once per file (dmsClmEntryPath gives the full path).
-  std::string path;
+  dmsClmName path;
   int64_t fileSize = 0;                          // items: size when the entry was made
   std::unique_ptr<dmsContainerState> container;  // the root and folders; NULL for items
   dmsMediaRecord media;                          // items: what detection found
@@ -122,6 +125,7 @@ struct dmsContentListInfo {
   std::mutex changeMutex;    // one writer at a time, across its file I/O
   std::mutex hostLock;               // the host's facility only
 
+  dmsClmEntryPool entryPool;  // where the entries live (the writer's)
   dmsClmIdIndex entriesById;  // all entries, by id
   dmsContentEntry *root = nullptr;
   dmsFsmMonitor *monitor = nullptr;

@@ -389,7 +389,7 @@ dmsContentEntry *createEntryAndAddToList(dmsContentListInfo *list, dmsPendingEnt
               list->maxContent);
     return nullptr;
   }
-  auto entry = std::make_unique<dmsContentEntry>();
+  dmsClmEntryPool::Owned entry = list->entryPool.make();
   // An earlier run's id, unless an entry holds it already (a folder shared
   // twice); else a new one.
   const bool recalled = pending.presetId != 0 && !list->entriesById.holds(pending.presetId);

@@ -1,7 +1,9 @@
 #include "index/dmsIndexPack.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <cstring>
+#include <limits>
 
 #include "mfd/mfd_protocol.h"
 
@@ -64,6 +66,13 @@ class Reader {
   bool failed_ = false;
 };
 
+// Whether `value` fits a field of type `Field`.
+template <typename Field>
+bool within(int64_t value) {
+  return value >= static_cast<int64_t>(std::numeric_limits<Field>::min()) &&
+         value <= static_cast<int64_t>(std::numeric_limits<Field>::max());
+}
+
 }  // namespace
 
 std::string dmsIndexPackMedia(const dmsMediaRecord &media) {
@@ -79,7 +88,8 @@ std::string dmsIndexPackMedia(const dmsMediaRecord &media) {
   }
   putVarint(out, media.duration);
   putVarint(out, media.profileCode);
-  putNumber(out, media.strings != nullptr ? mfd_protocolStringsKey(*media.strings) : 0, 4);
+  const mfdProtocolStrings *strings = media.strings();
+  putNumber(out, strings != nullptr ? mfd_protocolStringsKey(*strings) : 0, 4);
   return out;
 }
 
@@ -94,16 +104,26 @@ bool dmsIndexUnpackMedia(std::string_view bytes, dmsMediaRecord &media) {
   read.fileSize = unzigzag(in.varint());
   read.dataOffset = unzigzag(in.varint());
   read.modificationTime = unzigzag(in.varint());
-  for (int32_t *value : {&read.bitrate, &read.sampleRate, &read.channels, &read.videoWidth, &read.videoHeight}) {
-    *value = static_cast<int32_t>(unzigzag(in.varint()));
-  }
-  read.duration = static_cast<uint32_t>(in.varint());
-  read.profileCode = static_cast<uint32_t>(in.varint());
-  read.strings = mfd_protocolStringsByKey(static_cast<uint32_t>(in.number(4)));
-  if (!in.whole() || read.strings == nullptr || read.formatId >= MFD_FORMAT_COUNT || read.fileSize < 0 || read.dataOffset < 0 ||
-      read.dataOffset > read.fileSize) {
+  // Bitrate, sample rate, channels, width and height as signed numbers;
+  // duration and profile code as they are.
+  int64_t counts[7];
+  for (int index = 0; index < 5; ++index) counts[index] = unzigzag(in.varint());
+  for (int index = 5; index < 7; ++index) counts[index] = static_cast<int64_t>(std::min<uint64_t>(in.varint(), INT64_MAX));
+  const mfdProtocolStrings *strings = mfd_protocolStringsByKey(static_cast<uint32_t>(in.number(4)));
+  if (!in.whole() || strings == nullptr || read.formatId >= MFD_FORMAT_COUNT || read.fileSize < 0 || read.dataOffset < 0 ||
+      read.dataOffset > read.fileSize || !within<int32_t>(counts[0]) || !within<int32_t>(counts[1]) ||
+      !within<uint8_t>(counts[2]) || !within<uint16_t>(counts[3]) || !within<uint16_t>(counts[4]) ||
+      !within<uint32_t>(counts[5]) || !within<uint8_t>(counts[6])) {
     return false;
   }
+  read.bitrate = static_cast<int32_t>(counts[0]);
+  read.sampleRate = static_cast<int32_t>(counts[1]);
+  read.channels = static_cast<uint8_t>(counts[2]);
+  read.videoWidth = static_cast<uint16_t>(counts[3]);
+  read.videoHeight = static_cast<uint16_t>(counts[4]);
+  read.duration = static_cast<uint32_t>(counts[5]);
+  read.profileCode = static_cast<uint8_t>(counts[6]);
+  read.stringsNumber = mfd_protocolStringsNumber(*strings);
   media = read;
   return true;
 }

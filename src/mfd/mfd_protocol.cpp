@@ -9,6 +9,7 @@
 #include "mfd/mfd_formats.h"
 #include "mfd/mfd_protocol.h"
 
+#include <algorithm>
 #include <utility>
 #include <vector>
 #include "util/osal_trace.h"
@@ -362,4 +363,38 @@ const mfdProtocolStrings *mfd_protocolStringsByKey(uint32_t key) {
     if (candidate == key) return strings;
   }
   return nullptr;
+}
+
+namespace {
+
+// Every constant, in the order eachStrings visits them: place i holds the
+// constant numbered i + 1.
+const std::vector<const ProtocolStrings *> &allStrings() {
+  static const std::vector<const ProtocolStrings *> all = [] {
+    std::vector<const ProtocolStrings *> listed;
+    eachStrings([&listed](const ProtocolStrings &strings) { listed.push_back(&strings); });
+    return listed;
+  }();
+  return all;
+}
+
+}  // namespace
+
+uint16_t mfd_protocolStringsNumber(const mfdProtocolStrings &strings) {
+  // (address, number) pairs by address, made once.
+  static const std::vector<std::pair<const ProtocolStrings *, uint16_t>> byAddress = [] {
+    std::vector<std::pair<const ProtocolStrings *, uint16_t>> pairs;
+    const auto &all = allStrings();
+    for (size_t index = 0; index < all.size(); ++index) pairs.emplace_back(all[index], static_cast<uint16_t>(index + 1));
+    std::sort(pairs.begin(), pairs.end(), [](const auto &a, const auto &b) { return std::less<>()(a.first, b.first); });
+    return pairs;
+  }();
+  const auto found = std::lower_bound(byAddress.begin(), byAddress.end(), &strings,
+                                      [](const auto &pair, const ProtocolStrings *key) { return std::less<>()(pair.first, key); });
+  return found != byAddress.end() && found->first == &strings ? found->second : 0;
+}
+
+const mfdProtocolStrings *mfd_protocolStringsNumbered(uint16_t number) {
+  const auto &all = allStrings();
+  return number >= 1 && number <= all.size() ? all[number - 1] : nullptr;
 }

@@ -24,6 +24,11 @@ const mfdProtocolStrings &mfd_protocolStringsFor(const mfdMediaInfo &info);
 // stored record keeps in place of the pointer.
 uint32_t mfd_protocolStringsKey(const mfdProtocolStrings &strings);
 const mfdProtocolStrings *mfd_protocolStringsByKey(uint32_t key);
+// The number of `strings` among the constants (1 up; stable within one
+// build only), and the constant of a number, or NULL for 0 and any number
+// not handed out: what a record in memory keeps in place of the pointer.
+uint16_t mfd_protocolStringsNumber(const mfdProtocolStrings &strings);
+const mfdProtocolStrings *mfd_protocolStringsNumbered(uint16_t number);
 
 using mfdProtocolMapping = const mfdProtocolStrings &(*)(const mfdMediaInfo &info);
 

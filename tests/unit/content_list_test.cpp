@@ -45,7 +45,7 @@ class List {
       dmsClmGetContainerInfoForEntry(container, nullptr, nullptr, &count, &children, nullptr);
       for (int32_t i = 0; i < count; ++i) {
         out.push_back(std::to_string(children[i]->id) + ":" +
-                      std::filesystem::path(children[i]->path).filename().string());
+                      std::filesystem::path(children[i]->path.view()).filename().string());
         uint32_t type = 0;
         dmsClmGetTypeForEntry(children[i], &type, nullptr);
         if (type == DMS_CLM_TYPE_CONTAINER) walk(children[i]);

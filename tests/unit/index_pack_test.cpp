@@ -29,10 +29,10 @@ TEST(IndexPack, EveryDetectedFixtureReadsBackAsItWasKept) {
       const dmsMediaRecord kept = dmsClmKeepMedia(info);
       dmsMediaRecord read;
       ASSERT_TRUE(dmsIndexUnpackMedia(dmsIndexPackMedia(kept), read)) << fields[0];
-      ASSERT_NE(read.strings, nullptr) << fields[0];
-      EXPECT_STREQ(read.strings->protocolInfo, kept.strings->protocolInfo) << fields[0];
-      EXPECT_STREQ(read.strings->mimeType, kept.strings->mimeType) << fields[0];
-      read.strings = kept.strings;  // equal texts; a copy of a row may stand elsewhere
+      ASSERT_NE(read.strings(), nullptr) << fields[0];
+      EXPECT_STREQ(read.strings()->protocolInfo, kept.strings()->protocolInfo) << fields[0];
+      EXPECT_STREQ(read.strings()->mimeType, kept.strings()->mimeType) << fields[0];
+      read.stringsNumber = kept.stringsNumber;  // equal texts; a copy of a row may stand elsewhere
       EXPECT_EQ(std::memcmp(&read, &kept, sizeof read), 0) << fields[0];
       dmsTagPool written, again;
       dmsTagText text;
@@ -60,7 +60,7 @@ TEST(IndexPack, BytesThisVersionDidNotWriteAreRefused) {
   media.fileSize = 5000;
   media.dataOffset = 10;
   media.modificationTime = -5;  // before 1970: a signed number
-  media.strings = &mfd_protocolStringsFor(dmsClmExpandMedia(media));
+  media.stringsNumber = mfd_protocolStringsNumber(mfd_protocolStringsFor(dmsClmExpandMedia(media)));
   const std::string good = dmsIndexPackMedia(media);
   dmsMediaRecord back;
   ASSERT_TRUE(dmsIndexUnpackMedia(good, back));
@@ -68,7 +68,7 @@ TEST(IndexPack, BytesThisVersionDidNotWriteAreRefused) {
   dmsMediaRecord badFormat = media, badOffset = media, noStrings = media;
   badFormat.formatId = MFD_FORMAT_COUNT;
   badOffset.dataOffset = 6000;  // past the file's size
-  noStrings.strings = nullptr;
+  noStrings.stringsNumber = 0;
   std::string newer = good;
   newer[0] = 1;  // the fixed layout of the first version
   dmsMediaRecord untouched;

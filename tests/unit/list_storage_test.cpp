@@ -1,8 +1,10 @@
 // How the content list stores a large library compactly: the id table
-// (checked against a plain map through a long random run of changes) and the
-// tag pool (ids across many blocks, the length limit, concurrent writers).
+// (checked against a plain map through a long random run of changes), the
+// entries' names and the tag pool (ids across many blocks, the length
+// limit, concurrent writers).
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <map>
 #include <memory>
 #include <random>
@@ -85,6 +87,26 @@ TEST(ListStorage, IdTableTakesBatchesInAnyOrderOfIds) {
   for (uint32_t id = 1000; id < 52000; ++id) {
     const auto found = model.find(id);
     ASSERT_EQ(index.find(id), found == model.end() ? nullptr : found->second) << id;
+  }
+}
+
+// An entry's name across the length where it moves out of the entry, with
+// every byte but NUL, replaced by longer and shorter ones and by a part of
+// itself.
+TEST(ListStorage, EntryNamesKeepEveryLengthAndByte) {
+  dmsClmName name;
+  EXPECT_EQ(name.view(), "");
+  for (size_t length : {0, 1, 14, 15, 16, 17, 255, 70000}) {
+    std::string text(length, 'x');
+    for (size_t at = 0; at < length; ++at) text[at] = static_cast<char>(1 + at % 255);
+    name = text;
+    ASSERT_EQ(name.view(), text) << length;
+    EXPECT_EQ(std::strlen(name.c_str()), length) << length;
+    if (length < 2) continue;
+    name = name.view().substr(1);
+    EXPECT_EQ(name.view(), text.substr(1)) << length;
+    name = name.view().substr(0, name.size() - 1);
+    EXPECT_EQ(name.view(), text.substr(1, length - 2)) << length;
   }
 }
 
