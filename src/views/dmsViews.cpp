@@ -70,7 +70,7 @@ dmsViews::Container &dmsViews::makeContainer(uint32_t id, uint32_t parentId, uin
 // so on upward while its parent is emptied too.
 void dmsViews::dropIfEmpty(uint32_t id) {
   for (Container *at = container(id); at != nullptr && at->kind != kFixed;) {
-    if (!at->containers.empty() || !at->members.empty()) return;
+    if (!at->containers.empty() || at->memberCount() != 0) return;
     Container *parent = container(at->parentId);
     if (parent != nullptr) {
       const uint32_t moved = parent->containers.back();
@@ -89,23 +89,37 @@ void dmsViews::dropIfEmpty(uint32_t id) {
 
 void dmsViews::addMember(uint32_t containerId, uint32_t fileId, uint8_t slot, FileRow &row) {
   Container *into = container(containerId);
-  const size_t place = slot - row.first;
-  row.container[place] = containerId;
-  row.position[place] = static_cast<uint32_t>(into->members.size());
-  into->members.push_back(dmsViewIds::virtualId(fileId, slot));
+  row.container[slot - row.first] = containerId;
+  const uint32_t item = dmsViewIds::virtualId(fileId, slot);
+  // New files have the highest ids, so adding is mostly appending in order.
+  if (!into->members.empty() && into->members.back() > item) into->unsorted = true;
+  into->members.push_back(item);
   touch(containerId);
 }
 
-// Takes the virtual item at `position` out of its container by moving the
-// last one there, whose file's row learns its new place.
-void dmsViews::removeMember(uint32_t containerId, uint32_t position) {
+// Takes virtual item `item` out of its container: found by a binary search
+// (the members sorted first after adds out of order, once per change at
+// most, as the change re-orders the container anyway), and marked gone in
+// its place until they are half the members, so that taking k of n out
+// costs O(k log n + n).  A file placed again in the container it left is
+// there twice, gone and not: of equal ids the one not gone is taken.
+void dmsViews::removeMember(uint32_t containerId, uint32_t item) {
+  static_assert(dmsViewIds::virtualId(dmsViewIds::kMaxFileId, dmsViewIds::kSlots - 1) < Container::kGone);
   Container *from = container(containerId);
-  const uint32_t moved = from->members.back();
-  from->members[position] = moved;
-  from->members.pop_back();
-  if (position < from->members.size()) {
-    FileRow *movedRow = row(dmsViewIds::fileOf(moved));
-    movedRow->position[dmsViewIds::slotOf(moved) - movedRow->first] = position;
+  std::vector<uint32_t> &members = from->members;
+  const auto byItem = [](uint32_t a, uint32_t b) { return (a & ~Container::kGone) < (b & ~Container::kGone); };
+  if (from->unsorted) {
+    std::sort(members.begin(), members.end(), byItem);
+    from->unsorted = false;
+  }
+  auto at = std::lower_bound(members.begin(), members.end(), item, byItem);
+  while (at != members.end() && *at != item && (*at & ~Container::kGone) == item) ++at;
+  if (at == members.end() || *at != item) return;
+  *at |= Container::kGone;
+  if (++from->gone * size_t{2} > members.size()) {
+    std::erase_if(members, [](uint32_t member) { return (member & Container::kGone) != 0; });
+    from->gone = 0;
+    if (members.capacity() > 2 * members.size() + 16) members.shrink_to_fit();
   }
   touch(containerId);
 }
@@ -164,7 +178,7 @@ void dmsViews::unplace(FileRow &from) {
   for (size_t place = 0; place < from.count; ++place) {
     const uint32_t id = from.container[place];
     if (id == 0) continue;
-    removeMember(id, from.position[place]);
+    removeMember(id, dmsViewIds::virtualId(from.fileId, from.first + static_cast<uint32_t>(place)));
     from.container[place] = 0;
     dropIfEmpty(id);
   }

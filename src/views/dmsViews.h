@@ -108,7 +108,7 @@ class dmsViews {
   void dropIfEmpty(uint32_t id);
   void touch(uint32_t id);
   void addMember(uint32_t containerId, uint32_t fileId, uint8_t slot, FileRow &row);
-  void removeMember(uint32_t virtualItemId, uint32_t position);
+  void removeMember(uint32_t containerId, uint32_t item);
   FileRow *row(uint32_t fileId);
   void addFile(uint32_t fileId);
   void removeFile(uint32_t fileId);

@@ -100,21 +100,26 @@ struct dmsViews::Container {
   uint32_t positionInParent = 0;     // index in the parent's `containers`
   uint32_t updateCount = 0;
   std::vector<uint32_t> containers;  // child containers, in no order
-  std::vector<uint32_t> members;     // virtual items, in no order
+  // Virtual items in order of ids, but for those added out of order since
+  // `unsorted` was set; an item taken out is left in its place marked with
+  // kGone (`gone` counts them) until they are half the vector.
+  static constexpr uint32_t kGone = 0x80000000;  // above every virtual item's id
+  std::vector<uint32_t> members;
+  uint32_t gone = 0;
+  bool unsorted = false;
+  uint32_t memberCount() const { return static_cast<uint32_t>(members.size()) - gone; }
   mutable Order ordered;             // the default order, once worked out (orderMutex_)
 };
 
 // Where one file is: its All list (by its kind), and its other places,
 // slots `first` .. `first + count - 1`, each a container (0: not there, such
-// as an album for a track without one) and the index of its virtual item in
-// that container's members.  32 bytes a file.
+// as an album for a track without one).  20 bytes a file.
 struct dmsViews::FileRow {
   uint32_t fileId = 0;
   dmsViewsDetail::FileKind kind = dmsViewsDetail::FileKind::kNone;  // kNone: a hole left by a file gone
   uint8_t first = 0;
   uint8_t count = 0;
   uint32_t container[3] = {0, 0, 0};
-  uint32_t position[3] = {0, 0, 0};
 };
 
 // One playlist file of a folder.

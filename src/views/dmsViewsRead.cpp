@@ -78,7 +78,7 @@ void dmsViews::fillObject(uint32_t id, const Container &from, dmsViewObject &out
   out.id = id;
   out.parentId = from.parentId;
   out.upnpClass = kKinds[from.kind].upnpClass;
-  out.childCount = static_cast<uint32_t>(from.containers.size() + from.members.size()) +
+  out.childCount = static_cast<uint32_t>(from.containers.size() + from.memberCount()) +
                    kindCount_[static_cast<size_t>(from.allOf)];
   if (id == dmsViewIds::kPlaylists) out.childCount = static_cast<uint32_t>(playlists_.size());
   switch (from.kind) {
@@ -187,7 +187,9 @@ std::vector<uint32_t> dmsViews::defaultOrder(const Container &from) const {
     }
     keys.push_back(std::move(key));
   };
-  for (uint32_t id : from.members) addItem(id);
+  for (uint32_t id : from.members) {
+    if ((id & Container::kGone) == 0) addItem(id);
+  }
   if (from.allOf != FileKind::kNone) {
     const uint8_t slot = kFileKinds[static_cast<size_t>(from.allOf)].allSlot;
     for (const FileRow &listed : rows_) {
