@@ -26,6 +26,7 @@
 #include "services/dmsMsMrsApi.h"
 #include "util/dlnaUtil_uuid.h"
 #include "util/dmsGuard.h"
+#include "util/dmsMemory.h"
 #include "util/osal_trace.h"
 
 namespace {
@@ -342,6 +343,9 @@ int32_t startServer(dmsHandle *handle) {
   int32_t result = dmsFollowStart(handle);
   if (result == DMS_SUCCESS) result = openAndAnnounce(handle);
   if (result != DMS_SUCCESS) return result;  // stop or destroy ends the watch
+  // The scan and the views' build leave freed memory in the allocator's
+  // arenas (the detector threads' above all).
+  dmsGiveBackMemory();
   int32_t status = setState(handle, DMS_STATE_STARTED, true, "osal_pthread_mutex_lock");
   if (status != DMS_SUCCESS) return status;
   // A second start without a stop advertises again but keeps the one

@@ -15,6 +15,7 @@
 
 #include "util/dmsThreadName.h"
 #include "util/dmsGuard.h"
+#include "util/dmsMemory.h"
 #include "util/osal_trace.h"
 
 static constexpr char kTraceFile[] = "dmsIndexStore";
@@ -332,6 +333,7 @@ void dmsIndexStore::applyQueue(std::vector<Op> &ops) {
       for (size_t i = 0; i < chunk.size(); ++i) puts[i].row = std::move(chunk[i]);
       applyBatch(puts);
     }
+    dmsGiveBackMemory();  // a producer writes a whole list's rows
   }
   if (!plain.empty() && !stopped()) applyBatch(plain);
 }
