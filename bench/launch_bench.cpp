@@ -1,6 +1,7 @@
 // End to end, as a user meets it: from launching `dlna-dms` on a library of
 // tagged music and photos until Browse lists the last folder, and the peak
-// resident memory of the whole process (and what it holds two seconds later), for 20,000 and 100,000 files (hard
+// resident memory of the whole process (and what it holds once settled: two
+// seconds later, and the index's first write done), for 20,000 and 100,000 files (hard
 // links of real fixtures, 100 to a folder, warm cache): without a state
 // folder, with the views and without; then with a state folder: the first
 // start (a new index), a restart of the unchanged library, and a restart
@@ -79,9 +80,17 @@ long statusKiB(pid_t pid, const std::string &field) {
   return 0;
 }
 
+// The bytes of the index in `state` (0 without one).
+uintmax_t indexBytes(const fs::path &state) {
+  if (state.empty()) return 0;
+  std::error_code none;
+  const uintmax_t main = fs::file_size(state / "index.db", none), log = fs::file_size(state / "index.db-wal", none);
+  return (main == static_cast<uintmax_t>(-1) ? 0 : main) + (log == static_cast<uintmax_t>(-1) ? 0 : log);
+}
+
 // Seconds from launch until the last folder lists all its files; -1 when it
 // never does within two minutes.
-double launchToBrowsable(const std::string &program, const fs::path &library, int files,
+double launchToBrowsable(const std::string &program, const fs::path &library, const fs::path &state, int files,
                          const std::vector<std::string> &options, long *peak, long *settled) {
   char lastFolder[32];
   std::snprintf(lastFolder, sizeof lastFolder, "d%05d", (files - 1) / kPerFolder);
@@ -111,8 +120,14 @@ double launchToBrowsable(const std::string &program, const fs::path &library, in
     }
     std::this_thread::sleep_for(std::chrono::milliseconds(5));
   }
-  // What the running server holds once the start is behind it.
+  // What the running server holds once the start is behind it: two seconds
+  // on, and then until the index's first write is done (its files have not
+  // grown for a second; a minute at most).
   std::this_thread::sleep_for(std::chrono::seconds(2));
+  for (uintmax_t before = indexBytes(state) + 1, waited = 0; before != indexBytes(state) && waited < 60; ++waited) {
+    before = indexBytes(state);
+    std::this_thread::sleep_for(std::chrono::seconds(1));
+  }
   *settled = statusKiB(pid, "VmRSS:");
   *peak = statusKiB(pid, "VmHWM:");
   ::kill(pid, SIGTERM);
@@ -162,11 +177,11 @@ int main(int argc, char **argv) {
         }
       }
       long peak = 0, settled = 0;
-      const double seconds = launchToBrowsable(argv[1], library, files, run.options, &peak, &settled);
-      std::error_code none;
-      const auto indexBytes = fs::file_size(state / "index.db", none) + fs::file_size(state / "index.db-wal", none);
+      const bool stateful = run.options[0] == stateOption;
+      const double seconds = launchToBrowsable(argv[1], library, stateful ? state : fs::path(), files, run.options,
+                                               &peak, &settled);
       std::printf("%-8d %-24s %12.2f s %10.1f %10.1f %14.0f %12llu\n", files, run.label, seconds, peak / 1024.0,
-                  settled / 1024.0, peak * 1024.0 / files, static_cast<unsigned long long>(fs::exists(state) ? indexBytes : 0));
+                  settled / 1024.0, peak * 1024.0 / files, static_cast<unsigned long long>(indexBytes(state)));
       std::fflush(stdout);
     }
     fs::remove_all(library);

@@ -333,7 +333,11 @@ void dmsIndexStore::applyQueue(std::vector<Op> &ops) {
       for (size_t i = 0; i < chunk.size(); ++i) puts[i].row = std::move(chunk[i]);
       applyBatch(puts);
     }
-    dmsGiveBackMemory();  // a producer writes a whole list's rows
+    // A producer writes a whole list's rows: what it and its rows held goes
+    // back once it is done.
+    op.producer = nullptr;
+    std::vector<Row>().swap(chunk);
+    dmsGiveBackMemory();
   }
   if (!plain.empty() && !stopped()) applyBatch(plain);
 }
