@@ -101,7 +101,7 @@ int unwatchedFolders(dmsContentEntry *container) {
   int count = 0;
   for (dmsContentEntry *child : dmsClmChildren(container)) {
     if (child->type != DMS_CLM_TYPE_CONTAINER) continue;
-    if (child->container->watchDescriptor < 0) ++count;
+    if (child->container()->watchDescriptor < 0) ++count;
     count += unwatchedFolders(child);
   }
   return count;

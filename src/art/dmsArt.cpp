@@ -56,8 +56,8 @@ bool isTrack(const dmsContentEntry &entry) {
 bool hasCover(const dmsContentEntry &entry) {
   if (!isTrack(entry)) return false;
   if ((entry.tags.flags & DMS_TAGS_PICTURE) != 0) return true;
-  return entry.parent != nullptr && entry.parent->container != nullptr &&
-         !entry.parent->container->coverName.empty();
+  return entry.parent != nullptr && entry.parent->container() != nullptr &&
+         !entry.parent->container()->coverName.empty();
 }
 
 bool offered(const dmsArtCache *cache, const dmsContentEntry &entry, dmsArtKind kind) {
@@ -94,7 +94,7 @@ bool findSource(dmsContentListInfo *list, uint32_t id, dmsArtKind kind, Source &
   out.info = dmsClmExpandMedia(media);
   out.embedded = kind == dmsArtKind::kAlbum && (entry->tags.flags & DMS_TAGS_PICTURE) != 0;
   if (kind == dmsArtKind::kAlbum && !out.embedded) {
-    out.path = dmsClmEntryPath(entry->parent) + "/" + entry->parent->container->coverName;
+    out.path = dmsClmEntryPath(entry->parent) + "/" + entry->parent->container()->coverName;
   } else {
     out.path = dmsClmEntryPath(entry);
   }

@@ -23,9 +23,9 @@
 
 static constexpr char kTraceFile[] = "dmsClmApi";
 
-// An item of a large library costs this much (and 8 more in its allocation):
-// kept in view, since a 100,000-file library holds one per file.
-static_assert(sizeof(void *) != 8 || sizeof(dmsContentEntry) == 120);
+// An item of a large library costs this much: kept in view, since a
+// 100,000-file library holds one per file.
+static_assert(sizeof(void *) != 8 || sizeof(dmsContentEntry) == 112);
 
 namespace {
 
@@ -41,14 +41,14 @@ void releaseOne(dmsContentListInfo *list, dmsContentEntry *entry, FreeMode mode)
     if (mode == FreeMode::Detach && list->monitor != nullptr) {
       dmsFsmRemoveFromMointor(list->monitor, entry);
     }
-    entry->container->children.clear();
+    entry->container()->children.clear();
   }
   if (mode == FreeMode::Detach) {
     (entry->type == DMS_CLM_TYPE_ITEM ? list->freedItems : list->freedFolders).push_back(entry->id);
     dmsContentEntry *removed = list->entriesById.remove(entry->id);
     if (removed != entry) DMS_TRACE(OSAL_TRACE_ERR, "Error in Deleting Node from the Tree\n");
     if (dmsContentEntry *parent = entry->parent) {
-      auto &siblings = parent->container->children;
+      auto &siblings = parent->container()->children;
       // Below a shared folder children are in name order: found by name in
       // O(log n), so that deleting many files is not quadratic.
       const ptrdiff_t at = parent->type == DMS_CLM_TYPE_ROOT ? -1 : dmsClmChildIndex(parent, entry);
@@ -71,7 +71,7 @@ void freeEntry(dmsContentListInfo *list, dmsContentEntry *entry, FreeMode mode) 
   std::vector<dmsContentEntry *> order{entry};  // parents before their children
   for (size_t i = 0; i < order.size(); ++i) {
     if (order[i]->type == DMS_CLM_TYPE_ITEM) continue;
-    for (dmsContentEntry *child : order[i]->container->children) {
+    for (dmsContentEntry *child : order[i]->container()->children) {
       child->parent = nullptr;  // its parent drops its whole array
       order.push_back(child);
     }
@@ -120,7 +120,7 @@ void addSharedPaths(dmsContentListInfo *list, const std::vector<SharedPath> &pat
   for (dmsPendingEntry &pending : top.children) {
     dmsContentEntry *entry = createEntryAndAddToList(list, pending, list->root);
     made.push_back(entry);
-    if (entry != nullptr) list->root->container->children.push_back(entry);
+    if (entry != nullptr) list->root->container()->children.push_back(entry);
   }
   for (size_t i = 0; i < made.size(); ++i) {
     if (made[i] != nullptr && made[i]->type == DMS_CLM_TYPE_CONTAINER) {
@@ -162,11 +162,9 @@ int32_t prepareList(dmsContentListInfo *list, int32_t maxContent) {
   if (result != 0) DMS_TRACE(OSAL_TRACE_ERR, "Error [%d] in %s()... Ignore this!\n", result, "dmsFsmInit");
   list->maxContent = maxContent;
   list->entryCount = 0;
-  dmsClmEntryPool::Owned root = list->entryPool.make();
+  dmsClmEntryPool::Owned root = list->entryPool.make(DMS_CLM_TYPE_ROOT);
   root->id = 0;
-  root->type = DMS_CLM_TYPE_ROOT;
   root->path = "root";
-  root->container = std::make_unique<dmsContainerState>();
   list->entriesById.insert(root.get());
   list->root = root.release();  // owned by the list; freed with it
   list->nextId = DMS_CLM_FIRST_ID;
@@ -342,7 +340,7 @@ int32_t dmsClmRemoveFromContentList(dmsContentListInfo *list, const char *shared
   }
   std::lock_guard changing(list->changeMutex);
   std::unique_lock writing(list->rwLock);
-  auto &shared = list->root->container->children;
+  auto &shared = list->root->container()->children;
   for (size_t i = 0; i < shared.size(); ++i) {
     if (shared[i]->path == sharedPath) {
       DMS_TRACE(OSAL_TRACE_INFO, "Remove Child-%d with path [%s] from the list\n", static_cast<int>(i), sharedPath);
@@ -375,7 +373,7 @@ extern "C" DMS_EXPORT int32_t dmsClmUnlockContentList(dmsContentListInfo *list) 
 
 const std::vector<dmsContentEntry *> &dmsClmChildren(const dmsContentEntry *entry) {
   static const std::vector<dmsContentEntry *> kNone;
-  return entry->container != nullptr ? entry->container->children : kNone;
+  return entry->container() != nullptr ? entry->container()->children : kNone;
 }
 
 std::string dmsClmEntryPath(const dmsContentEntry *entry) {
@@ -443,10 +441,10 @@ int32_t dmsClmGetContainerInfoForEntry(dmsContentEntry *entry, uint32_t *id,
   }
   if (id != nullptr) *id = entry->id;
   if (parent != nullptr) *parent = entry->parent;
-  const dmsContainerState *container = entry->container.get();
+  const dmsContainerState *container = entry->container();
   const bool none = container == nullptr || container->children.empty();
   if (childCount != nullptr) *childCount = none ? 0 : static_cast<int32_t>(container->children.size());
-  if (children != nullptr) *children = none ? nullptr : entry->container->children.data();
+  if (children != nullptr) *children = none ? nullptr : entry->container()->children.data();
   if (reserved != nullptr) *reserved = 0;
   return DMS_SUCCESS;
 }
@@ -457,7 +455,7 @@ int32_t dmsClmGetCounts(dmsContentListInfo *list, int32_t *containers, int32_t *
   *containers = 0;
   *items = 0;
   if (list->root == nullptr) return DMS_SUCCESS;
-  const auto &shared = list->root->container->children;
+  const auto &shared = list->root->container()->children;
   std::vector<const dmsContentEntry *> pending(shared.begin(), shared.end());
   while (!pending.empty()) {
     const dmsContentEntry *entry = pending.back();
@@ -466,7 +464,7 @@ int32_t dmsClmGetCounts(dmsContentListInfo *list, int32_t *containers, int32_t *
       ++*items;
     } else {
       ++*containers;
-      pending.insert(pending.end(), entry->container->children.begin(), entry->container->children.end());
+      pending.insert(pending.end(), entry->container()->children.begin(), entry->container()->children.end());
     }
   }
   return DMS_SUCCESS;
@@ -484,7 +482,7 @@ dmsContentEntry *dmsClmFindItemByPath(const dmsContentListInfo *list, const std:
     }
     return std::string_view(path).substr(prefix.size() + 1);
   };
-  for (dmsContentEntry *shared : list->root->container->children) {
+  for (dmsContentEntry *shared : list->root->container()->children) {
     if (shared->type != DMS_CLM_TYPE_CONTAINER) continue;
     std::optional<std::string_view> rest = below(shared->path);
     for (const auto &[given, real] : list->shareRoots) {

@@ -71,24 +71,40 @@ struct dmsContainerState {
 
 // One file or folder.  Owned by the list (made in its entry pool): created
 // while attaching a scan, released by freeing its parent, its shared folder
-// or the list.
+// or the list.  The root and folders are dmsFolderEntry, which adds their
+// container state; an item, most entries of a large library, carries none.
 struct dmsContentEntry {
   uint32_t id = 0;
-  uint8_t type = DMS_CLM_TYPE_ITEM;
+  const uint8_t type;  // fixed when made: it tells whether this is a dmsFolderEntry
   dmsContentEntry *parent = nullptr;
   // The root: "root"; a shared folder: its full path as shared; anything
   // else: its own name, so that a large library does not hold every folder's
   // path once per file (dmsClmEntryPath gives the full path).
   dmsClmName path;
-  int64_t fileSize = 0;                          // items: size when the entry was made
-  std::unique_ptr<dmsContainerState> container;  // the root and folders; NULL for items
-  dmsMediaRecord media;                          // items: what detection found
-  dmsMediaTags tags;                             // items: ids in the list's tag pool
+  int64_t fileSize = 0;  // items: size when the entry was made
+  dmsMediaRecord media;  // items: what detection found
+  dmsMediaTags tags;     // items: ids in the list's tag pool
 
-  dmsContentEntry() = default;
+  explicit dmsContentEntry(uint8_t kind = DMS_CLM_TYPE_ITEM) noexcept : type(kind) {}
   dmsContentEntry(const dmsContentEntry &) = delete;
   dmsContentEntry &operator=(const dmsContentEntry &) = delete;
+
+  // The root's and a folder's container state; NULL for items.
+  inline dmsContainerState *container();
+  inline const dmsContainerState *container() const;
 };
+
+struct dmsFolderEntry : dmsContentEntry {
+  explicit dmsFolderEntry(uint8_t kind) : dmsContentEntry(kind) {}
+  dmsContainerState state;
+};
+
+dmsContainerState *dmsContentEntry::container() {
+  return type == DMS_CLM_TYPE_ITEM ? nullptr : &static_cast<dmsFolderEntry *>(this)->state;
+}
+const dmsContainerState *dmsContentEntry::container() const {
+  return type == DMS_CLM_TYPE_ITEM ? nullptr : &static_cast<const dmsFolderEntry *>(this)->state;
+}
 
 // What one change of the list tells its listeners: the changed containers
 // with their new update counts, the new system update id, and the items the

@@ -41,7 +41,7 @@ bool keepsName(const std::string &name, bool isDirectory) {
 
 // Puts `child` at its place in byte-wise name order.  Exclusive lock held.
 void insertChild(dmsContentEntry *container, dmsContentEntry *child) {
-  auto &children = container->container->children;
+  auto &children = container->container()->children;
   auto at = std::lower_bound(children.begin(), children.end(), nameOf(child),
                              [](const dmsContentEntry *e, std::string_view n) { return nameOf(e) < n; });
   children.insert(at, child);
@@ -60,7 +60,7 @@ void detach(dmsContentListInfo *list, dmsContentEntry *entry, ChangedContainers 
 // is no longer media.
 // Keeps the folder's cover name up to date as picture files come and go.
 void noteCover(dmsContentListInfo *list, dmsContentEntry *container, const std::string &name, bool present) {
-  dmsContainerState *state = container->container.get();
+  dmsContainerState *state = container->container();
   if (state == nullptr) return;
   const int rank = dmsClmCoverRank(name);
   if (rank == 0) return;
@@ -89,7 +89,7 @@ bool noteName(dmsContentListInfo *list, std::vector<std::string> &names, const s
 bool notePlaylist(dmsContentListInfo *list, dmsContentEntry *container, const std::string &name, bool present,
                   ChangedContainers &changes) {
   dmsPlaylistFormat format;
-  dmsContainerState *state = container->container.get();
+  dmsContainerState *state = container->container();
   if (state == nullptr || !dmsPlaylistFormatOf(name, format)) return false;
   if (noteName(list, state->playlists, name, present)) {
     list->playlistFolders.push_back(container->id);
@@ -103,7 +103,7 @@ bool notePlaylist(dmsContentListInfo *list, dmsContentEntry *container, const st
 // `name` is no subtitle.
 bool noteSubtitle(dmsContentListInfo *list, dmsContentEntry *container, const std::string &name, bool present,
                   ChangedContainers &changes) {
-  dmsContainerState *state = container->container.get();
+  dmsContainerState *state = container->container();
   if (state == nullptr || dmsSubtitleFormatOf(name) == nullptr) return false;
   if (noteName(list, state->subtitles, name, present)) changes.push_back(container->id);
   return true;
@@ -251,18 +251,18 @@ void reconcileOne(dmsContentListInfo *list, dmsContentEntry *folder, ChangedCont
                   std::vector<dmsContentEntry *> &below) {
   const std::vector<DiskName> disk = readFolder(list, dmsClmEntryPath(folder));
   std::vector<dmsContentEntry *> gone;
-  for (dmsContentEntry *child : folder->container->children) {
+  for (dmsContentEntry *child : folder->container()->children) {
     auto found = std::lower_bound(disk.begin(), disk.end(), DiskName{std::string(nameOf(child)), false, 0});
     const bool present = found != disk.end() && found->name == nameOf(child) &&
                          found->isDirectory == (child->type == DMS_CLM_TYPE_CONTAINER);
     if (!present) gone.push_back(child);
   }
   for (dmsContentEntry *child : gone) detach(list, child, changes);
-  for (const std::string &name : std::vector<std::string>(folder->container->playlists)) {
+  for (const std::string &name : std::vector<std::string>(folder->container()->playlists)) {
     auto found = std::lower_bound(disk.begin(), disk.end(), DiskName{name, false, 0});
     if (found == disk.end() || found->name != name || found->isDirectory) notePlaylist(list, folder, name, false, changes);
   }
-  for (const std::string &name : std::vector<std::string>(folder->container->subtitles)) {
+  for (const std::string &name : std::vector<std::string>(folder->container()->subtitles)) {
     auto found = std::lower_bound(disk.begin(), disk.end(), DiskName{name, false, 0});
     if (found == disk.end() || found->name != name || found->isDirectory) noteSubtitle(list, folder, name, false, changes);
   }
@@ -306,10 +306,10 @@ int32_t publish(dmsContentListInfo *list, ChangedContainers &changes) {
     for (uint32_t id : changes) {
       dmsContentEntry *container = nullptr;
       dmsClmGetContentEntryById(list, &container, id);
-      if (container == nullptr || container->container == nullptr) continue;
-      ++container->container->updateCount;
+      if (container == nullptr || container->container() == nullptr) continue;
+      ++container->container()->updateCount;
       pairs.push_back(id);
-      pairs.push_back(container->container->updateCount);
+      pairs.push_back(container->container()->updateCount);
     }
     systemUpdateId = ++list->systemUpdateId;
     list->containerUpdatePairs = pairs;
@@ -320,15 +320,15 @@ int32_t publish(dmsContentListInfo *list, ChangedContainers &changes) {
 }  // namespace
 
 dmsContentEntry *dmsClmFindChild(const dmsContentEntry *container, const std::string &name) {
-  if (container == nullptr || container->container == nullptr) return nullptr;
-  const auto &children = container->container->children;
+  if (container == nullptr || container->container() == nullptr) return nullptr;
+  const auto &children = container->container()->children;
   auto at = std::lower_bound(children.begin(), children.end(), std::string_view(name),
                              [](const dmsContentEntry *e, std::string_view n) { return nameOf(e) < n; });
   return at != children.end() && nameOf(*at) == name ? *at : nullptr;
 }
 
 std::ptrdiff_t dmsClmChildIndex(const dmsContentEntry *container, const dmsContentEntry *child) {
-  const auto &children = container->container->children;
+  const auto &children = container->container()->children;
   auto at = std::lower_bound(children.begin(), children.end(), nameOf(child),
                              [](const dmsContentEntry *e, std::string_view n) { return nameOf(e) < n; });
   return at != children.end() && *at == child ? at - children.begin() : -1;
@@ -358,7 +358,7 @@ int32_t clmFsmNotificationCallBack(dmsContentListInfo *list, dmsContentEntry *co
       }
       break;
     case FSM_EVENT_RESCAN:
-      for (dmsContentEntry *shared : std::vector<dmsContentEntry *>(list->root->container->children)) {
+      for (dmsContentEntry *shared : std::vector<dmsContentEntry *>(list->root->container()->children)) {
         if (shared->type == DMS_CLM_TYPE_CONTAINER) reconcile(list, shared, changes);
       }
       break;

@@ -19,13 +19,14 @@ namespace {
 constexpr size_t kLargestBlock = 4096;
 }
 
-static_assert(std::is_nothrow_default_constructible_v<dmsContentEntry>);
+static_assert(std::is_nothrow_constructible_v<dmsContentEntry, uint8_t>);
 
 dmsClmEntryPool::dmsClmEntryPool() = default;
 
 dmsClmEntryPool::~dmsClmEntryPool() = default;
 
-dmsClmEntryPool::Owned dmsClmEntryPool::make() {
+dmsClmEntryPool::Owned dmsClmEntryPool::make(uint8_t type) {
+  if (type != DMS_CLM_TYPE_ITEM) return Owned(std::make_unique<dmsFolderEntry>(type).release(), GiveBack{this});
   if (free_ == nullptr) {
     const size_t count = nextBlock_;
     blocks_.reserve(blocks_.size() + 1);
@@ -40,10 +41,14 @@ dmsClmEntryPool::Owned dmsClmEntryPool::make() {
   Slot *slot = free_;
   free_ = slot->next;
   // The entry's constructor cannot throw: the slot is in use from here on.
-  return Owned(std::construct_at(&slot->entry), GiveBack{this});
+  return Owned(std::construct_at(&slot->entry, type), GiveBack{this});
 }
 
 void dmsClmEntryPool::give(dmsContentEntry *entry) noexcept {
+  if (entry->type != DMS_CLM_TYPE_ITEM) {
+    std::unique_ptr<dmsFolderEntry> folder(static_cast<dmsFolderEntry *>(entry));
+    return;
+  }
   std::destroy_at(entry);
   // The entry is the slot's only member at offset 0: its address is the slot's.
   Slot *slot = reinterpret_cast<Slot *>(entry);

@@ -1,5 +1,6 @@
-// Where a list's entries live: blocks of slots, each slot one entry, and
-// the slots of freed entries kept for the next ones made.
+// Where a list's entries live: items in blocks of slots, each slot one
+// item, and the slots of freed items kept for the next ones made; the root
+// and folders (a hundredth of a library, and larger) one by one.
 //
 // A large library holds one entry per file; made one by one, each would
 // also cost the allocator's header and rounding (8 bytes or more apiece, a
@@ -32,8 +33,9 @@ class dmsClmEntryPool {
   dmsClmEntryPool(const dmsClmEntryPool &) = delete;
   dmsClmEntryPool &operator=(const dmsClmEntryPool &) = delete;
 
-  // A new entry with its default values.  May throw std::bad_alloc.
-  Owned make();
+  // A new entry of `type` (DMS_CLM_TYPE_*; a dmsFolderEntry for the root
+  // and folders) with its default values.  May throw std::bad_alloc.
+  Owned make(uint8_t type);
   // Takes back the ownership of an entry it made and handed out.
   Owned own(dmsContentEntry *entry) noexcept { return Owned(entry, GiveBack{this}); }
 

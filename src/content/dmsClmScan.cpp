@@ -389,7 +389,7 @@ dmsContentEntry *createEntryAndAddToList(dmsContentListInfo *list, dmsPendingEnt
               list->maxContent);
     return nullptr;
   }
-  dmsClmEntryPool::Owned entry = list->entryPool.make();
+  dmsClmEntryPool::Owned entry = list->entryPool.make(static_cast<uint8_t>(pending.type));
   // An earlier run's id, unless an entry holds it already (a folder shared
   // twice); else a new one.
   const bool recalled = pending.presetId != 0 && !list->entriesById.holds(pending.presetId);
@@ -401,20 +401,16 @@ dmsContentEntry *createEntryAndAddToList(dmsContentListInfo *list, dmsPendingEnt
   } else {
     entry->path = std::move(pending.path);
   }
-  entry->type = pending.type;
   entry->parent = parent;
   entry->fileSize = pending.fileSize;
   entry->media = pending.media;
   entry->tags = pending.tags;
-  if (entry->type != DMS_CLM_TYPE_ITEM) {
-    entry->container = pending.container != nullptr ? std::move(pending.container)
-                                                    : std::make_unique<dmsContainerState>();
-  }
+  if (entry->container() != nullptr && pending.container != nullptr) *entry->container() = std::move(*pending.container);
   list->entriesById.insert(entry.get());
   ++list->entryCount;
   dmsContentEntry *made = entry.release();  // owned by the list from here on
   (made->type == DMS_CLM_TYPE_ITEM ? list->madeItems : list->madeFolders).push_back(made->id);
-  if (made->container != nullptr && !made->container->playlists.empty()) list->playlistFolders.push_back(made->id);
+  if (made->container() != nullptr && !made->container()->playlists.empty()) list->playlistFolders.push_back(made->id);
   if (made->type != DMS_CLM_TYPE_CONTAINER) return made;
   if (filterOn()) ++list->maxContent;
   if (list->monitor != nullptr) dmsFsmAddToMointor(list->monitor, made);
@@ -431,7 +427,7 @@ void dmsClmAttachChildren(dmsContentListInfo *list, dmsContentEntry *container,
     size_t next;
   };
   std::vector<Frame> stack{{container, &pending, 0}};
-  container->container->children.reserve(container->container->children.size() + pending.children.size());
+  container->container()->children.reserve(container->container()->children.size() + pending.children.size());
   while (!stack.empty()) {
     Frame &frame = stack.back();
     std::vector<dmsPendingEntry> &children = frame.pending->children;
@@ -445,9 +441,9 @@ void dmsClmAttachChildren(dmsContentListInfo *list, dmsContentEntry *container,
     dmsPendingEntry &child = children[frame.next++];
     dmsContentEntry *entry = createEntryAndAddToList(list, child, frame.container);
     if (entry == nullptr) continue;
-    frame.container->container->children.push_back(entry);
+    frame.container->container()->children.push_back(entry);
     if (entry->type == DMS_CLM_TYPE_CONTAINER) {
-      entry->container->children.reserve(child.children.size());
+      entry->container()->children.reserve(child.children.size());
       stack.push_back({entry, &child, 0});  // `frame` is not used past here
     }
   }

@@ -161,8 +161,8 @@ int32_t dmsFsmStopMonitor(dmsFsmMonitor *monitor) {
 }
 
 int32_t dmsFsmAddToMointor(dmsFsmMonitor *monitor, dmsContentEntry *container) {
-  if (monitor == nullptr || container == nullptr || container->container == nullptr) return DMS_ERR_INVALID_PARAM;
-  int32_t &watchDescriptor = container->container->watchDescriptor;
+  if (monitor == nullptr || container == nullptr || container->container() == nullptr) return DMS_ERR_INVALID_PARAM;
+  int32_t &watchDescriptor = container->container()->watchDescriptor;
   const std::string path = dmsClmEntryPath(container);
   int wd = inotify_add_watch(monitor->inotifyDescriptor, path.c_str(), DMS_FSM_WATCH_MASK);
   if (wd < 0) {
@@ -180,8 +180,8 @@ int32_t dmsFsmAddToMointor(dmsFsmMonitor *monitor, dmsContentEntry *container) {
 }
 
 int32_t dmsFsmRemoveFromMointor(dmsFsmMonitor *monitor, dmsContentEntry *container) {
-  if (monitor == nullptr || container == nullptr || container->container == nullptr) return DMS_ERR_INVALID_PARAM;
-  int32_t &watchDescriptor = container->container->watchDescriptor;
+  if (monitor == nullptr || container == nullptr || container->container() == nullptr) return DMS_ERR_INVALID_PARAM;
+  int32_t &watchDescriptor = container->container()->watchDescriptor;
   if (watchDescriptor < 0) return DMS_SUCCESS;
   int result = inotify_rm_watch(monitor->inotifyDescriptor, watchDescriptor);
   if (result != 0) {

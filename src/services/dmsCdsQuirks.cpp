@@ -139,10 +139,10 @@ const char *dmsCdsSubtitleType(uint32_t quirks, const dmsSubtitleFormat &format)
 std::vector<dmsSubtitle> dmsCdsSubtitlesOf(const dmsContentEntry &entry) {
   const dmsContentEntry *folder = entry.parent;
   const bool video = entry.media.mediaClass == MFD_CLASS_VIDEO || entry.media.mediaClass == MFD_CLASS_AV;
-  if (!video || folder == nullptr || folder->container == nullptr || folder->container->subtitles.empty()) return {};
+  if (!video || folder == nullptr || folder->container() == nullptr || folder->container()->subtitles.empty()) return {};
   std::string_view name = entry.path;
   name.remove_prefix(name.rfind('/') == std::string_view::npos ? 0 : name.rfind('/') + 1);
-  return dmsSubtitlesFor(folder->container->subtitles, name);
+  return dmsSubtitlesFor(folder->container()->subtitles, name);
 }
 
 void dmsCdsAddSubtitles(const dmsCdsObjectRequest &request, const dmsContentEntry &entry, dmsCdsItemRecord &record) {

@@ -239,7 +239,7 @@ void dmsViews::rebuild() {
     pending.pop_back();
     if (at == nullptr) continue;
     if (at->type == DMS_CLM_TYPE_ITEM) items.push_back(at->id);
-    if (at->container != nullptr && !at->container->playlists.empty()) playlistFolders.push_back(at->id);
+    if (at->container() != nullptr && !at->container()->playlists.empty()) playlistFolders.push_back(at->id);
     for (const dmsContentEntry *child : dmsClmChildren(at)) pending.push_back(child);
   }
   std::sort(items.begin(), items.end());

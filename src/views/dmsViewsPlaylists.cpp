@@ -29,9 +29,9 @@ std::vector<dmsViews::PlaylistRead> dmsViews::readPlaylists(const std::vector<ui
   std::vector<std::string> paths;
   for (uint32_t folderId : folders) {
     const dmsContentEntry *folder = list_->entriesById.find(folderId);
-    if (folder == nullptr || folder->container == nullptr) continue;
+    if (folder == nullptr || folder->container() == nullptr) continue;
     const std::string where = dmsClmEntryPath(folder);
-    for (const std::string &name : folder->container->playlists) {
+    for (const std::string &name : folder->container()->playlists) {
       dmsPlaylistFormat format;
       const std::string path = where + (where.ends_with('/') ? "" : "/") + name;
       paths.clear();

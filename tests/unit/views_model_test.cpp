@@ -108,7 +108,7 @@ TEST(ViewsModel, FollowingChangesEqualsBuildingAnew) {
       }
     }
   });
-  dmsContentEntry *folder = list->root->container->children.at(0);
+  dmsContentEntry *folder = list->root->container()->children.at(0);
   const auto tell = [&](const std::string &name, uint32_t kind) {
     clmFsmNotificationCallBack(list, folder, nullptr, name.c_str(), kind);
   };
