@@ -373,7 +373,8 @@ extern "C" DMS_EXPORT int32_t dmsClmUnlockContentList(dmsContentListInfo *list) 
 
 const std::vector<dmsContentEntry *> &dmsClmChildren(const dmsContentEntry *entry) {
   static const std::vector<dmsContentEntry *> kNone;
-  return entry->container() != nullptr ? entry->container()->children : kNone;
+  const dmsContainerState *container = entry->container();
+  return container != nullptr ? container->children : kNone;
 }
 
 std::string dmsClmEntryPath(const dmsContentEntry *entry) {
@@ -441,10 +442,10 @@ int32_t dmsClmGetContainerInfoForEntry(dmsContentEntry *entry, uint32_t *id,
   }
   if (id != nullptr) *id = entry->id;
   if (parent != nullptr) *parent = entry->parent;
-  const dmsContainerState *container = entry->container();
+  dmsContainerState *container = entry->container();
   const bool none = container == nullptr || container->children.empty();
   if (childCount != nullptr) *childCount = none ? 0 : static_cast<int32_t>(container->children.size());
-  if (children != nullptr) *children = none ? nullptr : entry->container()->children.data();
+  if (children != nullptr) *children = none ? nullptr : container->children.data();
   if (reserved != nullptr) *reserved = 0;
   return DMS_SUCCESS;
 }

@@ -306,10 +306,10 @@ int32_t publish(dmsContentListInfo *list, ChangedContainers &changes) {
     for (uint32_t id : changes) {
       dmsContentEntry *container = nullptr;
       dmsClmGetContentEntryById(list, &container, id);
-      if (container == nullptr || container->container() == nullptr) continue;
-      ++container->container()->updateCount;
+      dmsContainerState *state = container != nullptr ? container->container() : nullptr;
+      if (state == nullptr) continue;
       pairs.push_back(id);
-      pairs.push_back(container->container()->updateCount);
+      pairs.push_back(++state->updateCount);
     }
     systemUpdateId = ++list->systemUpdateId;
     list->containerUpdatePairs = pairs;

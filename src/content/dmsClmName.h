@@ -24,8 +24,6 @@ class dmsClmName {
   // Takes `text` in place of the name.  May throw std::bad_alloc (the name
   // is then unchanged).
   dmsClmName &operator=(std::string_view text);
-  dmsClmName &operator=(const std::string &text) { return *this = std::string_view(text); }
-  dmsClmName &operator=(const char *text) { return *this = std::string_view(text); }
 
   std::string_view view() const noexcept { return {c_str(), size()}; }
   operator std::string_view() const noexcept { return view(); }

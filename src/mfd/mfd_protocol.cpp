@@ -381,17 +381,10 @@ const std::vector<const ProtocolStrings *> &allStrings() {
 }  // namespace
 
 uint16_t mfd_protocolStringsNumber(const mfdProtocolStrings &strings) {
-  // (address, number) pairs by address, made once.
-  static const std::vector<std::pair<const ProtocolStrings *, uint16_t>> byAddress = [] {
-    std::vector<std::pair<const ProtocolStrings *, uint16_t>> pairs;
-    const auto &all = allStrings();
-    for (size_t index = 0; index < all.size(); ++index) pairs.emplace_back(all[index], static_cast<uint16_t>(index + 1));
-    std::sort(pairs.begin(), pairs.end(), [](const auto &a, const auto &b) { return std::less<>()(a.first, b.first); });
-    return pairs;
-  }();
-  const auto found = std::lower_bound(byAddress.begin(), byAddress.end(), &strings,
-                                      [](const auto &pair, const ProtocolStrings *key) { return std::less<>()(pair.first, key); });
-  return found != byAddress.end() && found->first == &strings ? found->second : 0;
+  // A few score constants, looked through once per file detected.
+  const auto &all = allStrings();
+  const auto found = std::find(all.begin(), all.end(), &strings);
+  return found != all.end() ? static_cast<uint16_t>(found - all.begin() + 1) : 0;
 }
 
 const mfdProtocolStrings *mfd_protocolStringsNumbered(uint16_t number) {
